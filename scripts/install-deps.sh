@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs everything needed to build, run and test hwtopod on a fresh Debian
+# (bookworm) machine. Safe to run again: packages already present are skipped.
+set -euo pipefail
+
+packages=(
+    meson ninja-build pkg-config g++ clang libclang-rt-dev clang-format
+    libsdbus-c++-dev libsystemd-dev libboost-dev nlohmann-json3-dev
+    libgpiod-dev libgtest-dev libgmock-dev
+    dbus-daemon dbus systemd python3 python3-jsonschema
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$p")
+    fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+    echo "install-deps: all packages present"
+    exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "install-deps: missing ${missing[*]}; run as root" >&2
+    exit 1
+fi
+
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"
+echo "install-deps: installed ${missing[*]}"

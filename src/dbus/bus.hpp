@@ -1,0 +1,218 @@
+#pragma once
+
+// The daemon's own D-Bus connection, object server, published interfaces and
+// signal matches. The binding library stays behind this header: the rest of
+// the daemon speaks of these small types only.
+
+#include "common/types.hpp"
+
+#include <boost/asio/io_context.hpp>
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <variant>
+#include <vector>
+
+namespace sdbus
+{
+class IConnection;
+class IObject;
+} // namespace sdbus
+
+namespace hwtopod::dbus
+{
+
+// A failure reported by the bus or the binding, with its text.
+class Error : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Values the daemon publishes, with their D-Bus signatures s, b, i, u, t, x,
+// d, as, ax and at.
+using PropertyValue =
+    std::variant<std::string, bool, std::int32_t, std::uint32_t,
+                 std::uint64_t, std::int64_t, double, std::vector<std::string>,
+                 std::vector<std::int64_t>, std::vector<std::uint64_t>>;
+
+std::string signatureOf(const PropertyValue& value);
+
+bool isValidMemberName(const std::string& name);
+
+// The connection is driven by a Boost.Asio io_context: its file descriptor
+// and time-out are waited for on that context. Only one thread at a time may
+// use the bus, so every operation goes through run(): on the loop thread it
+// runs at once; from another thread it is handed to the loop and the caller
+// waits; before the loop runs (start-up) or after it has stopped it runs on
+// the calling thread under a lock.
+class Connection : public std::enable_shared_from_this<Connection>
+{
+  public:
+    // Opens the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured). Throws
+    // Error when there is no bus.
+    static std::shared_ptr<Connection> openSystemBus(
+        boost::asio::io_context& io);
+
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    Connection(Connection&&) = delete;
+    Connection& operator=(Connection&&) = delete;
+
+    // Asks the bus for a well-known name with the sd-bus request flags
+    // (1 replace existing, 2 allow replacement). Throws Error when the name
+    // is not ours afterwards.
+    void requestName(const std::string& name, std::uint64_t flags);
+
+    // Body of the io thread: processes the bus on the io_context until the
+    // context stops. Exceptions of handlers propagate to the caller.
+    void runLoop();
+
+    template <typename F>
+    auto run(F&& function) -> std::invoke_result_t<F>
+    {
+        using Result = std::invoke_result_t<F>;
+        if (std::this_thread::get_id() == loopThreadId())
+        {
+            return function();
+        }
+        {
+            std::unique_lock lock(inlineMutex);
+            if (!loopRunning)
+            {
+                return function();
+            }
+        }
+        auto task = std::make_shared<std::packaged_task<Result()>>(
+            std::forward<F>(function));
+        auto future = task->get_future();
+        post([task]() { (*task)(); });
+        return future.get();
+    }
+
+    sdbus::IConnection& raw()
+    {
+        return *bus;
+    }
+
+    // Re-evaluates what the loop waits for; called after work that may have
+    // queued outgoing messages.
+    void flush();
+
+  private:
+    explicit Connection(boost::asio::io_context& io,
+                        std::unique_ptr<sdbus::IConnection> bus);
+
+    void post(std::function<void()> task);
+    std::thread::id loopThreadId();
+    void arm();
+    void process();
+
+    struct Waiter;
+
+    boost::asio::io_context& io;
+    std::unique_ptr<sdbus::IConnection> bus;
+    std::unique_ptr<Waiter> waiter;
+    std::mutex inlineMutex;
+    bool loopRunning = false;
+    std::thread::id loopThread;
+};
+
+// One published interface on one path. Properties are registered before
+// initialize(); after it, values change through setProperty(), which emits
+// PropertiesChanged. All properties are read-only for other clients.
+class Interface
+{
+  public:
+    Interface(std::shared_ptr<Connection> connection, std::string path,
+              std::string name);
+    ~Interface();
+    Interface(const Interface&) = delete;
+    Interface& operator=(const Interface&) = delete;
+    Interface(Interface&&) = delete;
+    Interface& operator=(Interface&&) = delete;
+
+    // Ignored (false) after initialize(), for a name that is no valid member
+    // name, and for a name registered already.
+    bool registerProperty(const std::string& name, PropertyValue value);
+
+    // Publishes the interface with the properties registered so far and
+    // announces it with InterfacesAdded. A second call does nothing.
+    bool initialize();
+    bool isInitialized() const;
+
+    bool hasProperty(const std::string& name) const;
+
+    // True when the value changed; the change is then signalled.
+    bool setProperty(const std::string& name, PropertyValue value);
+
+    const std::string& path() const
+    {
+        return objectPath;
+    }
+    const std::string& name() const
+    {
+        return interfaceName;
+    }
+
+  private:
+    std::shared_ptr<Connection> connection;
+    std::string objectPath;
+    std::string interfaceName;
+    // Touched only through connection->run(): one thread at a time.
+    std::vector<std::pair<std::string, PropertyValue>> properties;
+    std::unique_ptr<sdbus::IObject> object;
+    bool initialized = false;
+};
+
+// Serves objects on the connection, with an object manager at "/".
+class ObjectServer
+{
+  public:
+    explicit ObjectServer(std::shared_ptr<Connection> connection);
+    ~ObjectServer();
+    ObjectServer(const ObjectServer&) = delete;
+    ObjectServer& operator=(const ObjectServer&) = delete;
+    ObjectServer(ObjectServer&&) = delete;
+    ObjectServer& operator=(ObjectServer&&) = delete;
+
+    std::shared_ptr<Interface> addInterface(const std::string& path,
+                                            const std::string& name);
+
+  private:
+    std::shared_ptr<Connection> connection;
+    std::unique_ptr<sdbus::IObject> root;
+};
+
+// A signal match on the connection for InterfacesAdded signals. The callback
+// runs on the loop thread with the object path and its interfaces.
+class Match
+{
+  public:
+    using InterfacesAddedHandler = std::function<void(
+        const std::string& path, const InterfaceProperties& interfaces)>;
+
+    Match(std::shared_ptr<Connection> connection, const std::string& rule,
+          InterfacesAddedHandler handler);
+    ~Match();
+    Match(const Match&) = delete;
+    Match& operator=(const Match&) = delete;
+    Match(Match&&) = delete;
+    Match& operator=(Match&&) = delete;
+
+  private:
+    std::shared_ptr<Connection> connection;
+    std::shared_ptr<void> slot;
+};
+
+} // namespace hwtopod::dbus

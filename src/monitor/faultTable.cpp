@@ -1,0 +1,12 @@
+#include "faultTable.hpp"
+
+namespace hwtopod
+{
+
+const std::vector<FpgaGpioEntry>& fpgaGpioTable()
+{
+    static const std::vector<FpgaGpioEntry> rows;
+    return rows;
+}
+
+} // namespace hwtopod

@@ -1,0 +1,275 @@
+#include "platformBase.hpp"
+
+#include "common/logging.hpp"
+#include "dbus/client.hpp"
+
+#include <sys/sysinfo.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+namespace Platform
+{
+
+using hwtopod::LogLevel;
+using hwtopod::LogLine;
+
+namespace
+{
+// Leading decimal digits of text as an unsigned 32-bit number; empty when
+// there is no digit or the number overflows.
+std::optional<std::uint32_t> leadingNumber(const char* text)
+{
+    std::uint64_t value = 0;
+    bool digits = false;
+    for (const char* p = text; *p >= '0' && *p <= '9'; ++p)
+    {
+        digits = true;
+        value = value * 10 + static_cast<std::uint64_t>(*p - '0');
+        if (value > std::numeric_limits<std::uint32_t>::max())
+        {
+            return std::nullopt;
+        }
+    }
+    if (!digits)
+    {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(value);
+}
+} // namespace
+
+Base::Base()
+{
+    if (const char* revision = std::getenv("HW_REV_BASE"))
+    {
+        if (auto number = leadingNumber(revision))
+        {
+            logInfo() << "Motherboard revision compatibility is : " << *number;
+            motherboardRevisionBase = *number;
+        }
+        else
+        {
+            logWarning() << "Motherboard revision compatibility is unkown";
+        }
+    }
+
+    const char* status = std::getenv("HWTOPOD_STATUS");
+    if (status == nullptr)
+    {
+        logWarning() << "Environment variable HWTOPOD_STATUS is not set.";
+    }
+    else if (std::string_view(status) == "normal")
+    {
+        logInfo() << "hwtopod is started normally";
+    }
+    else
+    {
+        normalStart = false;
+        logWarning() << "hwtopod is restarted";
+    }
+
+    struct sysinfo info
+    {};
+    int result = sysinfo(&info);
+    if (result == 0)
+    {
+        upTimeSeconds = info.uptime;
+    }
+    else
+    {
+        std::printf("code error = %d\n", result);
+    }
+    logInfo() << "System is up " << upTimeSeconds << " seconds";
+}
+
+Base::~Base()
+{
+    io.stop();
+    if (ioThread && ioThread->joinable())
+    {
+        ioThread->join();
+    }
+    // Matches and interfaces go before the connection they live on.
+    dbusMatches.clear();
+    dbusInterfaces.clear();
+    objectServer.reset();
+    connection.reset();
+}
+
+void Base::getHardwareRevision()
+{
+    auto revision = hwtopod::dbus::getPropertyValue<std::uint64_t>(
+        "xyz.openbmc_project.EntityManager",
+        "/xyz/openbmc_project/inventory/system/board/kp100x_baseboard",
+        "xyz.openbmc_project.Inventory.Decorator.Asset", "HardwareRevision");
+    logInfo() << "HardwareRevision is " << revision;
+}
+
+void Base::getManufacturer()
+{
+    auto manufacturer = hwtopod::dbus::getPropertyValue<std::string>(
+        "xyz.openbmc_project.EntityManager",
+        "/xyz/openbmc_project/inventory/system/board/kp200x_baseboard",
+        "xyz.openbmc_project.Inventory.Decorator.Asset", "Manufacturer");
+    logInfo() << "Platform mfg is " << manufacturer;
+}
+
+void Base::probeCachedVpdd()
+{
+    // Copy the paths: a probe may not change the map, but the walk must not
+    // depend on that.
+    std::vector<std::string> paths;
+    paths.reserve(vpdObjects.size());
+    for (const auto& entry : vpdObjects)
+    {
+        paths.push_back(entry.first);
+    }
+    for (const auto& path : paths)
+    {
+        probeVpdd(path);
+    }
+}
+
+void Base::probeBpVpddDynamic(const std::string& /*path*/,
+                              std::uint64_t /*posId*/)
+{}
+
+void Base::probeRiserVpddDynamic(const std::string& /*path*/,
+                                 std::uint64_t /*posId*/)
+{}
+
+void Base::initPcieSlotMap() {}
+
+void Base::preDiscoveryHook() {}
+
+void Base::postDiscoveryHook() {}
+
+void Base::serviceSetup() {}
+
+void Base::sendZmcEvent(std::string eventId, std::uint8_t index,
+                        std::string deviceName)
+{
+    hwtopod::writeZmcEvent(eventId, index, deviceName);
+}
+
+void Base::serviceInit()
+{
+    if (objectServer || connection)
+    {
+        logInfo() << "Base::serviceInit had been executed";
+        return;
+    }
+    serviceName = "com.halvex.hwtopod";
+    // A failure here (no bus, the name held by another process) leaves this
+    // function as hwtopod::dbus::Error; the service thread ends the process
+    // so that systemd restarts it.
+    auto newConnection = hwtopod::dbus::Connection::openSystemBus(io);
+    auto server = std::make_shared<hwtopod::dbus::ObjectServer>(newConnection);
+    {
+        std::lock_guard lock(stateMutex);
+        connection = newConnection;
+        objectServer = server;
+    }
+    stateChanged.notify_all();
+    connection->requestName(serviceName, 3);
+
+    publishSoftwareConfig();
+    publishLowSecurityJumper();
+    publishChassisDimension();
+    publishPsuConfigs();
+
+    serviceSetup();
+    {
+        std::lock_guard lock(stateMutex);
+        serviceSetupDone = true;
+    }
+    stateChanged.notify_all();
+    logInfo() << "Service is set";
+}
+
+void Base::serviceRun()
+{
+    if (!objectServer || !connection)
+    {
+        logInfo() << "Base::serviceInit was notexecuted";
+        return;
+    }
+    if (ioThread)
+    {
+        return;
+    }
+    ioThread = std::make_shared<std::thread>([this]() {
+        try
+        {
+            connection->runLoop();
+        }
+        catch (const std::exception& e)
+        {
+            logCritical() << "Exception in io running: " << e.what();
+        }
+    });
+    logInfo() << "Thread for service is forked";
+}
+
+void Base::waitForObjectServer()
+{
+    std::unique_lock lock(stateMutex);
+    stateChanged.wait(lock, [this]() { return objectServer != nullptr; });
+}
+
+void Base::waitForServiceSetup()
+{
+    std::unique_lock lock(stateMutex);
+    stateChanged.wait(lock, [this]() { return serviceSetupDone; });
+}
+
+std::shared_ptr<hwtopod::dbus::Interface>
+    Base::addDbusInterface(const std::string& path,
+                           const std::string& interfaceName)
+{
+    std::shared_ptr<hwtopod::dbus::Interface> interface;
+    {
+        std::lock_guard lock(stateMutex);
+        if (!objectServer)
+        {
+            return nullptr;
+        }
+        auto key = std::make_pair(path, interfaceName);
+        if (dbusInterfaces.contains(key))
+        {
+            interface = nullptr;
+        }
+        else
+        {
+            interface = objectServer->addInterface(path, interfaceName);
+            dbusInterfaces.emplace(std::move(key), interface);
+        }
+    }
+    if (!interface)
+    {
+        logInfo() << "Interface " << interfaceName << " is already added to path "
+                 << path;
+        return nullptr;
+    }
+    logInfo() << "Interface " << interfaceName << " is added to path " << path;
+    return interface;
+}
+
+std::shared_ptr<hwtopod::dbus::Interface>
+    Base::findDbusInterface(const std::string& path,
+                            const std::string& interfaceName) const
+{
+    std::lock_guard lock(stateMutex);
+    auto found = dbusInterfaces.find(std::make_pair(path, interfaceName));
+    return found == dbusInterfaces.end() ? nullptr : found->second;
+}
+
+std::string Base::getProductName() const
+{
+    std::lock_guard lock(productNameMutex);
+    return productName;
+}
+
+} // namespace Platform

@@ -1,0 +1,210 @@
+#pragma once
+
+#include "common/logging.hpp"
+#include "common/records.hpp"
+#include "common/types.hpp"
+#include "dbus/bus.hpp"
+#include "events/events.hpp"
+#include "monitor/faultTable.hpp"
+
+#include <boost/asio/io_context.hpp>
+#include <nlohmann/json.hpp>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace Platform
+{
+
+using hwtopod::DbusVariant;
+using hwtopod::DeviceState;
+using hwtopod::VpdProperties;
+using hwtopod::logCritical;
+using hwtopod::logError;
+using hwtopod::logInfo;
+using hwtopod::logWarning;
+
+// What every machine of the product line shares: the D-Bus service, object
+// publishing, rule documents, the VPD cache, the device-state table and the
+// found-hardware documents.
+//
+// Threads and locks. The machine definition is written before any thread
+// starts. Everything the daemon publishes goes through the connection's
+// run(), so the bus is used by one thread at a time. VPD discovery (the
+// match callback, probeCachedVpdd and the probes) runs on the io thread only:
+// on a restart the hardware thread reads the VPD objects and hands the merge
+// and the probing to the io thread, so the cache and the found-hardware
+// documents have a single writer and need no lock. The FPGA-derived members
+// are written by the hardware thread before hwDiscoveryDone, an atomic flag
+// that orders every later reader after them.
+class Base
+{
+  public:
+    Base();
+    virtual ~Base();
+
+    Base(const Base&) = delete;
+    Base& operator=(const Base&) = delete;
+    Base(Base&&) = delete;
+    Base& operator=(Base&&) = delete;
+
+    // Virtual operations, in their order.
+    virtual void getHardwareRevision();
+    virtual void getManufacturer();
+    virtual void probeCachedVpdd();
+    virtual void probeRiserVpddStatic(const std::string& path,
+                                      std::uint64_t posId);
+    virtual void probeCpu(const std::string& path);
+    virtual void probeBpVpddDynamic(const std::string& path,
+                                    std::uint64_t posId);
+    virtual void probeRiserVpddDynamic(const std::string& path,
+                                       std::uint64_t posId);
+    virtual void initPcieSlotMap();
+    // Machine hooks without a caller.
+    virtual void preDiscoveryHook();
+    virtual void postDiscoveryHook();
+    virtual void platformInfoInit();
+    virtual void serviceSetup();
+    virtual void sendZmcEvent(std::string eventId, std::uint8_t index,
+                              std::string deviceName);
+
+    // Service start-up.
+    void serviceInit();
+    void serviceRun();
+
+    // Publishing.
+    std::shared_ptr<hwtopod::dbus::Interface>
+        addDbusInterface(const std::string& path,
+                         const std::string& interfaceName);
+    // The interface published at (path, interfaceName), or null.
+    std::shared_ptr<hwtopod::dbus::Interface>
+        findDbusInterface(const std::string& path,
+                          const std::string& interfaceName) const;
+    void addJsonProperty(
+        const std::shared_ptr<hwtopod::dbus::Interface>& interface,
+        const std::string& key, const nlohmann::json& value);
+
+    // Blocks until serviceInit has made the object server, so that the
+    // hardware thread's first publications are not lost.
+    void waitForObjectServer();
+    // Blocks until serviceSetup has run (rule documents, vpdReadyPath).
+    void waitForServiceSetup();
+
+    // Rule files and VPD.
+    int loadTrd();
+    void matchVpdd();
+    void waitForVpd();
+    void probeVpdd(const std::string& path);
+    void probeBpVpddStatic(const std::string& path, std::uint64_t posId);
+    void probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
+                                             std::uint64_t posId);
+    void updateFruName(const std::string& path, const std::string& format,
+                       hwtopod::DeviceType type, std::uint8_t index,
+                       const std::string& name);
+    void updateProductName();
+
+    // FPGA device states.
+    bool getFpgaDeviceState(std::uint32_t key);
+
+    // Fault monitoring, device presence, chassis intrusion.
+    void powerFaultDetect();
+    void gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows);
+    void setDevicePresence();
+    void remedyChassisCloseEvent();
+
+    std::string getProductName() const;
+
+    // Machine definition.
+    std::string codeName;
+    std::string platformName = "Platform Prototype";
+    std::string backplanesFile =
+        "/usr/share/vantarack-bmc-apps/hwtopod/bhs_backplanes.json";
+    std::string risersFile;
+    std::string powerBackplanesFiles;
+    std::string psuConfigFiles;
+    std::uint32_t maxCpu = 1;
+    std::uint32_t maxDimm = 8;
+    std::uint32_t maxPsu = 0;
+    std::uint32_t maxPci = 0;
+    std::uint32_t maxOcp = 0;
+    std::uint32_t maxFanMod = 0;
+    std::uint32_t maxFrontBp = 0;
+    std::uint32_t maxRearBp = 0;
+    std::uint32_t maxMiddleBp = 0;
+    std::uint32_t maxFrontM2 = 0;
+    std::uint32_t maxRearM2 = 0;
+    std::uint32_t maxInternalM2 = 0;
+    bool bpProbeStatic = true;
+    bool riserProbeStatic = true;
+    bool midplaneProbeEnabled = false;
+    bool bpTypeKeyed = false;
+    std::uint64_t motherboardRevisionBase = 0;
+    long upTimeSeconds = 0;
+    bool chassisCloseRemedied = false;
+    std::atomic<bool> hwDiscoveryDone = false;
+    bool devicePresencePublished = false;
+    std::map<std::uint32_t, DeviceState> fpgaDevices;
+    bool normalStart = true;
+    bool vpdMatchCompleted = false;
+    std::string daisyCardVpdPath;
+    std::string daisyCardFruName;
+    boost::asio::io_context io;
+    std::string serviceName;
+    std::string miniVersion = "01W";
+    std::int32_t chassisHeightU = 0;
+    boost::container::flat_map<std::string, VpdProperties> vpdObjects;
+    std::map<std::pair<std::string, std::string>,
+             std::shared_ptr<hwtopod::dbus::Interface>>
+        dbusInterfaces;
+    std::map<std::string, bool> backplaneInstalled;
+    std::shared_ptr<hwtopod::dbus::ObjectServer> objectServer;
+    std::shared_ptr<hwtopod::dbus::Connection> connection;
+    std::shared_ptr<std::thread> ioThread;
+    std::shared_ptr<std::thread> gpioThread;
+    nlohmann::json backplanesFound;
+    nlohmann::json risersFound;
+    nlohmann::json midplanesFound;
+    std::shared_ptr<nlohmann::json> bpTrdRules;
+    std::shared_ptr<nlohmann::json> trdBackplanes;
+    std::shared_ptr<nlohmann::json> trdRisers;
+    std::shared_ptr<nlohmann::json> trdMidplanes;
+    std::shared_ptr<nlohmann::json> backplanesData;
+    std::shared_ptr<nlohmann::json> risersData;
+    std::shared_ptr<nlohmann::json> powerBackplanesData;
+    std::map<std::string, std::unique_ptr<hwtopod::dbus::Match>> dbusMatches;
+    std::string bpTrdRulesFile;
+    std::string vpdReadyPath;
+    std::string backplaneType = "NONE";
+    std::string gpioChipName;
+    std::string productName = "Vantarack";
+
+  protected:
+    // The match callback on InterfacesAdded of the VPD service.
+    void onVpdInterfacesAdded(const std::string& path,
+                              const hwtopod::InterfaceProperties& interfaces);
+
+    // serviceInit's publications.
+    void publishSoftwareConfig();
+    void publishLowSecurityJumper();
+    void publishChassisDimension();
+    void publishPsuConfigs();
+
+  private:
+    // Guards the members below and dbusInterfaces, written by the hardware,
+    // service and io threads.
+    mutable std::mutex stateMutex;
+    std::condition_variable stateChanged;
+    bool serviceSetupDone = false;
+    // productName is written on the io thread and read on the service thread.
+    mutable std::mutex productNameMutex;
+};
+
+} // namespace Platform

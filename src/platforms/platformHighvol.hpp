@@ -1,0 +1,70 @@
+#pragma once
+
+#include "platformBase.hpp"
+
+#include <array>
+
+namespace Platform
+{
+
+using hwtopod::bitset64;
+
+// The volume-server family: riser and PCIe bit sets, the riser topology
+// table, SKU state and the FPGA read-out.
+class Highvol : public Base
+{
+  public:
+    Highvol();
+    ~Highvol() override;
+
+    Highvol(const Highvol&) = delete;
+    Highvol& operator=(const Highvol&) = delete;
+    Highvol(Highvol&&) = delete;
+    Highvol& operator=(Highvol&&) = delete;
+
+    void probeCachedVpdd() override;
+    void probeBpVpddDynamic(const std::string& path,
+                            std::uint64_t posId) override;
+    void probeRiserVpddDynamic(const std::string& path,
+                               std::uint64_t posId) override;
+    void platformInfoInit() override;
+
+    virtual void checkPresence();
+    virtual void getSkuConfig();
+
+    // FPGA read-out on the hardware thread.
+    void waitForFpga();
+    void fpgaDump();
+    void hwDeviceDiscovery();
+    void readRiserTopology();
+    void getFpgaFanInfo();
+    // One pass of the hardware thread's closing loop.
+    void refreshFpgaBlock12();
+    void applyPlatformCoolingSettings();
+
+    void checkRiserConnection(const nlohmann::json& riser,
+                              std::string riserName);
+
+    void powerFaultMonitor();
+
+    int skuRearConfig = 0;
+    int skuFrontConfig = 0;
+    bitset64 riserSlotsProbed;
+    bitset64 vpdRiserSlots;
+    bitset64 fpgaRiserSlots;
+    bitset64 cageMismatch;
+    bitset64 cableMismatch;
+    bitset64 oldRisers;
+    bitset64 riserPresence;
+    bitset64 pcieCardPresence;
+    bitset64 pciePairing;
+    std::array<hwtopod::RiserTopologyEntry, 24> riserTopology{};
+    std::vector<hwtopod::PcieSlotEntry> pcieSlotMap;
+    std::map<std::string, std::string> skuNames;
+    bool cachedVpdDone = false;
+    std::map<std::uint32_t, std::string> fpgaMatchQueue;
+    std::uint8_t* fpgaBlock0 = nullptr;
+    std::uint8_t* fpgaBlock1 = nullptr;
+};
+
+} // namespace Platform

@@ -1,0 +1,291 @@
+#include "common/logging.hpp"
+#include "common/paths.hpp"
+#include "dbus/client.hpp"
+#include "monitor/lineReader.hpp"
+#include "platformHighvol.hpp"
+#include "platformInfo.hpp"
+
+#include <array>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+namespace Platform
+{
+
+namespace
+{
+constexpr auto basecfgPath = "/com/halvex/platform/basecfg";
+constexpr auto defaultBuildId = "QDM413B";
+
+enum class PsuKey
+{
+    boolean,
+    text,
+    number
+};
+
+// The optional keys of a PSU element, in the order they are registered.
+constexpr std::array<std::pair<const char*, PsuKey>, 9> psuOptionalKeys = {{
+    {"BusOwner", PsuKey::boolean},
+    {"DeviceIdentifier", PsuKey::text},
+    {"BaseAddressCff", PsuKey::number},
+    {"BaseAddressCrps", PsuKey::number},
+    {"BaseAddressCrpsFru", PsuKey::number},
+    {"SlotCount", PsuKey::number},
+    {"FruId", PsuKey::number},
+    {"FruName", PsuKey::text},
+    {"Location", PsuKey::number},
+}};
+
+} // namespace
+
+std::string readBuildId()
+{
+    std::ifstream file(hwtopod::rootPath("/etc/os-release"));
+    std::string line;
+    const std::string key = "HALVEX_BUILDID=";
+    while (file && std::getline(file, line))
+    {
+        if (line.rfind(key, 0) != 0)
+        {
+            continue;
+        }
+        std::string value = line.substr(key.size());
+        auto first = value.find('"');
+        if (first == std::string::npos)
+        {
+            return value;
+        }
+        auto last = value.rfind('"');
+        return last > first ? value.substr(first + 1, last - first - 1) : "";
+    }
+    return defaultBuildId;
+}
+
+std::string miniVersionFor(const std::string& templateVersion,
+                           const std::string& buildId)
+{
+    unsigned number = 0;
+    std::size_t digits = 0;
+    while (digits < templateVersion.size() &&
+           templateVersion[digits] >= '0' && templateVersion[digits] <= '9')
+    {
+        number = number * 10 + static_cast<unsigned>(templateVersion[digits] - '0');
+        ++digits;
+    }
+    const char letter = templateVersion.size() > 2 ? templateVersion[2] : ' ';
+
+    bool makeEven = false;
+    if (buildId.size() < 7)
+    {
+        std::cout << "invalid firmware build ID = " << buildId
+                  << " is detected" << std::endl;
+    }
+    else
+    {
+        makeEven = std::string_view("02468").find(buildId[5]) !=
+                   std::string_view::npos;
+    }
+
+    if (makeEven && number % 2 == 1)
+    {
+        number = number <= 97 ? 0 : number + 1;
+    }
+    else if (!makeEven && number % 2 == 0)
+    {
+        number = number > 0 ? number - 1 : 1;
+    }
+    char text[16];
+    std::snprintf(text, sizeof(text), "%02u", number);
+    return std::string(text) + letter;
+}
+
+void Base::platformInfoInit()
+{
+    auto revision = hwtopod::dbus::getPropertyValue<std::uint64_t>(
+        "com.halvex.vpdd", "/com/halvex/vpdd/HPM_VPD",
+        "com.halvex.vpdd.Halvex_Fullv3", "HardwareRevisionLevel");
+    if (revision == 0)
+    {
+        revision = 1;
+        logInfo() << "platform use default HardwareRevisionLevel value:" << 1;
+    }
+    auto interface =
+        addDbusInterface(basecfgPath, "com.halvex.hwtopod.hardware");
+    if (!interface)
+    {
+        return;
+    }
+    interface->registerProperty("PlatformName", platformName);
+    interface->registerProperty("HardwareRevision", revision);
+    interface->registerProperty("MaxCpu", maxCpu);
+    interface->registerProperty("MaxDimm", maxDimm);
+    interface->registerProperty("MaxPsu", maxPsu);
+    interface->registerProperty("MaxPci", maxPci);
+    interface->registerProperty("MaxOcp", maxOcp);
+    interface->registerProperty("MaxFrontBp", maxFrontBp);
+    interface->registerProperty("MaxRearBp", maxRearBp);
+    interface->registerProperty("MaxMiddleBp", maxMiddleBp);
+    interface->registerProperty("MaxFrontM2", maxFrontM2);
+    interface->registerProperty("MaxRearM2", maxRearM2);
+    interface->registerProperty("MaxInternalM2", maxInternalM2);
+    interface->registerProperty("MaxFanMod", maxFanMod);
+    interface->initialize();
+    logInfo() << "platform information added ";
+}
+
+void Highvol::platformInfoInit()
+{
+    Base::platformInfoInit();
+    auto interface =
+        addDbusInterface(basecfgPath, "com.halvex.hwtopod.status.backplane");
+    if (!interface)
+    {
+        return;
+    }
+    const std::uint32_t count = maxFrontBp + maxRearBp + maxMiddleBp;
+    for (std::uint32_t i = 1; i <= count; ++i)
+    {
+        const std::string name = "BP_" + std::to_string(i) + "_INSTALLED";
+        interface->registerProperty(name, false);
+    }
+    interface->initialize();
+    logInfo() << "platformInfoInit added ";
+}
+
+void Base::publishSoftwareConfig()
+{
+    auto interface = addDbusInterface("/com/halvex/platform/software/config",
+                                      "com.halvex.hwtopod.software.config");
+    if (!interface)
+    {
+        logWarning() << "Failed to add interface";
+        return;
+    }
+    const std::string buildId = readBuildId();
+    const std::string version = miniVersionFor(miniVersion, buildId);
+    logInfo() << "BMC version " << buildId;
+    logInfo() << "Set mini version:" << version;
+    interface->registerProperty("MiniVersion", version);
+    interface->initialize();
+}
+
+void Base::publishLowSecurityJumper()
+{
+    const std::string lineName = "LOW_SECURITY_JMP_N";
+    try
+    {
+        auto value = hwtopod::lineReader().readOnce(lineName, "securityJump");
+        if (!value)
+        {
+            logWarning() << "GPIO " << lineName << "not found";
+            return;
+        }
+        hwtopod::sendPresentEvent(hwtopod::DeviceType::SecurityJumper,
+                                  *value == 0, 0, "", false);
+        auto interface = addDbusInterface(
+            "/com/halvex/platform/hardware/config", "com.halvex.lowSecurityJmp");
+        if (interface)
+        {
+            interface->registerProperty("Status", std::int32_t{*value});
+            interface->initialize();
+        }
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "error Low Security Jump Service exception "
+                     << e.what();
+    }
+}
+
+void Base::publishChassisDimension()
+{
+    const std::string interfaceName =
+        "xyz.openbmc_project.Inventory.Decorator.Dimension";
+    auto interface =
+        addDbusInterface("/com/halvex/platform/hardware/chassis", interfaceName);
+    if (!interface)
+    {
+        logWarning() << "Failed to add interface:" << interfaceName;
+        return;
+    }
+    if (chassisHeightU == 0)
+    {
+        logInfo() << "HeightU is not right. Please init Chassis HeightU first.";
+    }
+    logInfo() << "Set Chassis HeightU " << chassisHeightU;
+    interface->registerProperty("HeightU", chassisHeightU);
+    interface->initialize();
+}
+
+void Base::publishPsuConfigs()
+{
+    std::error_code ec;
+    const std::string file = hwtopod::rootPath(psuConfigFiles);
+    if (psuConfigFiles.empty() ||
+        !std::filesystem::exists(std::filesystem::status(file, ec)))
+    {
+        logWarning() << "[STATE0] CANNOT FIND THE JSON psuConfigFiles, PATH = "
+                    << psuConfigFiles;
+        return;
+    }
+    logInfo() << "[STATE0] FIND THE JSON psuConfigFiles, PATH = "
+             << psuConfigFiles;
+    try
+    {
+        std::ifstream stream(file);
+        auto document = nlohmann::json::parse(stream);
+        for (const auto& element : document)
+        {
+            if (!element.is_object() || !element.contains("Name") ||
+                !element.contains("Type"))
+            {
+                continue;
+            }
+            const auto name = element.at("Name").get<std::string>();
+            const auto type = element.at("Type").get<std::string>();
+            auto interface =
+                addDbusInterface("/com/halvex/platform/hardware/psus/" + name,
+                                 "com.halvex." + type);
+            if (!interface)
+            {
+                continue;
+            }
+            interface->registerProperty("Name", name);
+            interface->registerProperty("Type", type);
+            for (const auto& [key, kind] : psuOptionalKeys)
+            {
+                if (!element.contains(key))
+                {
+                    continue;
+                }
+                const auto& value = element.at(key);
+                switch (kind)
+                {
+                    case PsuKey::boolean:
+                        interface->registerProperty(key, value.get<bool>());
+                        break;
+                    case PsuKey::text:
+                        interface->registerProperty(
+                            key, value.get<std::string>());
+                        break;
+                    case PsuKey::number:
+                        interface->registerProperty(
+                            key, value.get<std::uint64_t>());
+                        break;
+                }
+            }
+            interface->initialize();
+        }
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "Exception in initPsuConfigs : psuConfigFiles "
+                      << e.what();
+    }
+}
+
+} // namespace Platform
