@@ -1,0 +1,140 @@
+#include "journal.hpp"
+
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+namespace hwtopod::test
+{
+
+namespace
+{
+constexpr auto journalSocket = "/run/systemd/journal/socket";
+
+std::vector<JournalRecord> readAfter(const std::string& cursor, pid_t pid)
+{
+    sd_journal* journal = nullptr;
+    if (sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0)
+    {
+        throw std::runtime_error("sd_journal_open failed");
+    }
+    std::vector<JournalRecord> records;
+    const std::string pidMatch = "_PID=" + std::to_string(pid);
+    sd_journal_add_match(journal, pidMatch.c_str(), 0);
+    if (cursor.empty())
+    {
+        sd_journal_seek_head(journal);
+    }
+    else
+    {
+        sd_journal_seek_cursor(journal, cursor.c_str());
+    }
+    while (sd_journal_next(journal) > 0)
+    {
+        if (!cursor.empty() && sd_journal_test_cursor(journal, cursor.c_str()) > 0)
+        {
+            continue;
+        }
+        JournalRecord record;
+        const void* data = nullptr;
+        size_t length = 0;
+        SD_JOURNAL_FOREACH_DATA(journal, data, length)
+        {
+            std::string field(static_cast<const char*>(data), length);
+            auto equals = field.find('=');
+            if (equals != std::string::npos)
+            {
+                record[field.substr(0, equals)] = field.substr(equals + 1);
+            }
+        }
+        if (record.contains("REDFISH_MESSAGE_ID"))
+        {
+            records.push_back(std::move(record));
+        }
+    }
+    sd_journal_close(journal);
+    return records;
+}
+} // namespace
+
+void ensureJournald()
+{
+    if (std::filesystem::exists(journalSocket))
+    {
+        return;
+    }
+    pid_t pid = fork();
+    if (pid == 0)
+    {
+        setsid();
+        execl("/lib/systemd/systemd-journald", "systemd-journald",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    for (int i = 0; i < 500 && !std::filesystem::exists(journalSocket); ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (!std::filesystem::exists(journalSocket))
+    {
+        throw std::runtime_error("systemd-journald did not start");
+    }
+}
+
+JournalReader::JournalReader()
+{
+    ensureJournald();
+    sd_journal* journal = nullptr;
+    if (sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0)
+    {
+        throw std::runtime_error("sd_journal_open failed");
+    }
+    if (sd_journal_seek_tail(journal) >= 0 && sd_journal_previous(journal) > 0)
+    {
+        char* text = nullptr;
+        if (sd_journal_get_cursor(journal, &text) >= 0)
+        {
+            cursor = text;
+            free(text);
+        }
+    }
+    sd_journal_close(journal);
+}
+
+std::vector<JournalRecord> JournalReader::events(
+    pid_t pid, std::size_t count, std::chrono::milliseconds timeout) const
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (true)
+    {
+        auto records = readAfter(cursor, pid);
+        if (records.size() >= count ||
+            std::chrono::steady_clock::now() > deadline)
+        {
+            return records;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+std::vector<JournalRecord> JournalReader::settledEvents(
+    pid_t pid, std::chrono::milliseconds settle) const
+{
+    std::this_thread::sleep_for(settle);
+    return readAfter(cursor, pid);
+}
+
+std::vector<std::string> ids(const std::vector<JournalRecord>& records)
+{
+    std::vector<std::string> result;
+    for (const auto& record : records)
+    {
+        result.push_back(record.at("REDFISH_MESSAGE_ID"));
+    }
+    return result;
+}
+
+} // namespace hwtopod::test
