@@ -63,6 +63,7 @@ class Highvol : public Base
     std::map<std::string, std::string> skuNames;
     bool cachedVpdDone = false;
     std::map<std::uint32_t, std::string> fpgaMatchQueue;
+    // The regs of the images of FPGA devices 0 and 1, set by fpgaDump.
     std::uint8_t* fpgaBlock0 = nullptr;
     std::uint8_t* fpgaBlock1 = nullptr;
 };
