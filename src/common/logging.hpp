@@ -80,4 +80,3 @@ inline LogLine logCritical()
 }
 
 } // namespace hwtopod
-

@@ -14,10 +14,9 @@ namespace hwtopod
 // Value of a D-Bus property read from another service, in this order of
 // alternatives.
 using DbusVariant =
-    std::variant<std::string, std::int64_t, std::uint64_t, double,
-                 std::int32_t, std::uint32_t, std::int16_t, std::uint16_t,
-                 std::uint8_t, bool, std::vector<std::string>,
-                 std::vector<std::uint8_t>>;
+    std::variant<std::string, std::int64_t, std::uint64_t, double, std::int32_t,
+                 std::uint32_t, std::int16_t, std::uint16_t, std::uint8_t, bool,
+                 std::vector<std::string>, std::vector<std::uint8_t>>;
 
 // All properties of one VPD object, the interface level flattened away.
 using VpdProperties = boost::container::flat_map<std::string, DbusVariant>;

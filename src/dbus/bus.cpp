@@ -4,12 +4,12 @@
 #include "convert.hpp"
 
 #include <poll.h>
+#include <sdbus-c++/sdbus-c++.h>
 #include <systemd/sd-bus.h>
 
-#include <boost/asio/post.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
 
@@ -112,13 +112,15 @@ struct Connection::Waiter
 std::shared_ptr<Connection> Connection::openSystemBus(
     boost::asio::io_context& io)
 {
-    auto bus = translateErrors([]() { return sdbus::createSystemBusConnection(); });
+    auto bus =
+        translateErrors([]() { return sdbus::createSystemBusConnection(); });
     return std::shared_ptr<Connection>(new Connection(io, std::move(bus)));
 }
 
 Connection::Connection(boost::asio::io_context& io,
                        std::unique_ptr<sdbus::IConnection> bus) :
-    io(io), bus(std::move(bus))
+    io(io),
+    bus(std::move(bus))
 {
     waiter = std::make_unique<Waiter>(io, this->bus->getEventLoopPollData().fd);
 }
@@ -196,11 +198,11 @@ void Connection::arm()
         waiter->descriptor.async_wait(
             boost::asio::posix::stream_descriptor::wait_read,
             [this](const boost::system::error_code& ec) {
-                waiter->readPending = false;
-                if (!ec)
-                {
-                    process();
-                }
+            waiter->readPending = false;
+            if (!ec)
+            {
+                process();
+            }
             });
     }
     if ((pollData.events & POLLOUT) != 0 && !waiter->writePending)
@@ -209,11 +211,11 @@ void Connection::arm()
         waiter->descriptor.async_wait(
             boost::asio::posix::stream_descriptor::wait_write,
             [this](const boost::system::error_code& ec) {
-                waiter->writePending = false;
-                if (!ec)
-                {
-                    process();
-                }
+            waiter->writePending = false;
+            if (!ec)
+            {
+                process();
+            }
             });
     }
     auto timeout = pollData.getRelativeTimeout();
@@ -256,8 +258,8 @@ void Connection::runLoop()
 
 Interface::Interface(std::shared_ptr<Connection> connection, std::string path,
                      std::string name) :
-    connection(std::move(connection)), objectPath(std::move(path)),
-    interfaceName(std::move(name))
+    connection(std::move(connection)),
+    objectPath(std::move(path)), interfaceName(std::move(name))
 {}
 
 Interface::~Interface()
@@ -275,8 +277,9 @@ bool Interface::registerProperty(const std::string& name, PropertyValue value)
         {
             return false;
         }
-        auto found = std::find_if(properties.begin(), properties.end(),
-                                  [&](const auto& p) { return p.first == name; });
+        auto found =
+            std::find_if(properties.begin(), properties.end(),
+                         [&](const auto& p) { return p.first == name; });
         if (found != properties.end())
         {
             return false;
@@ -301,8 +304,8 @@ bool Interface::initialize()
                 object->registerProperty(
                     interfaceName, name, signatureOf(value),
                     [this, i](sdbus::PropertyGetReply& reply) {
-                        std::visit([&reply](const auto& v) { reply << v; },
-                                   properties[i].second);
+                    std::visit([&reply](const auto& v) { reply << v; },
+                               properties[i].second);
                     });
             }
             object->finishRegistration();
@@ -329,8 +332,9 @@ bool Interface::hasProperty(const std::string& name) const
 bool Interface::setProperty(const std::string& name, PropertyValue value)
 {
     return connection->run([&]() {
-        auto found = std::find_if(properties.begin(), properties.end(),
-                                  [&](const auto& p) { return p.first == name; });
+        auto found =
+            std::find_if(properties.begin(), properties.end(),
+                         [&](const auto& p) { return p.first == name; });
         if (found == properties.end() || found->second.index() != value.index())
         {
             return false;

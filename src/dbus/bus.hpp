@@ -41,8 +41,8 @@ class Error : public std::runtime_error
 // Values the daemon publishes, with their D-Bus signatures s, b, i, u, t, x,
 // d, as, ax and at.
 using PropertyValue =
-    std::variant<std::string, bool, std::int32_t, std::uint32_t,
-                 std::uint64_t, std::int64_t, double, std::vector<std::string>,
+    std::variant<std::string, bool, std::int32_t, std::uint32_t, std::uint64_t,
+                 std::int64_t, double, std::vector<std::string>,
                  std::vector<std::int64_t>, std::vector<std::uint64_t>>;
 
 std::string signatureOf(const PropertyValue& value);

@@ -62,19 +62,18 @@ T getPropertyValue(const std::string& service, const std::string& path,
     }
     catch (const std::exception& e)
     {
-        logError() << "getPropertyValue " << property << " failed: " << e.what();
+        logError() << "getPropertyValue " << property
+                   << " failed: " << e.what();
     }
     return T{};
 }
 
-template std::uint64_t getPropertyValue<std::uint64_t>(const std::string&,
-                                                       const std::string&,
-                                                       const std::string&,
-                                                       const std::string&);
-template std::string getPropertyValue<std::string>(const std::string&,
-                                                   const std::string&,
-                                                   const std::string&,
-                                                   const std::string&);
+template std::uint64_t getPropertyValue<std::uint64_t>(
+    const std::string&, const std::string&, const std::string&,
+    const std::string&);
+template std::string getPropertyValue<std::string>(
+    const std::string&, const std::string&, const std::string&,
+    const std::string&);
 
 void setPropertyValue(const std::string& path, const std::string& interface,
                       const std::string& value)
@@ -188,11 +187,10 @@ void callMethod(const std::string& service, const std::string& path,
     }
 }
 
-std::int32_t callMethodInt32(const std::string& service,
-                             const std::string& path,
-                             const std::string& interface,
-                             const std::string& method,
-                             const std::vector<Argument>& arguments)
+std::int32_t callMethodInt32(
+    const std::string& service, const std::string& path,
+    const std::string& interface, const std::string& method,
+    const std::vector<Argument>& arguments)
 {
     try
     {

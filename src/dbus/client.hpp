@@ -44,8 +44,7 @@ std::vector<std::string> getDbusInterfaces(const std::string& service,
 // Interface names of an introspection text, as getDbusInterfaces takes them.
 std::vector<std::string> interfacesOfIntrospection(const std::string& xml);
 
-using ManagedObjects =
-    std::vector<std::pair<std::string, InterfaceProperties>>;
+using ManagedObjects = std::vector<std::pair<std::string, InterfaceProperties>>;
 
 // GetManagedObjects of a service's object manager. Throws Error. Does not
 // take dbusClientMutex.
@@ -61,10 +60,9 @@ void callMethod(const std::string& service, const std::string& path,
                 const std::vector<Argument>& arguments);
 
 // A blocking method call whose reply is one int32. Throws Error.
-std::int32_t callMethodInt32(const std::string& service,
-                             const std::string& path,
-                             const std::string& interface,
-                             const std::string& method,
-                             const std::vector<Argument>& arguments);
+std::int32_t callMethodInt32(
+    const std::string& service, const std::string& path,
+    const std::string& interface, const std::string& method,
+    const std::vector<Argument>& arguments);
 
 } // namespace hwtopod::dbus

@@ -15,7 +15,7 @@ namespace
 #define HWTOPOD_STRINGIFY(x) HWTOPOD_STRINGIFY2(x)
 #define JOURNAL_SEND(function, ...)                                            \
     sd_journal_send_with_location("CODE_FILE=" __FILE__,                       \
-                                  "CODE_LINE=" HWTOPOD_STRINGIFY(__LINE__),   \
+                                  "CODE_LINE=" HWTOPOD_STRINGIFY(__LINE__),    \
                                   function, __VA_ARGS__, nullptr)
 
 std::string fullId(const std::string& shortId)
@@ -206,9 +206,8 @@ void sendConfigMismatchEvent(DeviceType type, ConfigMismatchKind kind,
                            name);
             return;
         case ConfigMismatchKind::ProcessorFeature:
-            JOURNAL_SEND(mismatchFunc, "MESSAGE=%s",
-                         message::processorFeature, "PRIORITY=%i", 6,
-                         "REDFISH_MESSAGE_ID=%s",
+            JOURNAL_SEND(mismatchFunc, "MESSAGE=%s", message::processorFeature,
+                         "PRIORITY=%i", 6, "REDFISH_MESSAGE_ID=%s",
                          fullId("TKRMBPU0015G").c_str(),
                          "REDFISH_MESSAGE_ARGS=");
             return;
@@ -223,20 +222,18 @@ void sendRiserCableEvent(int kind, const std::string& deviceName,
                          const std::string& wrongLocation,
                          const std::string& cableName)
 {
-    logInfo() << "sendRiserCableEvent " << " deviceName " << deviceName
-             << " rightLocation " << rightLocation << " wrongLocation "
-             << wrongLocation << " cableName " << cableName;
+    logInfo() << "sendRiserCableEvent "
+              << " deviceName " << deviceName << " rightLocation "
+              << rightLocation << " wrongLocation " << wrongLocation
+              << " cableName " << cableName;
     constexpr const char* func = "sendRiserCableEvent";
     const bool notConnected = kind == 2;
-    const char* shortId = notConnected
-                              ? (cableName.empty() ? "TKRMBIO0038G"
-                                                   : "TKRMBIO0040G")
-                              : (cableName.empty() ? "TKRMBIO0039G"
-                                                   : "TKRMBIO0041G");
-    const std::string text =
-        std::string(shortId) + ":" + deviceName +
-        (notConnected ? " signal cable not connected"
-                      : " signal cable misconnected");
+    const char* shortId =
+        notConnected ? (cableName.empty() ? "TKRMBIO0038G" : "TKRMBIO0040G")
+                     : (cableName.empty() ? "TKRMBIO0039G" : "TKRMBIO0041G");
+    const std::string text = std::string(shortId) + ":" + deviceName +
+                             (notConnected ? " signal cable not connected"
+                                           : " signal cable misconnected");
     const std::string id = fullId(shortId);
     if (notConnected && cableName.empty())
     {

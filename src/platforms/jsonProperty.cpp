@@ -55,8 +55,7 @@ void Base::addJsonProperty(
         case Type::string:
             if (isArray)
             {
-                interface->registerProperty(key,
-                                            arrayOf<std::string>(value));
+                interface->registerProperty(key, arrayOf<std::string>(value));
             }
             else
             {
@@ -72,8 +71,7 @@ void Base::addJsonProperty(
         case Type::number_integer:
             if (isArray)
             {
-                interface->registerProperty(key,
-                                            arrayOf<std::int64_t>(value));
+                interface->registerProperty(key, arrayOf<std::int64_t>(value));
             }
             else
             {
@@ -83,8 +81,7 @@ void Base::addJsonProperty(
         case Type::number_unsigned:
             if (isArray)
             {
-                interface->registerProperty(key,
-                                            arrayOf<std::uint64_t>(value));
+                interface->registerProperty(key, arrayOf<std::uint64_t>(value));
             }
             else
             {
@@ -99,7 +96,7 @@ void Base::addJsonProperty(
             return;
         default:
             logWarning() << "Unexpected json type in system configuration "
-                        << key << ": " << value.type_name();
+                         << key << ": " << value.type_name();
             return;
     }
 }

@@ -41,8 +41,7 @@ Kelvane1u::Kelvane1u()
     backplanesFile =
         "/usr/share/vantarack-bmc-apps/hwtopod/bhs_backplanes.json";
     risersFile = "/usr/share/vantarack-bmc-apps/hwtopod/bhs_risers.json";
-    psuConfigFiles =
-        "/usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json";
+    psuConfigFiles = "/usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json";
     daisyCardVpdPath = "/com/halvex/vpdd/phy_card_vpd";
     daisyCardFruName = "Mgt_Switch_Card";
 }
@@ -68,8 +67,8 @@ void Kelvane1u::serviceSetup()
 void Kelvane1u::getSkuConfig()
 {
     // An image that was never read holds zeros.
-    const bool rearM2 =
-        fpgaBlock1 != nullptr && (fpgaBlock1[remoteSkuByte] & 0x01) != 0;
+    const bool rearM2 = fpgaBlock1 != nullptr &&
+                        (fpgaBlock1[remoteSkuByte] & 0x01) != 0;
     skuRearConfig = rearM2 ? 1 : 0;
     skuNames["Rear"] = rearM2 ? "SkuRearM2" : "SkuRearDefault";
 

@@ -225,9 +225,8 @@ void Base::waitForServiceSetup()
     stateChanged.wait(lock, [this]() { return serviceSetupDone; });
 }
 
-std::shared_ptr<hwtopod::dbus::Interface>
-    Base::addDbusInterface(const std::string& path,
-                           const std::string& interfaceName)
+std::shared_ptr<hwtopod::dbus::Interface> Base::addDbusInterface(
+    const std::string& path, const std::string& interfaceName)
 {
     std::shared_ptr<hwtopod::dbus::Interface> interface;
     {
@@ -249,17 +248,16 @@ std::shared_ptr<hwtopod::dbus::Interface>
     }
     if (!interface)
     {
-        logInfo() << "Interface " << interfaceName << " is already added to path "
-                 << path;
+        logInfo() << "Interface " << interfaceName
+                  << " is already added to path " << path;
         return nullptr;
     }
     logInfo() << "Interface " << interfaceName << " is added to path " << path;
     return interface;
 }
 
-std::shared_ptr<hwtopod::dbus::Interface>
-    Base::findDbusInterface(const std::string& path,
-                            const std::string& interfaceName) const
+std::shared_ptr<hwtopod::dbus::Interface> Base::findDbusInterface(
+    const std::string& path, const std::string& interfaceName) const
 {
     std::lock_guard lock(stateMutex);
     auto found = dbusInterfaces.find(std::make_pair(path, interfaceName));

@@ -26,11 +26,11 @@ namespace Platform
 
 using hwtopod::DbusVariant;
 using hwtopod::DeviceState;
-using hwtopod::VpdProperties;
 using hwtopod::logCritical;
 using hwtopod::logError;
 using hwtopod::logInfo;
 using hwtopod::logWarning;
+using hwtopod::VpdProperties;
 
 // What every machine of the product line shares: the D-Bus service, object
 // publishing, rule documents, the VPD cache, the device-state table and the
@@ -81,13 +81,11 @@ class Base
     void serviceRun();
 
     // Publishing.
-    std::shared_ptr<hwtopod::dbus::Interface>
-        addDbusInterface(const std::string& path,
-                         const std::string& interfaceName);
+    std::shared_ptr<hwtopod::dbus::Interface> addDbusInterface(
+        const std::string& path, const std::string& interfaceName);
     // The interface published at (path, interfaceName), or null.
-    std::shared_ptr<hwtopod::dbus::Interface>
-        findDbusInterface(const std::string& path,
-                          const std::string& interfaceName) const;
+    std::shared_ptr<hwtopod::dbus::Interface> findDbusInterface(
+        const std::string& path, const std::string& interfaceName) const;
     void addJsonProperty(
         const std::shared_ptr<hwtopod::dbus::Interface>& interface,
         const std::string& key, const nlohmann::json& value);

@@ -1,12 +1,12 @@
+#include "platformInfo.hpp"
+
 #include "common/logging.hpp"
 #include "common/paths.hpp"
 #include "dbus/client.hpp"
 #include "monitor/lineReader.hpp"
 #include "platformHighvol.hpp"
-#include "platformInfo.hpp"
 
 #include <array>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -70,10 +70,11 @@ std::string miniVersionFor(const std::string& templateVersion,
 {
     unsigned number = 0;
     std::size_t digits = 0;
-    while (digits < templateVersion.size() &&
-           templateVersion[digits] >= '0' && templateVersion[digits] <= '9')
+    while (digits < templateVersion.size() && templateVersion[digits] >= '0' &&
+           templateVersion[digits] <= '9')
     {
-        number = number * 10 + static_cast<unsigned>(templateVersion[digits] - '0');
+        number = number * 10 +
+                 static_cast<unsigned>(templateVersion[digits] - '0');
         ++digits;
     }
     const char letter = templateVersion.size() > 2 ? templateVersion[2] : ' ';
@@ -81,8 +82,8 @@ std::string miniVersionFor(const std::string& templateVersion,
     bool makeEven = false;
     if (buildId.size() < 7)
     {
-        std::cout << "invalid firmware build ID = " << buildId
-                  << " is detected" << std::endl;
+        std::cout << "invalid firmware build ID = " << buildId << " is detected"
+                  << std::endl;
     }
     else
     {
@@ -186,8 +187,9 @@ void Base::publishLowSecurityJumper()
         }
         hwtopod::sendPresentEvent(hwtopod::DeviceType::SecurityJumper,
                                   *value == 0, 0, "", false);
-        auto interface = addDbusInterface(
-            "/com/halvex/platform/hardware/config", "com.halvex.lowSecurityJmp");
+        auto interface =
+            addDbusInterface("/com/halvex/platform/hardware/config",
+                             "com.halvex.lowSecurityJmp");
         if (interface)
         {
             interface->registerProperty("Status", std::int32_t{*value});
@@ -197,7 +199,7 @@ void Base::publishLowSecurityJumper()
     catch (const std::exception& e)
     {
         logCritical() << "error Low Security Jump Service exception "
-                     << e.what();
+                      << e.what();
     }
 }
 
@@ -205,8 +207,8 @@ void Base::publishChassisDimension()
 {
     const std::string interfaceName =
         "xyz.openbmc_project.Inventory.Decorator.Dimension";
-    auto interface =
-        addDbusInterface("/com/halvex/platform/hardware/chassis", interfaceName);
+    auto interface = addDbusInterface("/com/halvex/platform/hardware/chassis",
+                                      interfaceName);
     if (!interface)
     {
         logWarning() << "Failed to add interface:" << interfaceName;
@@ -229,11 +231,11 @@ void Base::publishPsuConfigs()
         !std::filesystem::exists(std::filesystem::status(file, ec)))
     {
         logWarning() << "[STATE0] CANNOT FIND THE JSON psuConfigFiles, PATH = "
-                    << psuConfigFiles;
+                     << psuConfigFiles;
         return;
     }
     logInfo() << "[STATE0] FIND THE JSON psuConfigFiles, PATH = "
-             << psuConfigFiles;
+              << psuConfigFiles;
     try
     {
         std::ifstream stream(file);
@@ -269,12 +271,12 @@ void Base::publishPsuConfigs()
                         interface->registerProperty(key, value.get<bool>());
                         break;
                     case PsuKey::text:
-                        interface->registerProperty(
-                            key, value.get<std::string>());
+                        interface->registerProperty(key,
+                                                    value.get<std::string>());
                         break;
                     case PsuKey::number:
-                        interface->registerProperty(
-                            key, value.get<std::uint64_t>());
+                        interface->registerProperty(key,
+                                                    value.get<std::uint64_t>());
                         break;
                 }
             }

@@ -34,7 +34,8 @@ std::vector<JournalRecord> readAfter(const std::string& cursor, pid_t pid)
     }
     while (sd_journal_next(journal) > 0)
     {
-        if (!cursor.empty() && sd_journal_test_cursor(journal, cursor.c_str()) > 0)
+        if (!cursor.empty() &&
+            sd_journal_test_cursor(journal, cursor.c_str()) > 0)
         {
             continue;
         }

@@ -15,11 +15,13 @@ namespace hwtopod::test
 PrivateBus::PrivateBus()
 {
     const auto socket = dir / "bus.socket";
-    std::string config = readFile(sourceRoot() / "tests/data/system-bus.conf.in");
+    std::string config =
+        readFile(sourceRoot() / "tests/data/system-bus.conf.in");
     const std::string marker = "@SOCKET@";
     config.replace(config.find(marker), marker.size(), socket.string());
     writeFile(dir / "bus.conf", config);
-    const std::string configArg = "--config-file=" + (dir / "bus.conf").string();
+    const std::string configArg =
+        "--config-file=" + (dir / "bus.conf").string();
 
     pid = fork();
     if (pid == 0)

@@ -41,9 +41,9 @@ class Process
     std::string standardOutput() const;
 
     // Waits until standard error holds text; false at the time-out.
-    bool waitForLog(const std::string& text,
-                    std::chrono::milliseconds timeout =
-                        std::chrono::seconds(10)) const;
+    bool waitForLog(
+        const std::string& text,
+        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     // Number of times text occurs in standard error.
     std::size_t countInLog(const std::string& text) const;
 

@@ -1,0 +1,127 @@
+// The real daemon binary on a private bus, seen from outside.
+
+#include "busClient.hpp"
+#include "privateBus.hpp"
+#include "process.hpp"
+#include "sandbox.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace hwtopod;
+using testing::HasSubstr;
+
+namespace
+{
+constexpr auto service = "com.halvex.hwtopod";
+constexpr auto dataDir = "/usr/share/vantarack-bmc-apps/hwtopod/";
+
+std::map<std::string, std::string> sandboxEnvironment(const test::TempDir& root)
+{
+    return {{"HWTOPOD_ROOT", root.path().string()},
+            {"HWTOPOD_STATUS", "normal"},
+            {"HW_REV_BASE", test::unsetValue}};
+}
+} // namespace
+
+TEST(Daemon, PublishesThePlatformWithoutVpdOrFpga)
+{
+    test::PrivateBus bus;
+    test::TempDir root;
+    test::writeFile(root / "etc/os-release", "HALVEX_BUILDID=\"QDM413B\"\n");
+    test::writeFile(
+        root / (std::string(dataDir) + "bhs_2p_2psus.json"),
+        test::readFile(test::sourceRoot() / "data/bhs_2p_2psus.json"));
+
+    test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
+                         sandboxEnvironment(root));
+    ASSERT_TRUE(daemon.waitForLog("[INFO] platformInfoInit added \n"))
+        << daemon.standardError();
+    ASSERT_TRUE(daemon.waitForLog("[INFO] Thread for service is forked\n"));
+
+    auto hardware = test::getAllProperties(
+        service, "/com/halvex/platform/basecfg", "com.halvex.hwtopod.hardware");
+    EXPECT_EQ(hardware.at("PlatformName").get<std::string>(), "kp100nx");
+    EXPECT_EQ(hardware.at("MaxCpu").get<std::uint32_t>(), 2U);
+    EXPECT_EQ(hardware.at("MaxDimm").get<std::uint32_t>(), 32U);
+    EXPECT_EQ(hardware.at("MaxPci").get<std::uint32_t>(), 8U);
+    EXPECT_EQ(hardware.at("MaxFrontBp").get<std::uint32_t>(), 4U);
+    EXPECT_EQ(hardware.at("MaxRearBp").get<std::uint32_t>(), 1U);
+    EXPECT_EQ(hardware.at("MaxFanMod").get<std::uint32_t>(), 8U);
+    EXPECT_EQ(hardware.at("HardwareRevision").get<std::uint64_t>(), 1U);
+
+    auto status =
+        test::getAllProperties(service, "/com/halvex/platform/basecfg",
+                               "com.halvex.hwtopod.status.backplane");
+    ASSERT_EQ(status.size(), 5U);
+    for (int i = 1; i <= 5; ++i)
+    {
+        EXPECT_FALSE(
+            status.at("BP_" + std::to_string(i) + "_INSTALLED").get<bool>());
+    }
+    EXPECT_EQ(test::getProperty(service, "/com/halvex/platform/software/config",
+                                "com.halvex.hwtopod.software.config",
+                                "MiniVersion")
+                  .get<std::string>(),
+              "01W");
+    EXPECT_EQ(
+        test::getProperty(service, "/com/halvex/platform/hardware/chassis",
+                          "xyz.openbmc_project.Inventory.Decorator.Dimension",
+                          "HeightU")
+            .get<std::int32_t>(),
+        1);
+    auto objects = test::getManagedObjects(service);
+    EXPECT_TRUE(objects.contains(
+        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU0")));
+    EXPECT_TRUE(objects.contains(
+        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU1")));
+
+    const auto log = daemon.standardError();
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[INFO] Halvex Intel BHS Platform: Mainstream 1U <Kelvane1u>\n"));
+    EXPECT_THAT(log, HasSubstr("[INFO] hwtopod is started normally\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[INFO] platform use default HardwareRevisionLevel value:1\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr("[ERROR] getPropertyValue HardwareRevisionLevel failed: "));
+    EXPECT_THAT(
+        log,
+        HasSubstr("[INFO] [STATE0] FIND THE JSON psuConfigFiles, PATH = "
+                  "/usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json\n"));
+    EXPECT_THAT(log, HasSubstr("[INFO] Service is set\n"));
+    EXPECT_TRUE(daemon.running());
+}
+
+TEST(Daemon, ExitsWhenItCannotServe)
+{
+    test::TempDir root;
+    {
+        // No bus at all.
+        auto environment = sandboxEnvironment(root);
+        environment["DBUS_SYSTEM_BUS_ADDRESS"] =
+            "unix:path=" + (root / "none").string();
+        test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
+                             environment);
+        EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
+        EXPECT_THAT(daemon.standardError(),
+                    HasSubstr("[CRITICAL] Exception in serviceInit: "));
+    }
+    {
+        // The name is held by a process that does not let it go.
+        test::PrivateBus bus;
+        auto holder = sdbus::createSystemBusConnection();
+        holder->requestName(service);
+        test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
+                             sandboxEnvironment(root));
+        EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
+        EXPECT_THAT(daemon.standardError(),
+                    HasSubstr(
+                        "[CRITICAL] Exception in serviceInit: the name "
+                        "com.halvex.hwtopod is owned by another process"));
+    }
+}

@@ -1,0 +1,240 @@
+// What the daemon publishes, read back by a real client of a private bus.
+
+#include "busClient.hpp"
+#include "platforms/kelvane1u.hpp"
+#include "privateBus.hpp"
+#include "sandbox.hpp"
+
+#include <condition_variable>
+#include <mutex>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace hwtopod;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace
+{
+constexpr auto service = "com.halvex.hwtopod";
+constexpr auto psuFile =
+    "/usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json";
+
+class Publishing : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
+        setenv("HWTOPOD_STATUS", "normal", 1);
+    }
+    void TearDown() override
+    {
+        platform.reset();
+        unsetenv("HWTOPOD_ROOT");
+        unsetenv("HWTOPOD_STATUS");
+    }
+
+    // serviceInit and serviceRun of a fresh platform; returns their log.
+    std::string startService()
+    {
+        CaptureStderr();
+        platform = std::make_unique<Platform::Kelvane1u>();
+        platform->serviceInit();
+        platform->serviceRun();
+        return GetCapturedStderr();
+    }
+
+    test::PrivateBus bus;
+    test::TempDir root;
+    std::unique_ptr<Platform::Kelvane1u> platform;
+};
+} // namespace
+
+TEST_F(Publishing, ServiceObjectsAndPsuFileWithABadElement)
+{
+    test::writeFile(root / "etc/os-release", "HALVEX_BUILDID=\"QDM414B\"\n");
+    test::writeFile(root / psuFile, R"([
+        {"Name": "PSU0", "Type": "PowerSupply", "BusOwner": true,
+         "DeviceIdentifier": "CRPS", "BaseAddressCrps": 88, "FruId": 1,
+         "Location": 1, "Ignored": "x"},
+        {"Type": "NoName"},
+        {"Name": "PSU1", "Type": "PowerSupply", "Location": "rear"},
+        {"Name": "PSU2", "Type": "PowerSupply"}
+    ])");
+    auto log = startService();
+    EXPECT_THAT(log, HasSubstr("[INFO] Set mini version:00W\n"));
+    EXPECT_THAT(log, HasSubstr("[WARNING] GPIO LOW_SECURITY_JMP_Nnot found\n"));
+    EXPECT_THAT(log, HasSubstr("[INFO] Set Chassis HeightU 1\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr("[CRITICAL] Exception in initPsuConfigs : psuConfigFiles "));
+    EXPECT_THAT(log, HasSubstr("[INFO] Service is set\n"));
+
+    auto version =
+        test::getProperty(service, "/com/halvex/platform/software/config",
+                          "com.halvex.hwtopod.software.config", "MiniVersion");
+    EXPECT_EQ(version.get<std::string>(), "00W");
+    auto height = test::getProperty(
+        service, "/com/halvex/platform/hardware/chassis",
+        "xyz.openbmc_project.Inventory.Decorator.Dimension", "HeightU");
+    EXPECT_EQ(height.peekValueType(), "i");
+    EXPECT_EQ(height.get<std::int32_t>(), 1);
+
+    auto psu = test::getAllProperties(service,
+                                      "/com/halvex/platform/hardware/psus/PSU0",
+                                      "com.halvex.PowerSupply");
+    EXPECT_EQ(psu.size(), 7U) << "unknown keys are not published";
+    EXPECT_EQ(psu.at("Name").get<std::string>(), "PSU0");
+    EXPECT_EQ(psu.at("BusOwner").peekValueType(), "b");
+    EXPECT_EQ(psu.at("BaseAddressCrps").peekValueType(), "t");
+    EXPECT_EQ(psu.at("BaseAddressCrps").get<std::uint64_t>(), 88U);
+    EXPECT_EQ(psu.at("Location").get<std::uint64_t>(), 1U);
+
+    // The element whose Location is no number stops the file there.
+    auto objects = test::getManagedObjects(service);
+    EXPECT_TRUE(objects.contains(
+        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU0")));
+    EXPECT_FALSE(objects.contains(
+        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU1")));
+    EXPECT_FALSE(objects.contains(
+        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU2")));
+    EXPECT_TRUE(objects.contains(
+        sdbus::ObjectPath("/com/halvex/platform/software/config")));
+
+    // A second start of the service changes nothing.
+    CaptureStderr();
+    platform->serviceInit();
+    platform->serviceRun();
+    EXPECT_EQ(GetCapturedStderr(),
+              "[INFO] Base::serviceInit had been executed\n");
+}
+
+TEST_F(Publishing, JsonValuesBecomeTypedProperties)
+{
+    startService();
+    CaptureStderr();
+    auto interface =
+        platform->addDbusInterface("/chassis/test", "com.halvex.hwtopod.test");
+    ASSERT_TRUE(interface);
+    const auto values = nlohmann::json::parse(R"({
+        "Text": "a", "Flag": true, "Negative": -3, "Count": 7, "Ratio": 1.5,
+        "Names": ["a", "b"], "Negatives": [-1, -2], "Counts": [1, 2],
+        "Mixed": [1, -1], "Flags": [true], "Ratios": [1.5], "Empty": [],
+        "Nested": {"a": 1}, "Objects": [{"a": 1}], "Nothing": null,
+        "Bad-Name": "x"
+    })");
+    for (const auto& [key, value] : values.items())
+    {
+        platform->addJsonProperty(interface, key, value);
+    }
+    interface->initialize();
+    auto log = GetCapturedStderr();
+    EXPECT_THAT(log, HasSubstr("[WARNING] dbus format error[1,-1]\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[WARNING] Unexpected json type in system configuration Nothing: null\n"));
+
+    auto properties = test::getAllProperties(service, "/chassis/test",
+                                             "com.halvex.hwtopod.test");
+    std::map<std::string, std::string> signatures;
+    for (const auto& [name, value] : properties)
+    {
+        signatures[name] = value.peekValueType();
+    }
+    EXPECT_EQ(signatures,
+              (std::map<std::string, std::string>{
+                  {"Count", "t"},
+                  {"Counts", "at"},
+                  {"Flag", "b"},
+                  {"Names", "as"},
+                  {"Negative", "x"},
+                  {"Negatives", "ax"},
+                  {"Ratio", "d"},
+                  {"Text", "s"}}));
+    EXPECT_EQ(properties.at("Negatives").get<std::vector<std::int64_t>>(),
+              (std::vector<std::int64_t>{-1, -2}));
+
+    // Same path and name again: refused; another path: a new interface.
+    CaptureStderr();
+    EXPECT_FALSE(
+        platform->addDbusInterface("/chassis/test", "com.halvex.hwtopod.test"));
+    EXPECT_TRUE(platform->addDbusInterface("/chassis/test2",
+                                           "com.halvex.hwtopod.test"));
+    log = GetCapturedStderr();
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[INFO] Interface com.halvex.hwtopod.test is already added to path /chassis/test\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[INFO] Interface com.halvex.hwtopod.test is added to path /chassis/test2\n"));
+}
+
+TEST_F(Publishing, UpdatesAreSignalledAndPropertiesAreReadOnly)
+{
+    startService();
+    CaptureStderr();
+    platform->platformInfoInit();
+    GetCapturedStderr();
+
+    auto client = sdbus::createSystemBusConnection();
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<std::string, bool> seen;
+    auto match = client->addMatch(
+        "type='signal',interface='org.freedesktop.DBus.Properties',"
+        "member='PropertiesChanged',path='/com/halvex/platform/basecfg'",
+        [&](sdbus::Message& message) {
+        std::string interface;
+        std::map<std::string, sdbus::Variant> values;
+        message >> interface >> values;
+        std::lock_guard lock(mutex);
+        for (const auto& [name, value] : values)
+        {
+            seen[name] = value.get<bool>();
+        }
+        changed.notify_all();
+        });
+    client->enterEventLoopAsync();
+
+    auto status = platform->findDbusInterface(
+        "/com/halvex/platform/basecfg", "com.halvex.hwtopod.status.backplane");
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(status->setProperty("BP_2_INSTALLED", true));
+    EXPECT_FALSE(status->setProperty("BP_2_INSTALLED", true)) << "no change";
+    {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(5), [&]() {
+            return seen.contains("BP_2_INSTALLED");
+        }));
+        EXPECT_TRUE(seen["BP_2_INSTALLED"]);
+    }
+    client->leaveEventLoop();
+
+    auto hardware = test::getAllProperties(
+        service, "/com/halvex/platform/basecfg", "com.halvex.hwtopod.hardware");
+    EXPECT_EQ(hardware.at("PlatformName").get<std::string>(), "kp100nx");
+    EXPECT_EQ(hardware.at("MaxCpu").peekValueType(), "u");
+    EXPECT_EQ(hardware.at("MaxFanMod").get<std::uint32_t>(), 8U);
+    EXPECT_EQ(hardware.at("HardwareRevision").get<std::uint64_t>(), 1U);
+    EXPECT_EQ(hardware.size(), 14U);
+
+    auto other = sdbus::createSystemBusConnection();
+    auto proxy =
+        sdbus::createProxy(*other, service, "/com/halvex/platform/basecfg");
+    EXPECT_THROW(proxy->callMethod("Set")
+                     .onInterface("org.freedesktop.DBus.Properties")
+                     .withArguments(std::string("com.halvex.hwtopod.hardware"),
+                                    std::string("MaxCpu"),
+                                    sdbus::Variant(std::uint32_t{9})),
+                 sdbus::Error);
+    EXPECT_EQ(test::getProperty(service, "/com/halvex/platform/basecfg",
+                                "com.halvex.hwtopod.hardware", "MaxCpu")
+                  .get<std::uint32_t>(),
+              2U);
+}
