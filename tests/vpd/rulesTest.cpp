@@ -1,0 +1,268 @@
+// Rule file loading, record composition and found-hardware files.
+
+#include "rules/rules.hpp"
+
+#include "sandbox.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using hwtopod::DbusVariant;
+using hwtopod::readVpdNumber;
+using hwtopod::VpdProperties;
+using hwtopod::test::readFile;
+using hwtopod::test::TempDir;
+using hwtopod::test::writeFile;
+using nlohmann::json;
+namespace rules = hwtopod::rules;
+
+// Places every logical path below a fresh sandbox for the test's length.
+class Sandbox
+{
+  public:
+    Sandbox()
+    {
+        ::setenv("HWTOPOD_ROOT", dir.path().c_str(), 1);
+    }
+    ~Sandbox()
+    {
+        ::unsetenv("HWTOPOD_ROOT");
+    }
+    Sandbox(const Sandbox&) = delete;
+    Sandbox& operator=(const Sandbox&) = delete;
+    Sandbox(Sandbox&&) = delete;
+    Sandbox& operator=(Sandbox&&) = delete;
+
+    std::filesystem::path operator/(const std::string& logical) const
+    {
+        return dir / logical.substr(1);
+    }
+
+  private:
+    TempDir dir;
+};
+
+TEST(ReadVpdNumber, EveryAlternativeOfTheVariant)
+{
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::string("224"))), 0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::int64_t{-1})), 0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::int64_t{5})), 5U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::int32_t{-7})), 0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::int32_t{70})), 70U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::int16_t{-2})), 0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::uint64_t{0xFFFFFFFFFFFFFFFF})),
+              0xFFFFFFFFFFFFFFFFU);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::uint32_t{0xE0})), 0xE0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::uint16_t{0x1234})), 0x1234U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::uint8_t{224})), 224U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(true)), 1U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(false)), 0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(3.0)), 0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::vector<std::string>{"1"})), 0U);
+    EXPECT_EQ(readVpdNumber(DbusVariant(std::vector<std::uint8_t>{1, 2})), 0U);
+}
+
+TEST(RecordComposition, PlaceholdersThenVpdReferences)
+{
+    const VpdProperties vpd{
+        {"X", DbusVariant(std::string("from-vpd"))},
+        {"VpdName", DbusVariant(std::string("BP 1"))},
+        {"$b", DbusVariant(std::uint8_t{7})},
+        {"Lanes", DbusVariant(std::vector<std::string>{"J1", "J2"})},
+        {"VpdFound", DbusVariant(true)},
+        {"Size", DbusVariant(std::int16_t{-3})},
+    };
+    const json rule = {
+        {"Name", "rule"},
+        {"POSID", 224},
+        {"com.halvex.hwtopod.backplane",
+         {{"A", "$X"},
+          {"B", "$X"},
+          {"Name", "$VpdName"},
+          {"Mid", "a$b"},
+          {"Cables", "$Lanes"},
+          {"Found", "$VpdFound"},
+          {"Size", "$Size"},
+          {"Gone", "$Nowhere"},
+          {"Fixed", 3}}}};
+    const json entry = {{"Name", "BP 1"},
+                        {"Properties", {{"X", 1}, {"Extra", {1, 2}}}}};
+
+    // Only the first value equal to the placeholder is replaced, the second
+    // one is left for the VPD; a key with no placeholder is added.
+    const json record = rules::composeRecord(
+        rule, "com.halvex.hwtopod.backplane", entry, vpd, {});
+    const json expected = {
+        {"A", 1},         {"B", "from-vpd"},        {"Name", "BP 1"},
+        {"Mid", 7},       {"Cables", {"J1", "J2"}}, {"Found", true},
+        {"Size", -3},     {"Gone", "$Nowhere"},     {"Fixed", 3},
+        {"Extra", {1, 2}}};
+    EXPECT_EQ(record, expected);
+    EXPECT_TRUE(record["Mid"].is_number_unsigned());
+    EXPECT_TRUE(record["Size"].is_number_integer());
+
+    // Without VPD the second placeholder stays as it is.
+    EXPECT_EQ(rules::composeRecord(rule, "com.halvex.hwtopod.backplane", entry,
+                                   {}, {})["B"],
+              "$X");
+
+    // No template: the Properties are the record.
+    const json plain = rules::composeRecord(
+        {{"Name", "r"}, {"POSID", 1}}, "com.halvex.hwtopod.backplane",
+        {{"Properties", {{"BackplaneId", 2}, {"BusNumber", 7}}}}, vpd, {});
+    EXPECT_EQ(plain, json({{"BackplaneId", 2}, {"BusNumber", 7}}));
+
+    // No Properties and no template: nothing at all.
+    EXPECT_TRUE(
+        rules::composeRecord(json::array(), "k", json::object(), vpd, {})
+            .is_null());
+
+    // A template of the wrong kind is refused, not half-filled.
+    EXPECT_THROW(rules::composeRecord({{"k", "$X"}}, "k",
+                                      {{"Properties", {{"X", 1}}}}, vpd, {}),
+                 std::runtime_error);
+}
+
+TEST(RecordComposition, ThreeWordings)
+{
+    const json rule = {
+        {"t", {{"Id", "$Id"}, {"Name", "$VpdName"}, {"Bus", "$Missing"}}}};
+    const json entry = {{"Properties", {{"Id", 4}, {"Zed", 1}}}};
+    const VpdProperties vpd{{"VpdName", DbusVariant(std::string("n"))}};
+
+    testing::internal::CaptureStderr();
+    rules::composeRecord(rule, "t", entry, vpd,
+                         rules::staticProbeLog("riserKey"));
+    std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(text, "[INFO] [STATE] placeholder $Id riserKey Id\n"
+                    "[INFO] [STATE] placeholder $Zed riserKey Zed\n"
+                    "[INFO] [STATE] propertyName VpdName\n");
+
+    testing::internal::CaptureStderr();
+    rules::composeRecord(rule, "t", entry, vpd, rules::dynamicBackplaneLog());
+    text = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(text, "[INFO] Update BP instance key $Id => 4\n"
+                    "[INFO] Update BP instance based on VPDD\n"
+                    "[INFO] Unable to find propertyName Missing\n");
+
+    testing::internal::CaptureStderr();
+    rules::composeRecord(rule, "t", entry, vpd, rules::dynamicRiserLog());
+    text = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(text, "[INFO] Update Riser instance key $Id => 4\n"
+                    "[INFO] Update riser instance based on VPDD\n"
+                    "[INFO] Unable to find propertyName Missing\n");
+}
+
+TEST(FoundHardware, FileTextAndFailedWrites)
+{
+    Sandbox sandbox;
+    const std::string file = rules::risersFoundFile;
+    std::filesystem::create_directories((sandbox / file).parent_path());
+    writeFile(sandbox / file, "left by an earlier run");
+
+    json document;
+    rules::appendFound(document, "risers",
+                       {{"RiserSlot", 1}, {"BUS", 20}, {"RiserName", "Größe"}});
+    rules::appendFound(document, "risers", {{"RiserSlot", 3}});
+
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(
+        rules::saveFoundHardware(document, file, "hwtopod start save json "));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[INFO] hwtopod start save json \n");
+    EXPECT_EQ(readFile(sandbox / file),
+              "{\n"
+              "    \"risers\": [\n"
+              "        {\n"
+              "            \"BUS\": 20,\n"
+              "            \"RiserName\": \"Größe\",\n"
+              "            \"RiserSlot\": 1\n"
+              "        },\n"
+              "        {\n"
+              "            \"RiserSlot\": 3\n"
+              "        }\n"
+              "    ]\n"
+              "}");
+    // Nothing but the result file is left in the directory.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(
+                                (sandbox / file).parent_path()),
+                            {}),
+              1);
+
+    // A directory that is not there: the warning, the document untouched.
+    const json before = document;
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(rules::saveFoundHardware(
+        document, "/var/nowhere/backplanes_found.json", ""));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[WARNING] hwtopod cannot write data at "
+              "/var/nowhere/backplanes_found.json\n");
+    EXPECT_EQ(document, before);
+
+    // A document of another shape cannot take a record.
+    json wrong = {{"risers", 1}};
+    EXPECT_THROW(rules::appendFound(wrong, "risers", {{"RiserSlot", 1}}),
+                 json::type_error);
+}
+
+TEST(RuleFiles, MissingBrokenAndWrongFiles)
+{
+    Sandbox sandbox;
+    writeFile(sandbox / "/data/array.json", "[{\"POSID\": 224.0}]");
+    writeFile(sandbox / "/data/object.json", "{\"risers\": []}");
+    writeFile(sandbox / "/data/empty.json", "");
+    writeFile(sandbox / "/data/broken.json", "{\"a\": ");
+    std::filesystem::create_directories(sandbox / "/data/dir.json");
+
+    testing::internal::CaptureStderr();
+    auto array = rules::loadRuleFile("risersFile", "/data/array.json",
+                                     rules::TopLevel::array);
+    auto object = rules::loadRuleFile("bpTrdRules", "/data/object.json",
+                                      rules::TopLevel::object);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    ASSERT_TRUE(array && object);
+    // Numbers compare across kinds: 224.0 selects a PosIdValue of 224.
+    EXPECT_EQ((*array)[0]["POSID"], json(std::uint64_t{224}));
+
+    const std::vector<std::pair<std::string, rules::TopLevel>> bad = {
+        {"/data/none.json", rules::TopLevel::array},
+        {"", rules::TopLevel::array},
+        {"/data/empty.json", rules::TopLevel::array},
+        {"/data/broken.json", rules::TopLevel::array},
+        {"/data/dir.json", rules::TopLevel::array},
+        {"/data/object.json", rules::TopLevel::array},
+        {"/data/array.json", rules::TopLevel::object},
+    };
+    for (const auto& [path, expected] : bad)
+    {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(rules::loadRuleFile("backplanesFile", path, expected),
+                  nullptr)
+            << path;
+        const std::string text = testing::internal::GetCapturedStderr();
+        if (path.empty() || path == "/data/none.json")
+        {
+            EXPECT_EQ(text,
+                      "[WARNING] [STATE0] CANNOT FIND THE JSON backplanesFile, "
+                      "PATH = " +
+                          path + "\n");
+        }
+        else
+        {
+            EXPECT_EQ(
+                text.rfind("[CRITICAL] Exception in loadTrd : backplanesFile ",
+                           0),
+                0U)
+                << text;
+            EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+        }
+    }
+}
+
+} // namespace
