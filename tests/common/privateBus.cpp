@@ -23,18 +23,28 @@ PrivateBus::PrivateBus()
     const std::string configArg =
         "--config-file=" + (dir / "bus.conf").string();
 
+    // The daemon prints its address once it accepts connections; the
+    // socket file alone appears a moment earlier.
+    int ready[2];
+    if (pipe(ready) != 0)
+    {
+        throw std::runtime_error("pipe failed");
+    }
     pid = fork();
     if (pid == 0)
     {
+        close(ready[0]);
+        const std::string printArg =
+            "--print-address=" + std::to_string(ready[1]);
         execlp("dbus-daemon", "dbus-daemon", configArg.c_str(), "--nofork",
-               "--nopidfile", static_cast<char*>(nullptr));
+               "--nopidfile", printArg.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    for (int i = 0; i < 500 && !std::filesystem::exists(socket); ++i)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (!std::filesystem::exists(socket))
+    close(ready[1]);
+    char buffer[512];
+    ssize_t length = read(ready[0], buffer, sizeof(buffer));
+    close(ready[0]);
+    if (length <= 0 || !std::filesystem::exists(socket))
     {
         throw std::runtime_error("dbus-daemon did not start");
     }
