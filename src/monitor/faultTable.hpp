@@ -6,6 +6,9 @@
 namespace hwtopod
 {
 
+// The index of a row whose event names no CPU.
+inline constexpr std::uint8_t noCpuIndex = 255;
+
 // One power-good, voltage regulator or thermal trip signal: its GPIO line,
 // its bit in an FPGA register image, and the event to send when it is active.
 struct FpgaGpioEntry

@@ -1,0 +1,107 @@
+#include "gpioLines.hpp"
+
+#include <gpiod.hpp>
+
+#include <stdexcept>
+
+namespace hwtopod
+{
+
+namespace
+{
+// Open mode of gpiod::chip: by the controller's name.
+constexpr int openByName = 3;
+
+class GpiodFaultLines : public FaultLineGpio
+{
+  public:
+    std::optional<GpioLineLocation> findLine(const std::string& name) override
+    {
+        gpiod::line line = gpiod::find_line(name);
+        if (!line)
+        {
+            return std::nullopt;
+        }
+        return GpioLineLocation{line.get_chip().name(), line.offset()};
+    }
+
+    void openChip(const std::string& chipName) override
+    {
+        lines = gpiod::line_bulk();
+        changed = gpiod::line_bulk();
+        chip = gpiod::chip(chipName, openByName);
+    }
+
+    bool selectLines(const std::vector<unsigned>& offsets) override
+    {
+        changed = gpiod::line_bulk();
+        lines = chip.get_lines(offsets);
+        return static_cast<bool>(lines);
+    }
+
+    void requestBothEdges(const std::string& consumer) override
+    {
+        gpiod::line_request request;
+        request.consumer = consumer;
+        request.request_type = gpiod::line_request::EVENT_BOTH_EDGES;
+        lines.request(request, {});
+    }
+
+    std::vector<unsigned> waitForEvents(
+        std::chrono::nanoseconds timeout) override
+    {
+        changed = lines.event_wait(timeout);
+        std::vector<unsigned> offsets;
+        for (const auto& line : changed)
+        {
+            offsets.push_back(line.offset());
+        }
+        return offsets;
+    }
+
+    std::vector<GpioEdgeEvent> readEvents(unsigned offset) override
+    {
+        for (const auto& line : changed)
+        {
+            if (line.offset() != offset)
+            {
+                continue;
+            }
+            std::vector<GpioEdgeEvent> events;
+            for (const auto& event : line.event_read_multiple())
+            {
+                events.push_back(
+                    GpioEdgeEvent{event.event_type, event.source.name(),
+                                  event.source.offset()});
+            }
+            return events;
+        }
+        throw std::logic_error(
+            "no events waited for on line " + std::to_string(offset));
+    }
+
+  private:
+    gpiod::chip chip;
+    gpiod::line_bulk lines;
+    gpiod::line_bulk changed;
+};
+
+std::unique_ptr<FaultLineGpio>& current()
+{
+    static std::unique_ptr<FaultLineGpio> gpio =
+        std::make_unique<GpiodFaultLines>();
+    return gpio;
+}
+} // namespace
+
+FaultLineGpio& faultLineGpio()
+{
+    return *current();
+}
+
+void setFaultLineGpio(std::unique_ptr<FaultLineGpio> gpio)
+{
+    current() = gpio ? std::move(gpio) : std::make_unique<GpiodFaultLines>();
+}
+
+} // namespace hwtopod

@@ -1,0 +1,169 @@
+#include "gpioMonitor.hpp"
+
+#include "common/logging.hpp"
+#include "common/sleep.hpp"
+#include "gpioLines.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <exception>
+
+namespace hwtopod
+{
+
+namespace
+{
+constexpr int discoveryAttempts = 5;
+constexpr unsigned discoveryRetrySeconds = 5;
+constexpr const char* consumerName = "monitor";
+// Minus one second: libgpiod turns it into a wait without a practical end,
+// and an empty result only leads to the next wait.
+constexpr std::chrono::nanoseconds eventWaitTimeout{-1'000'000'000};
+
+// One discovery attempt: finds the controller that holds the rows' lines and
+// selects its monitored lines. The controller's name when there is a line
+// to watch, otherwise empty. Failures of the attempt as a whole throw.
+std::string discoverLines(FaultLineGpio& gpio,
+                          const std::vector<FpgaGpioEntry>& rows, int attempt)
+{
+    std::string chipName;
+    logInfo() << "Check FPGA GPIO device:" << rows.size() << " pins";
+    // The controller of the last line found is taken.
+    for (const auto& row : rows)
+    {
+        if (auto location = gpio.findLine(row.lineName))
+        {
+            chipName = location->chipName;
+        }
+    }
+    if (chipName.empty())
+    {
+        logWarning() << "FPGA GPIO device is not ready, retry = " << attempt;
+        return {};
+    }
+
+    gpio.openChip(chipName);
+    std::vector<unsigned> offsets;
+    for (const auto& row : rows)
+    {
+        if (!row.monitored)
+        {
+            continue;
+        }
+        try
+        {
+            auto location = gpio.findLine(row.lineName);
+            if (!location)
+            {
+                logCritical() << "Line " << row.lineName << " not found.";
+                continue;
+            }
+            if (location->chipName != chipName)
+            {
+                logInfo() << "Line " << row.lineName
+                          << " is located in different gpio controller: "
+                          << location->chipName;
+                continue;
+            }
+            offsets.push_back(location->offset);
+        }
+        catch (const std::exception& e)
+        {
+            logCritical() << "Error: " << e.what();
+        }
+    }
+    if (!gpio.selectLines(offsets))
+    {
+        return {};
+    }
+    return chipName;
+}
+
+void handleEvent(const std::vector<FpgaGpioEntry>& rows,
+                 const GpioEdgeEvent& event, const FaultLineReports& reports)
+{
+    logInfo() << event.lineName << " (#" << event.lineOffset
+              << ") get event type: " << event.type;
+    auto row = std::find_if(rows.begin(), rows.end(), [&](const auto& entry) {
+        return event.lineName == entry.lineName;
+    });
+    if (row == rows.end())
+    {
+        logWarning() << event.lineName << " not found in fpga_gpio_table";
+        return;
+    }
+    logInfo() << event.lineName << " found in fpga_gpio_table, eventType "
+              << row->deviceName;
+    if (!row->monitored)
+    {
+        return;
+    }
+    // The active edge leads to the row's active level.
+    const bool activeEdge = (event.type == gpioRisingEdge) == row->activeLevel;
+    if (activeEdge)
+    {
+        reports.sendEvent(row->eventId, row->index, row->deviceName);
+        return;
+    }
+    logInfo() << " Another edge come for " << row->lineName;
+    if (std::strlen(row->deassertEventId) != 0)
+    {
+        reports.sendEvent(row->deassertEventId, row->index, row->deviceName);
+    }
+}
+} // namespace
+
+void monitorFaultLines(const std::vector<FpgaGpioEntry>& rows,
+                       const FaultLineReports& reports)
+{
+    FaultLineGpio& gpio = faultLineGpio();
+
+    std::string chipName;
+    for (int attempt = discoveryAttempts; attempt > 0 && chipName.empty();)
+    {
+        try
+        {
+            chipName = discoverLines(gpio, rows, attempt);
+        }
+        catch (const std::exception& e)
+        {
+            chipName.clear();
+            logCritical() << "Exception in gpioMonitor, setup controller: "
+                          << e.what() << ", retry " << attempt;
+        }
+        if (chipName.empty())
+        {
+            sleepSeconds(discoveryRetrySeconds);
+            --attempt;
+        }
+    }
+    if (chipName.empty())
+    {
+        return;
+    }
+    reports.controllerReady(chipName);
+    logInfo() << "Setup VRs & powergoods in FPGA gpio device: " << chipName;
+
+    try
+    {
+        gpio.requestBothEdges(consumerName);
+        while (true)
+        {
+            for (unsigned offset : gpio.waitForEvents(eventWaitTimeout))
+            {
+                logInfo() << "Change detected on GPIO line " << offset;
+                for (const auto& event : gpio.readEvents(offset))
+                {
+                    handleEvent(rows, event, reports);
+                }
+            }
+        }
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "Exception in gpioMonitor, fetch data: " << e.what();
+    }
+}
+
+} // namespace hwtopod
