@@ -40,7 +40,7 @@ std::optional<std::uint32_t> leadingNumber(const char* text)
 }
 } // namespace
 
-Base::Base()
+Base::Base() : discoveryWorker(std::make_unique<hwtopod::Worker>())
 {
     if (const char* revision = std::getenv("HW_REV_BASE"))
     {
@@ -86,6 +86,8 @@ Base::Base()
 
 Base::~Base()
 {
+    // The worker may be waiting on the io thread: stop it first.
+    discoveryWorker.reset();
     io.stop();
     if (ioThread && ioThread->joinable())
     {

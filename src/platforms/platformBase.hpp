@@ -3,6 +3,7 @@
 #include "common/logging.hpp"
 #include "common/records.hpp"
 #include "common/types.hpp"
+#include "common/worker.hpp"
 #include "dbus/bus.hpp"
 #include "events/events.hpp"
 #include "monitor/faultTable.hpp"
@@ -96,6 +97,17 @@ class Base
     // Blocks until serviceSetup has run (rule documents, vpdReadyPath).
     void waitForServiceSetup();
 
+    // Sets hwDiscoveryDone once the FPGA read-out has ended, and wakes a
+    // discovery that waits for it.
+    void markHardwareDiscovered();
+    void waitForHardwareDiscovery();
+
+    // VPD discovery runs on this one thread: the match callback hands each
+    // signal to it, and a restart hands it the objects read at start. So the
+    // VPD cache, the found-hardware documents and the probes' state have a
+    // single writer, and the io thread never waits on a peer service.
+    std::unique_ptr<hwtopod::Worker> discoveryWorker;
+
     // Rule files and VPD.
     int loadTrd();
     void matchVpdd();
@@ -119,6 +131,21 @@ class Base
     void remedyChassisCloseEvent();
 
     std::string getProductName() const;
+
+    // What the CPU check remembers from call to call: CPU 1's values and
+    // the vote and event already cast.
+    struct CpuCheckState
+    {
+        bool cpuPowerDenied = false;
+        bool cpu1Stored = false;
+        std::uint64_t cpu1CoreFeatureFlags = 0;
+        std::uint64_t cpu1CpuId = 0;
+        std::uint64_t cpu1Stepping = 0;
+        std::string cpu1SkuNumber;
+        std::string cpu1SSpecOrQdfNumber;
+        bool cpuFeatureMismatchSent = false;
+    };
+    CpuCheckState cpuCheck;
 
     // Machine definition.
     std::string codeName;

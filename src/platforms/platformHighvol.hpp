@@ -44,6 +44,8 @@ class Highvol : public Base
 
     void checkRiserConnection(const nlohmann::json& riser,
                               std::string riserName);
+    // Sets BP_<id>_INSTALLED on the backplane status object.
+    void updateBackplaneStatus(std::uint8_t id);
 
     void powerFaultMonitor();
 

@@ -45,7 +45,7 @@ void hardwareThread(std::shared_ptr<Kelvane1u> platform)
         platform->checkPresence();
         platform->getSkuConfig();
     });
-    platform->hwDiscoveryDone = true;
+    platform->markHardwareDiscovered();
 
     guarded("Exception in getFpgaFanInfo: ",
             [&]() { platform->getFpgaFanInfo(); });

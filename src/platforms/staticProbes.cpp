@@ -1,0 +1,417 @@
+// The probes of machines that take each VPD object as it comes: backplanes,
+// risers and midplanes matched against the rule files one by one.
+
+#include "i2cLink.hpp"
+#include "platformBase.hpp"
+#include "probeHelpers.hpp"
+#include "rules/rules.hpp"
+
+namespace Platform
+{
+
+using hwtopod::readVpdNumber;
+using namespace probe;
+namespace rules = hwtopod::rules;
+
+void Base::probeVpdd(const std::string& path)
+{
+    auto found = vpdObjects.find(path);
+    if (found == vpdObjects.end())
+    {
+        logInfo() << "probeVpdd: path " << path << " was not found";
+        return;
+    }
+    const auto& vpd = found->second;
+    if (!vpd.contains("VpdId") || !vpd.contains("PosIdValue") ||
+        !vpd.contains("BUS"))
+    {
+        logWarning() << "probeVpdd: properties in path " << path
+                     << " are incompleted";
+        return;
+    }
+    const auto id = readVpdNumber(vpd.at("VpdId"));
+    const auto posId = readVpdNumber(vpd.at("PosIdValue"));
+    logInfo() << "probeVpdd: VPDID " << id << ", POSID " << posId;
+    switch (id)
+    {
+        case 0x50:
+            updateProductName();
+            [[fallthrough]];
+        case 0x70:
+        case 0x74:
+            if (bpProbeStatic)
+            {
+                probeBpVpddStatic(path, posId);
+            }
+            else
+            {
+                probeBpVpddDynamic(path, posId);
+            }
+            return;
+        case 0x81:
+            if (midplaneProbeEnabled)
+            {
+                probeChassisMidplaneBaseOnPdbStatic(path, posId);
+            }
+            return;
+        case 0xE0:
+            if (riserProbeStatic)
+            {
+                probeRiserVpddStatic(path, posId);
+            }
+            else
+            {
+                probeRiserVpddDynamic(path, posId);
+            }
+            return;
+        default:
+            return;
+    }
+}
+
+void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
+{
+    if (!backplanesData || !trdBackplanes)
+    {
+        logError() << "hwtopod TRD files are not loaded";
+        return;
+    }
+    auto found = vpdObjects.find(path);
+    if (found == vpdObjects.end())
+    {
+        logError() << "probeBpVpddStatic: path " << path << " was not found";
+        return;
+    }
+    const auto& vpd = found->second;
+
+    if (bpTypeKeyed && backplaneType == "NONE")
+    {
+        backplaneType = "NormalBP";
+        for (const auto& [objectPath, properties] : vpdObjects)
+        {
+            auto pos = properties.find("PosIdValue");
+            const auto value =
+                pos == properties.end() ? 0 : readVpdNumber(pos->second);
+            if (value == 0xDC || value == 0xDD || value == 0xE4)
+            {
+                backplaneType = "E3.S";
+                break;
+            }
+        }
+    }
+
+    const nlohmann::json wanted(posId);
+    for (const auto& rule : *backplanesData)
+    {
+        logInfo() << "Check with " << jsonText(rule, "Name");
+        if (!keyEquals(rule, "POSID", wanted))
+        {
+            logInfo() << "probeBpVpddStatic PosIdValue not match: " << posId
+                      << "->" << jsonText(rule, "POSID");
+            continue;
+        }
+        logInfo() << "probeBpVpddStatic PosIdValue found: " << posId;
+        if (!vpd.contains("VpdLocation"))
+        {
+            logWarning() << "hwtopod no BP location found on "
+                         << vpdText(vpd, "VpdName");
+            continue;
+        }
+        const auto location = readVpdNumber(vpd.at("VpdLocation"));
+        logInfo() << "probeBpVpddStatic check location: " << location;
+
+        const nlohmann::json candidates =
+            bpTypeKeyed ? trdBackplanes->at(backplaneType) : *trdBackplanes;
+        const nlohmann::json* entry = nullptr;
+        for (const auto& candidate : candidates)
+        {
+            if (keyEquals(candidate, "Location", nlohmann::json(location)) &&
+                (!candidate.contains("PosID") ||
+                 candidate.at("PosID") == wanted))
+            {
+                entry = &candidate;
+                break;
+            }
+        }
+        if (entry == nullptr)
+        {
+            logWarning() << "hwtopod cannot find bp ";
+            continue;
+        }
+        logInfo() << "hwtopod find bp ";
+
+        const std::string objectPath =
+            "/chassis/bp/" +
+            blanksToUnderscores(entry->at("Name").get<std::string>());
+        auto interface = addDbusInterface(
+            objectPath, entry->at("Interface").get<std::string>());
+        if (!interface)
+        {
+            return;
+        }
+        auto record =
+            rules::composeRecord(rule, "com.halvex.hwtopod.backplane", *entry,
+                                 vpd, rules::staticProbeLog("bpKey"));
+        if (record.contains("BackplaneId") && record.contains("BusNumber"))
+        {
+            hwtopod::createI2cLink(hwtopod::DeviceType::Backplane,
+                                   record.at("BackplaneId").get<unsigned>(),
+                                   record.at("BusNumber").get<unsigned>());
+        }
+        else
+        {
+            logWarning() << "BusNumber or BackplaneId did not find in setting ";
+        }
+        if (!record.contains("VirtualBP"))
+        {
+            hwtopod::sendPresentEvent(hwtopod::DeviceType::Backplane, true,
+                                      record.at("BackplaneId").get<unsigned>(),
+                                      "", false);
+        }
+        rules::appendFound(backplanesFound, "backplanes", record);
+        for (const auto& [key, value] : record.items())
+        {
+            addJsonProperty(interface, key, value);
+        }
+        interface->initialize();
+        rules::saveFoundHardware(backplanesFound, rules::backplanesFoundFile,
+                                 "hwtopod start save json ");
+        return;
+    }
+}
+
+void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
+{
+    if (!risersData || !trdRisers)
+    {
+        logError() << "hwtopod TRD files are not loaded";
+        return;
+    }
+    auto found = vpdObjects.find(path);
+    if (found == vpdObjects.end())
+    {
+        logError() << "probeRiserVpddStatic: path " << path << " was not found";
+        return;
+    }
+    const auto& vpd = found->second;
+    const nlohmann::json wanted(posId);
+    for (const auto& rule : *risersData)
+    {
+        logInfo() << "Check with " << jsonText(rule, "Name");
+        if (!keyEquals(rule, "POSID", wanted))
+        {
+            logInfo() << "probeRiserVpddStatic PosIdValue not match: " << posId
+                      << "->" << jsonText(rule, "POSID");
+            continue;
+        }
+        logInfo() << "probeRiserVpddStatic PosIdValue found: " << posId;
+        if (!vpd.contains("VpdLocation"))
+        {
+            logWarning() << "hwtopod no RISER location found on "
+                         << vpdText(vpd, "VpdName");
+            continue;
+        }
+        const auto location = readVpdNumber(vpd.at("VpdLocation"));
+        logInfo() << "probeRiserVpddStatic check location: " << location;
+
+        const nlohmann::json* entry = nullptr;
+        nlohmann::json record;
+        try
+        {
+            for (const auto& candidate : *trdRisers)
+            {
+                if (keyEquals(candidate, "Location",
+                              nlohmann::json(location)) &&
+                    (keyEquals(candidate, "PosID", wanted) ||
+                     keyEquals(candidate, "PosID", nlohmann::json(0))))
+                {
+                    entry = &candidate;
+                    break;
+                }
+                if (!candidate.is_object())
+                {
+                    throw std::invalid_argument(
+                        "riser topology entry is no object: " +
+                        candidate.dump());
+                }
+            }
+            if (entry == nullptr)
+            {
+                logInfo() << "probeRiserVpddStatic cannot find riser ";
+                continue;
+            }
+            logInfo() << "probeRiserVpddStatic find riser ";
+            record = rules::recordTemplate(rule, "com.halvex.hwtopod.riser");
+        }
+        catch (const std::exception& e)
+        {
+            logCritical() << "Exception in probeRiserVpddStatic: " << e.what();
+            continue;
+        }
+
+        const std::string objectPath =
+            "/chassis/riser/" +
+            blanksToUnderscores(entry->at("Name").get<std::string>());
+        auto interface = addDbusInterface(
+            objectPath, entry->at("Interface").get<std::string>());
+        if (!interface)
+        {
+            return;
+        }
+        rules::fillRecord(record,
+                          entry->contains("Properties")
+                              ? entry->at("Properties")
+                              : nlohmann::json(),
+                          vpd, rules::staticProbeLog("riserKey"));
+
+        if (record.contains("PCIeSlot") && record.contains("BUS"))
+        {
+            unsigned offset = 1;
+            if (record.contains("BusOffset") &&
+                record.at("BusOffset").is_number())
+            {
+                offset = record.at("BusOffset").get<unsigned>();
+            }
+            const unsigned first = record.at("BUS").get<unsigned>() + offset;
+            const auto& slots = record.at("PCIeSlot");
+            if (slots.is_array())
+            {
+                for (std::size_t i = 0; i < slots.size(); ++i)
+                {
+                    if (slots[i].is_number() && slots[i].get<double>() > 0)
+                    {
+                        hwtopod::createI2cLink(
+                            hwtopod::DeviceType::PcieCard,
+                            slots[i].get<unsigned>(),
+                            first + static_cast<unsigned>(i));
+                    }
+                }
+            }
+        }
+
+        const auto slot = record.at("RiserSlot").get<unsigned>();
+        if (record.contains("Connector"))
+        {
+            const std::string name =
+                "PWR_" + std::to_string(record.at("Connector").get<unsigned>());
+            hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true,
+                                      slot, name, false);
+            logInfo() << "Connector of RiserSlot["
+                      << record.at("RiserSlot").dump()
+                      << "] was found in setting: " << name;
+        }
+        else
+        {
+            hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true,
+                                      slot, "", false);
+            logInfo() << "Connector of RiserSlot["
+                      << record.at("RiserSlot").dump()
+                      << "] was not found in setting ";
+        }
+        rules::appendFound(risersFound, "risers", record);
+        for (const auto& [key, value] : record.items())
+        {
+            addJsonProperty(interface, key, value);
+        }
+        interface->initialize();
+        rules::saveFoundHardware(risersFound, rules::risersFoundFile,
+                                 "hwtopod start save json ");
+        return;
+    }
+}
+
+void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
+                                               std::uint64_t posId)
+{
+    if (!powerBackplanesData || !trdMidplanes)
+    {
+        logError() << "hwtopod TRD files are not loaded";
+        return;
+    }
+    auto found = vpdObjects.find(path);
+    if (found == vpdObjects.end())
+    {
+        logError() << "probeChassisMidplaneBaseOnPdbStatic: path " << path
+                   << " was not found";
+        return;
+    }
+    const auto& vpd = found->second;
+    const nlohmann::json wanted(posId);
+    for (const auto& rule : *powerBackplanesData)
+    {
+        logInfo() << "Check with " << jsonText(rule, "Name");
+        if (!keyEquals(rule, "POSID", wanted))
+        {
+            logInfo() << "probeChassisMidplaneBaseOnPdbStatic PosIdValue not "
+                         "match: "
+                      << posId << "->" << jsonText(rule, "POSID");
+            continue;
+        }
+        logInfo() << "probeChassisMidplaneBaseOnPdbStatic PosID found: "
+                  << posId;
+
+        const nlohmann::json* entry = nullptr;
+        nlohmann::json record;
+        try
+        {
+            for (const auto& candidate : *trdMidplanes)
+            {
+                if (keyEquals(candidate, "PwrBpPosID", wanted))
+                {
+                    entry = &candidate;
+                    break;
+                }
+            }
+            if (entry == nullptr)
+            {
+                logWarning() << "hwtopod cannot find midplane";
+                return;
+            }
+            logInfo() << "hwtopod find midplane";
+            record = rules::recordTemplate(rule, "com.halvex.hwtopod.midplane");
+        }
+        catch (const std::exception& e)
+        {
+            logCritical()
+                << "Exception in probeChassisMidplaneBaseOnPdbStatic: "
+                << e.what();
+            return;
+        }
+
+        const std::string objectPath =
+            "/chassis/midplane/" +
+            blanksToUnderscores(entry->at("Name").get<std::string>());
+        auto interface = addDbusInterface(
+            objectPath, entry->at("Interface").get<std::string>());
+        if (!interface)
+        {
+            return;
+        }
+        rules::fillRecord(record,
+                          entry->contains("Properties")
+                              ? entry->at("Properties")
+                              : nlohmann::json(),
+                          vpd, rules::staticProbeLog("midplaneKey"));
+        if (record.contains("Bus"))
+        {
+            hwtopod::createI2cLink(hwtopod::DeviceType::Midplane,
+                                   record.at("Index").get<unsigned>(),
+                                   record.at("Bus").get<unsigned>());
+        }
+        else
+        {
+            logWarning() << "Midplane's I2C bus was not found in setting ";
+        }
+        rules::appendFound(midplanesFound, "midplanes", record);
+        for (const auto& [key, value] : record.items())
+        {
+            addJsonProperty(interface, key, value);
+        }
+        interface->initialize();
+        rules::saveFoundHardware(midplanesFound, rules::midplanesFoundFile,
+                                 "hwtopod start save json");
+        return;
+    }
+}
+
+} // namespace Platform
