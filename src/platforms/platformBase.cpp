@@ -227,6 +227,21 @@ void Base::waitForServiceSetup()
     stateChanged.wait(lock, [this]() { return serviceSetupDone; });
 }
 
+void Base::markHardwareDiscovered()
+{
+    {
+        std::lock_guard lock(stateMutex);
+        hwDiscoveryDone = true;
+    }
+    stateChanged.notify_all();
+}
+
+void Base::waitForHardwareDiscovery()
+{
+    std::unique_lock lock(stateMutex);
+    stateChanged.wait(lock, [this]() { return hwDiscoveryDone.load(); });
+}
+
 std::shared_ptr<hwtopod::dbus::Interface> Base::addDbusInterface(
     const std::string& path, const std::string& interfaceName)
 {
