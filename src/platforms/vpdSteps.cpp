@@ -1,23 +1,380 @@
-// Rule files and VPD matching: not built yet.
+// Rule files, the VPD cache and the live match on the VPD service's signals.
+//
+// One writer. vpdObjects and the found-hardware documents are written on the
+// io thread only: the match callback runs there, and on a restart waitForVpd
+// reads the VPD service on the hardware thread but hands the emptying and
+// merging of vpdObjects and the call of probeCachedVpdd to the io thread
+// through connection->run(). The two writers of the cache thus run one after
+// the other, in the order their work reaches the loop, and neither the cache
+// nor the documents need a lock.
+#include "common/sleep.hpp"
+#include "dbus/client.hpp"
 #include "platformHighvol.hpp"
+#include "rules/rules.hpp"
+
+#include <cctype>
+#include <stdexcept>
+#include <string>
 
 namespace Platform
 {
 
+namespace
+{
+namespace rules = hwtopod::rules;
+
+constexpr auto vpdService = "com.halvex.vpdd";
+constexpr auto vpdInterfacePrefix = "com.halvex.vpdd.";
+constexpr auto halvexFullInterface = "com.halvex.vpdd.Halvex_Fullv3";
+constexpr auto productVpdPath = "/com/halvex/vpdd/HPM_VPD";
+constexpr auto daisyCardFruNumber = "09ZT415";
+constexpr auto vpdMatchRule =
+    "sender='com.halvex.vpdd',arg0path='/com/halvex/vpdd/',type='signal',"
+    "interface='org.freedesktop.DBus.ObjectManager',member='InterfacesAdded',";
+
+// A string property: absent gives the empty string, another type throws.
+std::string stringProperty(const VpdProperties& properties,
+                           const std::string& name)
+{
+    auto found = properties.find(name);
+    if (found == properties.end())
+    {
+        return {};
+    }
+    const auto* text = std::get_if<std::string>(&found->second);
+    if (text == nullptr)
+    {
+        throw std::runtime_error(name + " is not a string");
+    }
+    return *text;
+}
+
+// A number property read with readVpdNumber; absent gives 0.
+std::uint64_t numberProperty(const VpdProperties& properties,
+                             const std::string& name)
+{
+    auto found = properties.find(name);
+    return found == properties.end() ? 0
+                                     : hwtopod::readVpdNumber(found->second);
+}
+
+// The first record of the found-hardware documents, backplanes before
+// risers, whose Connector equals location; null when there is none. A
+// document that holds no records yet throws.
+nlohmann::json findRecordByConnector(const nlohmann::json& backplanes,
+                                     const nlohmann::json& risers,
+                                     std::uint64_t location)
+{
+    for (const auto& records :
+         {backplanes.at("backplanes"), risers.at("risers")})
+    {
+        for (const auto& record : records)
+        {
+            auto connector = record.find("Connector");
+            if (connector != record.end() && *connector == location)
+            {
+                return record;
+            }
+        }
+    }
+    return nullptr;
+}
+// The FRU name check of one interface of a signal, once discovery has run.
+void checkFruName(Base& platform, const std::string& path,
+                  const std::string& interface, const VpdProperties& properties)
+{
+    if (interface != halvexFullInterface)
+    {
+        return;
+    }
+    try
+    {
+        auto found = properties.find("VpdFound");
+        if (found == properties.end() ||
+            !std::holds_alternative<bool>(found->second))
+        {
+            throw std::runtime_error("VpdFound is not a boolean");
+        }
+        if (!std::get<bool>(found->second))
+        {
+            return;
+        }
+        const std::string fruName = stringProperty(properties, "IpmiFruName");
+        const std::uint64_t location =
+            numberProperty(properties, "VpdLocation");
+        const std::uint64_t id = numberProperty(properties, "VpdId");
+        // The cached entry holds the first values seen for the object.
+        const std::string format =
+            stringProperty(platform.vpdObjects[path], "VpdFormat");
+
+        const char* indexKey = nullptr;
+        const char* nameKey = nullptr;
+        hwtopod::DeviceType type{};
+        if (id == 0x70 || id == 0x74)
+        {
+            indexKey = "BackplaneId";
+            nameKey = "BackplaneName";
+            type = hwtopod::DeviceType::Backplane;
+        }
+        else if (id == 0xE0)
+        {
+            indexKey = "RiserSlot";
+            nameKey = "RiserName";
+            type = hwtopod::DeviceType::PcieRiser;
+        }
+        else
+        {
+            return;
+        }
+
+        const nlohmann::json record = findRecordByConnector(
+            platform.backplanesFound, platform.risersFound, location);
+        if (record.is_null())
+        {
+            return;
+        }
+        // A record without its name or index key throws here and leaves the
+        // FRU name alone.
+        std::string name = record.at(nameKey).get<std::string>();
+        const auto index = record.at(indexKey).get<std::uint8_t>();
+        if (type == hwtopod::DeviceType::Backplane)
+        {
+            for (auto& c : name)
+            {
+                if (std::isalnum(static_cast<unsigned char>(c)) == 0)
+                {
+                    c = '_';
+                }
+            }
+        }
+        if (name != fruName)
+        {
+            platform.updateFruName(path, format, type, index, name);
+        }
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "Failed to update " << path << " interface "
+                      << interface << " fru name: " << e.what();
+    }
+}
+
+// Gives the management switch card its FRU name.
+void checkDaisyCard(const Base& platform, const std::string& path)
+{
+    if (platform.daisyCardFruName.empty() || platform.daisyCardVpdPath.empty())
+    {
+        logInfo() << "New daisy fru name or objPath is empty.";
+        return;
+    }
+    if (path != platform.daisyCardVpdPath)
+    {
+        return;
+    }
+    auto fruNumber = hwtopod::dbus::getPropertyValue<std::string>(
+        vpdService, platform.daisyCardVpdPath, halvexFullInterface,
+        "CardFruNumber");
+    if (fruNumber != daisyCardFruNumber)
+    {
+        logInfo() << "Daisy not install.";
+        return;
+    }
+    auto fruName = hwtopod::dbus::getPropertyValue<std::string>(
+        vpdService, platform.daisyCardVpdPath, halvexFullInterface,
+        "IpmiFruName");
+    if (fruName == platform.daisyCardFruName)
+    {
+        logInfo() << "Daisy not need to update name.";
+        return;
+    }
+    hwtopod::dbus::setPropertyValue(platform.daisyCardVpdPath,
+                                    halvexFullInterface,
+                                    platform.daisyCardFruName);
+    logInfo() << "Update daisy fru name: (" << platform.daisyCardVpdPath
+              << ")==>(" << platform.daisyCardFruName << ")";
+    logInfo() << "Daisy card found,update fru name.";
+}
+
+} // namespace
+
 int Base::loadTrd()
 {
+    bpTrdRulesFile =
+        "/usr/share/vantarack-bmc-apps/hwtopod/kelvane80_1u_pass1_trd.json";
+    bpTrdRules =
+        rules::loadRuleFile("bpTrdRules", bpTrdRulesFile, rules::TopLevel::any);
+    if (bpTrdRules)
+    {
+        try
+        {
+            if (!bpTrdRules->is_object())
+            {
+                throw std::runtime_error(
+                    std::string("top level is a JSON ") +
+                    bpTrdRules->type_name() + ", not an object");
+            }
+            // An absent section is a null copy: set, and empty to iterate.
+            auto section = [this](const char* key) {
+                auto found = bpTrdRules->find(key);
+                return std::make_shared<nlohmann::json>(
+                    found == bpTrdRules->end() ? nlohmann::json() : *found);
+            };
+            auto backplanes = section("backplanes");
+            auto risers = section("risers");
+            auto midplanes = section("midplanes");
+            trdBackplanes = backplanes;
+            trdRisers = risers;
+            trdMidplanes = midplanes;
+        }
+        catch (const std::exception& e)
+        {
+            logCritical() << "Exception in loadTrd : bpTrdRules " << e.what();
+        }
+    }
+
+    // The three rule files are arrays of rules. A file of another kind is
+    // refused at the load, with the stage's message, so that the probes find
+    // it "not loaded" instead of walking something that holds no rules.
+    backplanesData = rules::loadRuleFile("backplanesFile", backplanesFile,
+                                         rules::TopLevel::array);
+    risersData =
+        rules::loadRuleFile("risersFile", risersFile, rules::TopLevel::array);
+    powerBackplanesData = rules::loadRuleFile(
+        "powerBackplanesFiles", powerBackplanesFiles, rules::TopLevel::array);
     return 0;
 }
-void Base::matchVpdd() {}
-void Base::onVpdInterfacesAdded(const std::string& /*path*/,
-                                const hwtopod::InterfaceProperties& /*ifs*/)
-{}
-void Base::waitForVpd() {}
-void Base::updateFruName(const std::string& /*path*/,
-                         const std::string& /*format*/,
-                         hwtopod::DeviceType /*type*/, std::uint8_t /*index*/,
-                         const std::string& /*name*/)
-{}
-void Base::updateProductName() {}
+
+void Base::matchVpdd()
+{
+    logInfo() << "[Base::matchVpdd] start ";
+    if (!backplanesData || !trdBackplanes)
+    {
+        logError() << "[Base::matchVpdd] TRD files are not loaded";
+        return;
+    }
+    if (!connection)
+    {
+        logError() << "[Base::matchVpdd] no D-Bus connection";
+        return;
+    }
+    // The old match, if any, goes before the new one is stored.
+    dbusMatches.erase("matchVpdd");
+    dbusMatches["matchVpdd"] = std::make_unique<hwtopod::dbus::Match>(
+        connection, vpdMatchRule,
+        std::bind_front(&Base::onVpdInterfacesAdded, this));
+}
+
+void Base::onVpdInterfacesAdded(const std::string& path,
+                                const hwtopod::InterfaceProperties& interfaces)
+{
+    try
+    {
+        for (const auto& [interface, properties] : interfaces)
+        {
+            logInfo() << "Get interface "
+                      << interface << " update on path: " << path;
+            hwtopod::mergeVpdProperties(vpdObjects[path], properties);
+            if (bpProbeStatic)
+            {
+                probeVpdd(path);
+                continue;
+            }
+            if (path == vpdReadyPath && !vpdMatchCompleted)
+            {
+                vpdMatchCompleted = true;
+                logInfo() << "matchVpdd completed";
+                probeCachedVpdd();
+            }
+            if (vpdMatchCompleted)
+            {
+                checkFruName(*this, path, interface, properties);
+            }
+        }
+        checkDaisyCard(*this, path);
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "Exception in matchVpdd callback: " << e.what();
+    }
+}
+
+void Base::waitForVpd()
+{
+    if (normalStart)
+    {
+        return;
+    }
+    // vpdReadyPath and the rule documents are set by serviceSetup.
+    waitForServiceSetup();
+    while (hwtopod::dbus::getDbusInterfaces(vpdService, vpdReadyPath).empty())
+    {
+        logInfo() << "VPDD is not ready, delay 5 seconds";
+        hwtopod::sleepSeconds(5);
+    }
+
+    hwtopod::dbus::ManagedObjects objects;
+    try
+    {
+        std::lock_guard lock(hwtopod::dbus::dbusClientMutex);
+        objects = hwtopod::dbus::getManagedObjects(vpdService, "/");
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "Failed to get vpdd " << e.what();
+    }
+
+    // See the top of this file: the cache is written on the io thread.
+    auto fill = [this, &objects]() {
+        vpdObjects.clear();
+        hwtopod::mergeVpdObjects(vpdObjects, objects);
+        probeCachedVpdd();
+    };
+    if (connection)
+    {
+        connection->run(fill);
+    }
+    else
+    {
+        fill();
+    }
+}
+
+void Base::updateFruName(const std::string& path, const std::string& format,
+                         hwtopod::DeviceType type, std::uint8_t index,
+                         const std::string& name)
+{
+    const std::string interface = vpdInterfacePrefix + format;
+    std::string newName = name;
+    if (newName.empty())
+    {
+        if (type == hwtopod::DeviceType::PcieRiser)
+        {
+            newName = "PCIe_Riser_" + std::to_string(index);
+        }
+        else if (type == hwtopod::DeviceType::Backplane)
+        {
+            newName = "Backplane_" + std::to_string(index);
+        }
+        else
+        {
+            return;
+        }
+    }
+    hwtopod::dbus::setPropertyValue(path, interface, newName);
+    logInfo() << "Update fru name: (" << path << ")==>(" << newName << ")";
+}
+
+void Base::updateProductName()
+{
+    const auto text = hwtopod::dbus::getPropertyValue<std::string>(
+        vpdService, productVpdPath, halvexFullInterface,
+        "HalvexProductNameTextDescription");
+    std::string name = text.substr(0, text.find(','));
+    {
+        std::lock_guard lock(productNameMutex);
+        productName = name;
+    }
+    logInfo() << "MKT Name = " << name;
+}
 
 } // namespace Platform

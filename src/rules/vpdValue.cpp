@@ -51,4 +51,34 @@ nlohmann::json vpdValueToJson(const DbusVariant& value)
         value);
 }
 
+void mergeVpdProperties(VpdProperties& entry, const VpdProperties& more)
+{
+    // The range insert of a flat map leaves keys it holds already alone.
+    entry.insert(more.begin(), more.end());
+}
+
+void mergeVpdObject(VpdCache& cache, const std::string& path,
+                    const InterfaceProperties& interfaces, bool skipStandard)
+{
+    for (const auto& [interface, properties] : interfaces)
+    {
+        if (skipStandard &&
+            interface.find("org.freedesktop.DBus") != std::string::npos)
+        {
+            continue;
+        }
+        mergeVpdProperties(cache[path], properties);
+    }
+}
+
+void mergeVpdObjects(
+    VpdCache& cache,
+    const std::vector<std::pair<std::string, InterfaceProperties>>& objects)
+{
+    for (const auto& [path, interfaces] : objects)
+    {
+        mergeVpdObject(cache, path, interfaces, true);
+    }
+}
+
 } // namespace hwtopod

@@ -1,0 +1,347 @@
+// Stand-in of the VPD service com.halvex.vpdd, for tests and the simulator.
+//
+// It publishes the FRU objects that a JSON file describes, one after the
+// other and with the delays that file asks for, each with an InterfacesAdded
+// signal from the object manager at "/". IpmiFruName can be set through
+// org.freedesktop.DBus.Properties.Set. What it does is printed on standard
+// output, one line per event, for tests to read:
+//   published <path>
+//   set <path> <interface> IpmiFruName <value>
+//   call GetManagedObjects
+// The file's format is described in docs/sim/vpdd.md.
+
+#include <poll.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <variant>
+#include <vector>
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+using Value = std::variant<std::uint8_t, std::int16_t, std::uint16_t,
+                           std::int32_t, std::uint32_t, std::int64_t,
+                           std::uint64_t, bool, double, std::string,
+                           std::vector<std::string>, std::vector<std::uint8_t>>;
+
+using Properties = std::map<std::string, Value>;
+
+struct FruObject
+{
+    std::string path;
+    // Interface name to its properties.
+    std::map<std::string, Properties> interfaces;
+    std::chrono::milliseconds delay{0};
+};
+
+struct Configuration
+{
+    std::chrono::milliseconds startDelay{0};
+    std::chrono::milliseconds interval{0};
+    std::vector<FruObject> objects;
+};
+
+constexpr auto busName = "com.halvex.vpdd";
+constexpr auto interfacePrefix = "com.halvex.vpdd.";
+
+void say(const std::string& line)
+{
+    std::cout << line << std::endl;
+}
+
+std::chrono::milliseconds seconds(const nlohmann::json& holder, const char* key)
+{
+    auto found = holder.find(key);
+    if (found == holder.end())
+    {
+        return std::chrono::milliseconds(0);
+    }
+    return std::chrono::milliseconds(
+        static_cast<std::int64_t>(found->get<double>() * 1000.0));
+}
+
+template <typename T>
+T number(const nlohmann::json& value)
+{
+    return value.get<T>();
+}
+
+// A value given with its D-Bus type code.
+Value typedValue(const std::string& type, const nlohmann::json& value)
+{
+    if (type == "y")
+    {
+        return number<std::uint8_t>(value);
+    }
+    if (type == "n")
+    {
+        return number<std::int16_t>(value);
+    }
+    if (type == "q")
+    {
+        return number<std::uint16_t>(value);
+    }
+    if (type == "i")
+    {
+        return number<std::int32_t>(value);
+    }
+    if (type == "u")
+    {
+        return number<std::uint32_t>(value);
+    }
+    if (type == "x")
+    {
+        return number<std::int64_t>(value);
+    }
+    if (type == "t")
+    {
+        return number<std::uint64_t>(value);
+    }
+    if (type == "b")
+    {
+        return value.get<bool>();
+    }
+    if (type == "d")
+    {
+        return value.get<double>();
+    }
+    if (type == "s")
+    {
+        return value.get<std::string>();
+    }
+    if (type == "as")
+    {
+        return value.get<std::vector<std::string>>();
+    }
+    if (type == "ay")
+    {
+        return value.get<std::vector<std::uint8_t>>();
+    }
+    throw std::runtime_error("unknown type code " + type);
+}
+
+// A property value: {"type": code, "value": v}, or a bare value whose type
+// follows from its JSON kind.
+Value propertyValue(const nlohmann::json& given)
+{
+    if (given.is_object())
+    {
+        return typedValue(given.at("type").get<std::string>(),
+                          given.at("value"));
+    }
+    if (given.is_string())
+    {
+        return given.get<std::string>();
+    }
+    if (given.is_boolean())
+    {
+        return given.get<bool>();
+    }
+    if (given.is_number_unsigned())
+    {
+        return given.get<std::uint64_t>();
+    }
+    if (given.is_number_integer())
+    {
+        return given.get<std::int64_t>();
+    }
+    if (given.is_number_float())
+    {
+        return given.get<double>();
+    }
+    if (given.is_array())
+    {
+        return given.get<std::vector<std::string>>();
+    }
+    throw std::runtime_error("no property value: " + given.dump());
+}
+
+Properties properties(const nlohmann::json& given)
+{
+    Properties result;
+    for (const auto& [name, value] : given.items())
+    {
+        result.emplace(name, propertyValue(value));
+    }
+    return result;
+}
+
+Configuration readConfiguration(const std::string& file)
+{
+    std::ifstream stream(file);
+    if (!stream)
+    {
+        throw std::runtime_error("cannot open " + file);
+    }
+    const auto document = nlohmann::json::parse(stream);
+    Configuration configuration;
+    configuration.startDelay = seconds(document, "startDelay");
+    configuration.interval = seconds(document, "interval");
+    for (const auto& given : document.at("objects"))
+    {
+        FruObject object;
+        object.path = given.at("path").get<std::string>();
+        object.delay = seconds(given, "delay");
+        const auto givenProperties =
+            given.value("properties", nlohmann::json::object());
+        auto own = properties(givenProperties);
+        auto format = own.find("VpdFormat");
+        if (format != own.end())
+        {
+            object.interfaces[interfacePrefix +
+                              std::get<std::string>(format->second)] = own;
+        }
+        else if (!own.empty())
+        {
+            throw std::runtime_error(
+                object.path + ": properties without VpdFormat");
+        }
+        const auto extra = given.value("interfaces", nlohmann::json::object());
+        for (const auto& [name, more] : extra.items())
+        {
+            object.interfaces[name] = properties(more);
+        }
+        configuration.objects.push_back(std::move(object));
+    }
+    return configuration;
+}
+
+// Registers one property with a getter of its own D-Bus type. IpmiFruName,
+// when it is a string, can also be set.
+void registerProperty(sdbus::IObject& object, const std::string& interface,
+                      const std::string& name, const Value& initial)
+{
+    std::visit(
+        [&](const auto& value) {
+        using T = std::decay_t<decltype(value)>;
+        auto cell = std::make_shared<T>(value);
+        if constexpr (std::is_same_v<T, std::string>)
+        {
+            if (name == "IpmiFruName")
+            {
+                object.registerProperty(name)
+                    .onInterface(interface)
+                    .withGetter([cell]() { return *cell; })
+                    .withSetter([cell, path = object.getObjectPath(),
+                                 interface](const std::string& text) {
+                        *cell = text;
+                        say("set " + path + " " + interface + " IpmiFruName " +
+                            text);
+                    });
+                return;
+            }
+        }
+        object.registerProperty(name).onInterface(interface).withGetter(
+            [cell]() { return *cell; });
+        },
+        initial);
+}
+
+std::unique_ptr<sdbus::IObject> publish(sdbus::IConnection& connection,
+                                        const FruObject& fru)
+{
+    auto object = sdbus::createObject(connection, fru.path);
+    std::vector<std::string> names;
+    for (const auto& [interface, values] : fru.interfaces)
+    {
+        names.push_back(interface);
+        for (const auto& [name, value] : values)
+        {
+            registerProperty(*object, interface, name, value);
+        }
+    }
+    object->finishRegistration();
+    // Only the FRU's own interfaces, as the VPD service announces them.
+    if (!names.empty())
+    {
+        object->emitInterfacesAddedSignal(names);
+    }
+    say("published " + fru.path);
+    return object;
+}
+
+// Processes the bus until deadline.
+void serveUntil(sdbus::IConnection& connection, Clock::time_point deadline)
+{
+    while (true)
+    {
+        while (connection.processPendingRequest())
+        {}
+        const auto now = Clock::now();
+        if (now >= deadline)
+        {
+            return;
+        }
+        auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - now);
+        auto data = connection.getEventLoopPollData();
+        int timeout = data.getPollTimeout();
+        if (timeout < 0 || timeout > wait.count())
+        {
+            timeout = static_cast<int>(wait.count()) + 1;
+        }
+        pollfd fd{data.fd, data.events, 0};
+        ::poll(&fd, 1, timeout);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2)
+    {
+        std::cerr << "usage: vpdd <objects.json>\n";
+        return 2;
+    }
+    Configuration configuration;
+    try
+    {
+        configuration = readConfiguration(argv[1]);
+    }
+    catch (const std::exception& e)
+    {
+        std::cerr << "vpdd: " << argv[1] << ": " << e.what() << "\n";
+        return 2;
+    }
+
+    std::this_thread::sleep_for(configuration.startDelay);
+    auto connection = sdbus::createSystemBusConnection(busName);
+    connection->addObjectManager("/", sdbus::floating_slot);
+    connection->addMatch(
+        "type='method_call',interface='org.freedesktop.DBus.ObjectManager',"
+        "member='GetManagedObjects'",
+        [](sdbus::Message&) { say("call GetManagedObjects"); },
+        sdbus::floating_slot);
+    say("started");
+
+    std::vector<std::unique_ptr<sdbus::IObject>> published;
+    bool first = true;
+    for (const auto& fru : configuration.objects)
+    {
+        auto wait = fru.delay + (first ? std::chrono::milliseconds(0)
+                                       : configuration.interval);
+        serveUntil(*connection, Clock::now() + wait);
+        published.push_back(publish(*connection, fru));
+        first = false;
+    }
+    while (true)
+    {
+        serveUntil(*connection, Clock::now() + std::chrono::hours(1));
+    }
+}

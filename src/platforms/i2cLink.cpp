@@ -1,0 +1,94 @@
+#include "i2cLink.hpp"
+
+#include "common/logging.hpp"
+#include "common/paths.hpp"
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+namespace hwtopod
+{
+
+namespace
+{
+// True when a relative path has a ".." element left, which could lead the
+// link out of /sys.
+bool climbsUp(const std::filesystem::path& relative)
+{
+    for (const auto& element : relative)
+    {
+        if (element == "..")
+        {
+            return true;
+        }
+    }
+    return false;
+}
+} // namespace
+
+bool createI2cLink(DeviceType type, unsigned index, unsigned bus)
+{
+    std::string linkName;
+    switch (type)
+    {
+        case DeviceType::Backplane:
+            linkName = "/dev/bp" + std::to_string(index) + "_i2c";
+            break;
+        case DeviceType::PcieCard:
+            linkName = "/dev/pcie_slot" + std::to_string(index) + "_i2c";
+            break;
+        case DeviceType::Midplane:
+            linkName = "/dev/midplane" + std::to_string(index) + "_i2c";
+            break;
+        default:
+            logInfo() << "Device does not support i2c link creation";
+            return false;
+    }
+
+    const std::string source =
+        "/sys/bus/i2c/devices/i2c-" + std::to_string(bus);
+    std::error_code error;
+    if (!std::filesystem::exists(rootPath(source), error))
+    {
+        logError() << "[ERR] CANNOT FIND THE PATH : " << source;
+        return false;
+    }
+
+    // In sysfs the bus entry is a relative link such as
+    // "../../../devices/platform/x/i2c-7"; its leading "../" parts are
+    // dropped and the rest is taken below /sys.
+    std::string relative = std::filesystem::read_symlink(rootPath(source));
+    while (relative.find("../") != std::string::npos)
+    {
+        relative.erase(0, 3);
+    }
+    if (climbsUp(relative) || relative.starts_with('/'))
+    {
+        logError() << "[ERR] CANNOT FIND THE PATH : " << source << " -> "
+                   << relative;
+        return false;
+    }
+    // The link's target is an absolute path, and it is placed below
+    // HWTOPOD_ROOT like every other path, so that in a sandbox the link
+    // resolves to the sandbox's /sys and not to the host's.
+    const std::string target = rootPath("/sys/" + relative);
+
+    const std::string link = rootPath(linkName);
+    // exists() follows the link: a link whose target has gone counts as not
+    // there, is left, and makes the creation below fail.
+    if (std::filesystem::exists(link))
+    {
+        std::filesystem::remove(link);
+    }
+    std::filesystem::create_directory_symlink(target, link, error);
+    if (error)
+    {
+        logCritical() << "[ERR] CANNOT CREATE A SYMBOLIC LINK : "
+                      << error.message();
+        return false;
+    }
+    return true;
+}
+
+} // namespace hwtopod

@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""Checks the shipped rule files and PSU file against their JSON Schemas and
+the machine's slot map, and that broken copies are refused."""
+
+import copy
+import json
+import os
+import sys
+import unittest
+from pathlib import Path
+
+import jsonschema
+
+DATA = Path(os.environ.get("HWTOPOD_SOURCE_ROOT", Path(__file__).parents[2])) / "data"
+
+FILES = [
+    "kelvane80_1u_pass1_trd.json",
+    "bhs_backplanes.json",
+    "bhs_risers.json",
+    "bhs_2p_2psus.json",
+]
+
+# Riser number to its PCIe slots, as the machine's slot map has them.
+RISER_SLOTS = {1: [1, 2], 3: [3], 4: [4], 5: [5]}
+
+
+def load(name):
+    with open(DATA / name, encoding="utf-8") as stream:
+        return json.load(stream)
+
+
+def schema_for(name):
+    return load("schemas/" + name.replace(".json", ".schema.json"))
+
+
+def errors(name, document):
+    schema = schema_for(name)
+    validator_class = jsonschema.validators.validator_for(schema)
+    validator_class.check_schema(schema)
+    return list(validator_class(schema).iter_errors(document))
+
+
+class ShippedFiles(unittest.TestCase):
+    def test_every_file_matches_its_schema(self):
+        for name in FILES:
+            with self.subTest(file=name):
+                self.assertEqual([e.message for e in errors(name, load(name))], [])
+
+    def test_topology_matches_the_machine(self):
+        trd = load("kelvane80_1u_pass1_trd.json")
+        risers = {e["Properties"]["RiserSlot"]: e for e in trd["risers"]}
+        self.assertEqual(
+            {slot: e["Properties"]["PCIeSlot"] for slot, e in risers.items()},
+            RISER_SLOTS,
+        )
+        self.assertEqual(
+            {slot: e["Properties"]["Location"] for slot, e in risers.items()},
+            {1: "Rear", 3: "Rear", 4: "Front", 5: "Front"},
+        )
+        for kind in ("NormalBP", "E3.S"):
+            entries = trd["backplanes"][kind]
+            positions = [e["Properties"]["Position"] for e in entries]
+            self.assertEqual(positions.count("Front"), 4, kind)
+            self.assertEqual(positions.count("Rear"), 1, kind)
+        # A live VPD update finds its record by Connector == VpdLocation:
+        # every board has its own location, and its connector is that.
+        locations = []
+        for entry in trd["backplanes"]["NormalBP"] + trd["risers"]:
+            self.assertEqual(entry["Properties"]["Connector"], entry["Location"])
+            locations.append(entry["Location"])
+        self.assertEqual(len(locations), len(set(locations)))
+        # Slot buses (BUS + 1 + i) do not overlap between risers.
+        buses = [
+            e["Properties"]["BUS"] + 1 + i
+            for e in trd["risers"]
+            for i in range(len(e["Properties"]["PCIeSlot"]))
+        ]
+        self.assertEqual(len(buses), len(set(buses)))
+
+    def test_rules_are_unique_and_know_the_e3s_boards(self):
+        for name in ("bhs_backplanes.json", "bhs_risers.json"):
+            posids = [rule["POSID"] for rule in load(name)]
+            self.assertEqual(len(posids), len(set(posids)), name)
+        posids = {rule["POSID"] for rule in load("bhs_backplanes.json")}
+        self.assertTrue({220, 221, 228} <= posids)
+
+
+class BrokenCopies(unittest.TestCase):
+    def assertRefused(self, name, change):
+        document = copy.deepcopy(load(name))
+        change(document)
+        self.assertNotEqual(errors(name, document), [], name)
+
+    def test_broken_copies_fail(self):
+        trd = "kelvane80_1u_pass1_trd.json"
+        self.assertRefused(trd, lambda d: d["risers"][0].pop("Location"))
+        self.assertRefused(trd, lambda d: d["risers"][1].pop("PosID"))
+        self.assertRefused(
+            trd, lambda d: d["risers"][0]["Properties"].update(Location="Left")
+        )
+        self.assertRefused(
+            trd, lambda d: d["risers"][0]["Properties"].update(PCIeSlot=[31])
+        )
+        self.assertRefused(
+            trd, lambda d: d["backplanes"]["NormalBP"][0].update(Interface=7)
+        )
+        self.assertRefused(
+            trd, lambda d: d["backplanes"]["E3.S"][0].update(Name="../../etc")
+        )
+        self.assertRefused(trd, lambda d: d["backplanes"].pop("E3.S"))
+        self.assertRefused(trd, lambda d: d.pop("midplanes"))
+        self.assertRefused(trd, lambda d: d.update(risers={}))
+
+        self.assertRefused("bhs_backplanes.json", lambda d: d[0].update(POSID="48"))
+        self.assertRefused("bhs_backplanes.json", lambda d: d[1].pop("Name"))
+        self.assertRefused("bhs_backplanes.json", lambda d: d.append([]))
+
+        self.assertRefused(
+            "bhs_risers.json",
+            lambda d: d[0]["com.halvex.hwtopod.riser"].update(MCIO=["A", "B", "C"]),
+        )
+        self.assertRefused(
+            "bhs_risers.json",
+            lambda d: d[0]["com.halvex.hwtopod.riser"].update(BUS="forty"),
+        )
+
+        self.assertRefused("bhs_2p_2psus.json", lambda d: d[1].update(Location="2"))
+        self.assertRefused("bhs_2p_2psus.json", lambda d: d[0].pop("Type"))
+        self.assertRefused("bhs_2p_2psus.json", lambda d: d[0].update(Name="PSU/0"))
+
+
+if __name__ == "__main__":
+    sys.exit(unittest.main(verbosity=2))
