@@ -1,0 +1,339 @@
+// Discovery of a Kelvane1u from its VPD objects, held against the FPGA's
+// picture, read back from the bus, the result files, /dev and the journal.
+
+#include "discoveryFixture.hpp"
+#include "platforms/kelvane1u.hpp"
+#include "process.hpp"
+#include "rules/rules.hpp"
+
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace hwtopod;
+using test::DiscoveryFixture;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+using Events = std::multiset<std::pair<std::string, std::string>>;
+
+namespace
+{
+const auto trd = nlohmann::json::parse(R"({
+  "backplanes": {
+    "NormalBP": [
+      {"Name": "Front BP 1", "Interface": "com.halvex.hwtopod.backplane",
+       "Location": 1, "Properties": {"BackplaneId": 1, "BusNumber": 30,
+                                     "Connector": 11}},
+      {"Name": "Rear M2 BP", "Interface": "com.halvex.hwtopod.backplane",
+       "Location": 5, "Properties": {"BackplaneId": 0, "BusNumber": 34,
+                                     "Connector": 3}}
+    ],
+    "E3.S": [
+      {"Name": "E3S BP 1", "Interface": "com.halvex.hwtopod.backplane",
+       "Location": 1, "Properties": {"BackplaneId": 1, "BusNumber": 30}}
+    ]
+  },
+  "risers": [
+    {"Name": "Riser 1", "Interface": "com.halvex.hwtopod.riser",
+     "Location": 1, "PosID": 0,
+     "Properties": {"Location": "Front", "RiserSlot": 1, "PCIeSlot": [1, 2],
+                    "BUS": 40, "MCIO": ["PCIE1_CEMA", "PCIE2_CEMB"],
+                    "Connector": 21}},
+    {"Name": "Riser 3", "Interface": "com.halvex.hwtopod.riser",
+     "Location": 3, "PosID": 0,
+     "Properties": {"Location": "Rear", "RiserSlot": 3, "PCIeSlot": [3],
+                    "BUS": 44, "MCIO": ["PCIE3_CEMA"], "Connector": 23}},
+    {"Name": "Riser 4", "Interface": "com.halvex.hwtopod.riser",
+     "Location": 4, "PosID": 0,
+     "Properties": {"Location": "Rear", "RiserSlot": 4, "PCIeSlot": [4],
+                    "BUS": 48, "MCIO": ["PCIE4_CEMB"], "Connector": 24}}
+  ],
+  "midplanes": []
+})");
+
+const auto backplaneRules = nlohmann::json::parse(R"([
+  {"Name": "Drive backplane", "POSID": 112,
+   "com.halvex.hwtopod.backplane": {
+     "BackplaneId": "$BackplaneId", "BusNumber": "$BusNumber",
+     "Connector": "$Connector", "BackplaneName": "$VpdName"}}
+])");
+
+const auto riserRules = nlohmann::json::parse(R"([
+  {"Name": "Riser card", "POSID": 224.0,
+   "com.halvex.hwtopod.riser": {
+     "RiserSlot": "$RiserSlot", "PCIeSlot": "$PCIeSlot", "BUS": "$BUS",
+     "MCIO": "$MCIO", "Connector": "$Connector", "RiserName": "$VpdName"}}
+])");
+
+VpdProperties board(std::uint8_t id, std::uint8_t posId, std::uint16_t location,
+                    const std::string& name)
+{
+    return {{"VpdId", id},
+            {"PosIdValue", posId},
+            {"VpdLocation", location},
+            {"VpdName", name},
+            {"VpdFound", true},
+            {"VpdFormat", std::string("Halvex_Fullv3")},
+            {"BUS", std::uint32_t{7}}};
+}
+
+VpdProperties cpu(std::uint16_t location, bool found, std::uint32_t stepping,
+                  std::uint64_t flags)
+{
+    return {{"VpdId", std::uint8_t{0x10}},
+            {"VpdName", "CPU_" + std::to_string(location)},
+            {"VpdLocation", location},
+            {"VpdFound", found},
+            {"CoreFeatureFlags", flags},
+            {"CpuId", std::uint32_t{0x806F8}},
+            {"Stepping", stepping},
+            {"SkuNumber", std::string("6538Y")},
+            {"SSpecOrQdfNumber", std::string("SRN6A")}};
+}
+
+class DynamicDiscovery : public DiscoveryFixture
+{
+  protected:
+    void SetUp() override
+    {
+        DiscoveryFixture::SetUp();
+        writeRule("kelvane80_1u_pass1_trd.json", trd);
+        writeRule("bhs_backplanes.json", backplaneRules);
+        writeRule("bhs_risers.json", riserRules);
+        for (unsigned bus : {30, 34, 41, 42, 45, 49})
+        {
+            makeI2cBus(bus);
+        }
+        CaptureStderr();
+        platform = std::make_unique<Platform::Kelvane1u>();
+        platform->serviceInit();
+        platform->serviceRun();
+        platform->platformInfoInit();
+        platform->initPcieSlotMap();
+        GetCapturedStderr();
+    }
+    void TearDown() override
+    {
+        platform.reset();
+        DiscoveryFixture::TearDown();
+    }
+
+    // The FPGA's picture: risers present by number, each position's status
+    // byte, old risers; then the presence analysis as the hardware thread
+    // runs it.
+    void fpgaSees(std::initializer_list<unsigned> risers,
+                  std::map<unsigned, std::uint8_t> status,
+                  std::initializer_list<unsigned> old = {})
+    {
+        for (unsigned r : risers)
+        {
+            platform->riserPresence.set(r - 1);
+        }
+        for (unsigned position = 1; position <= 24; ++position)
+        {
+            auto& entry = platform->riserTopology[position - 1];
+            entry.bytes = {1, 2, 1, 0x03};
+            if (status.contains(position))
+            {
+                entry.bytes[3] = status[position];
+            }
+        }
+        for (unsigned r : old)
+        {
+            platform->oldRisers.set(r - 1);
+            platform->riserTopology[r - 1].bytes[0] = 0;
+        }
+        platform->checkPresence();
+        platform->markHardwareDiscovered();
+    }
+
+    std::string discover()
+    {
+        CaptureStderr();
+        platform->discoveryWorker->run([this]() {
+            platform->probeCachedVpdd();
+        });
+        return GetCapturedStderr();
+    }
+
+    std::unique_ptr<Platform::Kelvane1u> platform;
+};
+} // namespace
+
+TEST_F(DynamicDiscovery, HealthyMachineIsPublishedLinkedAndWritten)
+{
+    fpgaSees({1, 3, 4}, {});
+    platform->vpdObjects["/com/halvex/vpdd/BP_1"] =
+        board(0x70, 112, 1, "Front BP");
+    platform->vpdObjects["/com/halvex/vpdd/M2_BP"] =
+        board(0x74, 112, 5, "M2 BP");
+    platform->vpdObjects["/com/halvex/vpdd/RISER_1"] =
+        board(0xE0, 224, 1, "Riser A");
+    platform->vpdObjects["/com/halvex/vpdd/RISER_3"] =
+        board(0xE0, 224, 3, "Riser B");
+    platform->vpdObjects["/com/halvex/vpdd/RISER_4"] =
+        board(0xE0, 224, 4, "Riser C");
+    auto log = discover();
+
+    EXPECT_EQ(platform->backplaneType, "NormalBP");
+    EXPECT_TRUE(platform->cachedVpdDone);
+    EXPECT_TRUE(platform->fpgaMatchQueue.empty()) << log;
+
+    // Objects with the record's keys as properties.
+    auto bp =
+        test::getAllProperties("com.halvex.hwtopod", "/chassis/bp/Front_BP_1",
+                               "com.halvex.hwtopod.backplane");
+    EXPECT_EQ(bp.at("BackplaneId").get<std::uint64_t>(), 1U);
+    EXPECT_EQ(bp.at("BackplaneName").get<std::string>(), "Front BP");
+    auto riser =
+        test::getAllProperties("com.halvex.hwtopod", "/chassis/riser/Riser_1",
+                               "com.halvex.hwtopod.riser");
+    EXPECT_EQ(riser.at("PCIeSlot").get<std::vector<std::uint64_t>>(),
+              (std::vector<std::uint64_t>{1, 2}));
+    EXPECT_EQ(riser.at("MCIO").get<std::vector<std::string>>().size(), 2U);
+    EXPECT_TRUE(test::getProperty(
+                    "com.halvex.hwtopod", "/com/halvex/platform/basecfg",
+                    "com.halvex.hwtopod.status.backplane", "BP_1_INSTALLED")
+                    .get<bool>());
+
+    // Result files hold the records in the order found, as the daemon
+    // serialises them.
+    const auto risers = test::readFile(root / rules::risersFoundFile);
+    EXPECT_EQ(risers, rules::foundHardwareText(platform->risersFound));
+    EXPECT_EQ(nlohmann::json::parse(risers)["risers"].size(), 3U);
+    EXPECT_EQ(risers.back(), '}');
+    const auto backplanes = nlohmann::json::parse(
+        test::readFile(root / rules::backplanesFoundFile));
+    ASSERT_EQ(backplanes["backplanes"].size(), 2U);
+    EXPECT_EQ(backplanes["backplanes"][0]["BackplaneName"], "Front BP");
+
+    // Links inside the sandbox: a slot's bus is the riser's base plus one
+    // plus its place on the riser.
+    EXPECT_EQ(linkTarget("bp1_i2c"),
+              sandboxPath("sys/devices/platform/i2c/i2c-30"));
+    EXPECT_EQ(linkTarget("bp0_i2c"),
+              sandboxPath("sys/devices/platform/i2c/i2c-34"));
+    EXPECT_EQ(linkTarget("pcie_slot1_i2c"),
+              sandboxPath("sys/devices/platform/i2c/i2c-41"));
+    EXPECT_EQ(linkTarget("pcie_slot2_i2c"),
+              sandboxPath("sys/devices/platform/i2c/i2c-42"));
+    EXPECT_EQ(linkTarget("pcie_slot4_i2c"),
+              sandboxPath("sys/devices/platform/i2c/i2c-49"));
+
+    const Events events = eventsSoFar();
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_11::Backplane::1"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "M.2_PWR::M.2::Backplane"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_21::Slot::1 Riser"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_24::Slot::4 Riser"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0032I", "Slot::3 Riser"}), 1U);
+    for (const char* mismatch : {"TKRMBSS0012G", "TKRMBIO0035G", "TKRMBIO0036G",
+                                 "TKRMBIO0037G", "TKRMBPU0009N"})
+    {
+        EXPECT_EQ(countId(events, mismatch), 0U) << mismatch;
+    }
+
+    // A second run changes nothing.
+    EXPECT_EQ(discover(), "");
+}
+
+TEST_F(DynamicDiscovery, RisersSeenByOneSideOnlyAndWrongLocations)
+{
+    // Riser 4 sits in the wrong cage; riser 5 is seen by the FPGA alone, as
+    // an old riser in the wrong cage with its cable wrong; riser 3 is seen by
+    // VPD alone.
+    fpgaSees({1, 4, 5}, {{4, 0x01}, {5, 0x00}}, {5});
+    platform->vpdObjects["/com/halvex/vpdd/RISER_1"] =
+        board(0xE0, 224, 1, "Riser A");
+    platform->vpdObjects["/com/halvex/vpdd/RISER_3"] =
+        board(0xE0, 224, 3, "Riser B");
+    platform->vpdObjects["/com/halvex/vpdd/RISER_4"] =
+        board(0xE0, 224, 4, "Riser C");
+    // An E3.S position id anywhere makes every backplane E3.S.
+    platform->vpdObjects["/com/halvex/vpdd/BP_1"] =
+        board(0x70, 0xE4, 1, "E3 BP");
+    auto log = discover();
+
+    EXPECT_EQ(platform->backplaneType, "E3.S");
+    EXPECT_THAT(log,
+                HasSubstr("[ERROR] FPGA didn't detect <PCIe Slot 3 Riser>\n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR] BMC didn't detect PCIe Riser 5\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[ERROR] PCIe <Slot 5 riser> has location mismatch status for PCIe slot 5\n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR] Riser 4 with wrong location \n"));
+    EXPECT_EQ(platform->fpgaMatchQueue.size(), 1U);
+
+    const Events events = eventsSoFar();
+    EXPECT_EQ(events.count({"TKRMBSS0012G", "FPGA::Riser 3"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBSS0012G", "BMC::Slot 5 Riser"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0035G", "Riser 4"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0035G", "Slot 5 Riser"}), 1U);
+    EXPECT_EQ(
+        events.count({"TKRMBIO0037G", "Slot 5 Riser::to correct location"}),
+        1U);
+    EXPECT_EQ(countId(events, "TKRMBSS0012G"), 2U);
+}
+
+TEST_F(DynamicDiscovery, CpuMismatchVotesAgainstPowerOn)
+{
+    test::Process pwrmgt(test::builtProgram("sim/pwrmgt/hwtopod-sim-pwrmgt"),
+                         {});
+    for (int i = 0;
+         i < 100 && pwrmgt.standardOutput().find("ready") == std::string::npos;
+         ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    fpgaSees({}, {});
+    platform->vpdObjects["/com/halvex/vpdd/CPU_1"] = cpu(1, true, 8, 0xFF);
+    platform->vpdObjects["/com/halvex/vpdd/CPU_2"] = cpu(2, true, 6, 0xFE);
+    // Not a CPU by its path: no check, no vote.
+    platform->vpdObjects["/com/halvex/vpdd/Cpu_3"] = cpu(3, true, 1, 1);
+    auto log = discover();
+
+    EXPECT_THAT(
+        log,
+        HasSubstr("[INFO] CPU 1 is installed, store CPU 1 configuration \n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[WARNING] CPU 2 installed and different to CPU 1, set CPU 2 configuration mismatch\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[INFO] power vote for vote id(1) success, vote value: off\n"));
+    EXPECT_EQ(pwrmgt.standardOutput(),
+              "pwrmgt ready\n"
+              "Vote com.halvex.hwtopod 1 on\n"
+              "Vote com.halvex.hwtopod 1 on\n"
+              "Vote com.halvex.hwtopod 1 off\n");
+    const Events events = eventsSoFar();
+    EXPECT_EQ(events.count({"TKRMBPU0009N", "2"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBPU0015G", ""}), 1U);
+
+    // After a mismatch no vote "on" is cast again.
+    const auto votes = pwrmgt.standardOutput();
+    CaptureStderr();
+    platform->probeCpu("/com/halvex/vpdd/CPU_1");
+    GetCapturedStderr();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(pwrmgt.standardOutput(), votes);
+}
+
+TEST_F(DynamicDiscovery, MissingCpu1AndAnAbsentPowerService)
+{
+    fpgaSees({}, {});
+    auto missing = cpu(1, false, 8, 0xFF);
+    platform->vpdObjects["/com/halvex/vpdd/CPU_1"] = missing;
+    auto log = discover();
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "[INFO] CPU 1 is not installed, set CPU 1 configuration mismatch \n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR] power permission Exception:"));
+    EXPECT_TRUE(platform->cpuCheck.cpuPowerDenied);
+    EXPECT_EQ(eventsSoFar().count({"TKRMBPU0009N", "1"}), 1U);
+}
