@@ -21,8 +21,8 @@ constexpr unsigned blockSize = 16;
 constexpr unsigned blockCount = 64;
 
 std::mutex accessMutex;
-// Reads made so far of each space in this process, by image name; the
-// first-N-fail files count against it.
+// Reads made so far of each image file in this process; the first-N-fail
+// files count against it.
 std::map<std::string, unsigned>& readCounts()
 {
     static std::map<std::string, unsigned> counts;
@@ -83,7 +83,7 @@ int readSpace(const std::string& name, Operation op, unsigned block,
     {
         const std::string imagePath = directory + "/" + name;
         std::ifstream image(imagePath, std::ios::binary);
-        unsigned& done = readCounts()[name];
+        unsigned& done = readCounts()[imagePath];
         const unsigned failing = failingReads(imagePath);
         ++done;
         if (!image)
