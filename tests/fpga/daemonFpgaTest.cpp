@@ -19,17 +19,6 @@ using testing::HasSubstr;
 
 namespace
 {
-std::size_t count(const std::string& text, const std::string& part)
-{
-    std::size_t found = 0;
-    for (auto at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + part.size()))
-    {
-        ++found;
-    }
-    return found;
-}
-
 constexpr auto block12Read =
     "remote0.img block 12 offset 0 length 16 result 0\n";
 } // namespace
@@ -64,23 +53,27 @@ TEST(DaemonFpga, ReadsOutTheMachineAndAsksForLiquidCoolingOnce)
     // Other threads log too, so lines are checked one by one; the hardware
     // thread's own order shows in the events below.
     const auto log = daemon.standardError();
-    for (const std::string line :
-         {"[INFO] [INIT] FIND THE FPGA DEV, PATH = /dev/fpga-r0-adi\n",
-          "[INFO] FPGA service is up\n",
-          "[INFO] Dumpping FPGA registors,ID:0x00000000\n",
-          "[INFO] Dumpping FPGA registors,ID:0x00000001\n",
-          "[INFO] Dumpping FPGA registors,ID:0x00011408\n",
-          "[INFO] Riser ADI block is ready, read Riser status from block "
-          "20/25\n",
-          "[INFO] Riser 4:Prsnt:1,New. PCIe:4, stat:0x46(RsrID:0x04,CageID:"
-          "0x01,CageM:0x01,CableM:0x00),A_Exp:0x03,A_Act:0x03,B_Exp:0x04,"
-          "B_Act:0x06\n",
-          "[INFO] Riser 4 for PCIe slot 4 configuration is mismatched, "
-          "connectors error\n",
-          "[INFO] [kelvane1u] getSkuConfig skuRearConfig: 1\n",
-          "[INFO] [kelvane1u] getSkuConfig skuFrontConfig: 2\n",
-          "[INFO] [platformHighvol] getFpgaFanInfo 1U fan 8 fantype 1\n",
-          "[INFO] applyPlatformCoolingSettings: type 0\n"})
+    for (const std::string& line : std::vector<std::string>{
+             "[INFO] [INIT] FIND THE FPGA DEV, PATH = /dev/fpga-r0-adi\n",
+             "[INFO] FPGA service is up\n",
+             "[INFO] Dumpping FPGA registors,ID:0x00000000\n",
+             "[INFO] Dumpping FPGA registors,ID:0x00000001\n",
+             "[INFO] Dumpping FPGA registors,ID:0x00011408\n",
+             "[INFO] Riser ADI block is ready, read Riser status from block "
+             "20/25\n",
+             "[INFO] pcieCardPrsnt " + std::string(60, '0') + "1001\n",
+             "[INFO] Riser 1:Prsnt:1,New. PCIe:1, stat:0x13(RsrID:0x01,CageID:"
+             "0x00,CageM:0x01,CableM:0x01),A_Exp:0x01,A_Act:0x01,B_Exp:0x00,"
+             "B_Act:0x00\n",
+             "[INFO] Riser 4:Prsnt:1,New. PCIe:4, stat:0x46(RsrID:0x04,CageID:"
+             "0x01,CageM:0x01,CableM:0x00),A_Exp:0x03,A_Act:0x03,B_Exp:0x04,"
+             "B_Act:0x06\n",
+             "[INFO] Riser 4 for PCIe slot 4 configuration is mismatched, "
+             "connectors error\n",
+             "[INFO] [kelvane1u] getSkuConfig skuRearConfig: 1\n",
+             "[INFO] [kelvane1u] getSkuConfig skuFrontConfig: 2\n",
+             "[INFO] [platformHighvol] getFpgaFanInfo 1U fan 8 fantype 1\n",
+             "[INFO] applyPlatformCoolingSettings: type 0\n"})
     {
         EXPECT_THAT(log, HasSubstr(line));
     }
@@ -119,16 +112,19 @@ TEST(DaemonFpga, ReadsOutTheMachineAndAsksForLiquidCoolingOnce)
 
     // One more pass: block 12 is read again, the service is not asked again.
     const auto readsAtSuccess =
-        count(test::readFile(images / "access.log"), block12Read);
-    for (int i = 0; i < 150 && count(test::readFile(images / "access.log"),
-                                     block12Read) == readsAtSuccess;
+        test::countInText(test::readFile(images / "access.log"), block12Read);
+    for (int i = 0;
+         i < 150 && test::countInText(test::readFile(images / "access.log"),
+                                      block12Read) == readsAtSuccess;
          ++i)
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    EXPECT_GT(count(test::readFile(images / "access.log"), block12Read),
-              readsAtSuccess);
-    EXPECT_EQ(count(cooling.standardOutput(), "CreateSensors 0\n"), 1U);
+    EXPECT_GT(
+        test::countInText(test::readFile(images / "access.log"), block12Read),
+        readsAtSuccess);
+    EXPECT_EQ(test::countInText(cooling.standardOutput(), "CreateSensors 0\n"),
+              1U);
     EXPECT_EQ(daemon.countInLog("applyPlatformCoolingSettings: type 0"), 2U);
     EXPECT_EQ(daemon.countInLog("setLiquidCooling failed: "), 1U);
     EXPECT_TRUE(daemon.running());
