@@ -80,7 +80,16 @@ TEST(DaemonFpga, ReadsOutTheMachineAndAsksForLiquidCoolingOnce)
     EXPECT_THAT(log, testing::Not(HasSubstr("Failed to read FPGA")));
     EXPECT_THAT(log, testing::Not(HasSubstr("Exception in hwDeviceDiscovery")));
 
-    // Install and cable events of the presence analysis, in its order.
+    // The service comes late; the next pass, 10 seconds on, reaches it.
+    test::Process cooling(
+        test::builtProgram("sim/liquid_cooling/liquid-cooling"), {});
+    ASSERT_TRUE(
+        daemon.waitForLog("[INFO] setLiquidCooling called successfully!\n",
+                          std::chrono::seconds(15)))
+        << daemon.standardError();
+
+    // Install and cable events of the presence analysis, in its order; by
+    // now the journal has had ten seconds to take them in.
     const std::set<std::string> presenceIds = {
         "EventRegistry.1.0.TKRMBIO0032I", "EventRegistry.1.0.TKRMBIO0038G",
         "EventRegistry.1.0.TKRMBIO0039G", "EventRegistry.1.0.TKRMBIO0040G",
@@ -101,14 +110,6 @@ TEST(DaemonFpga, ReadsOutTheMachineAndAsksForLiquidCoolingOnce)
                   "TKRMBIO0032I PCIe Card::4",
                   "TKRMBIO0041G CEMB::PCIe Slot 4::PCIE6_CEMB::PCIE4_CEMB",
                   "TKRMBIO0032I Slot::5 Riser", "TKRMBIO0032I OCP::1"}));
-
-    // The service comes late; the next pass, 10 seconds on, reaches it.
-    test::Process cooling(
-        test::builtProgram("sim/liquid_cooling/liquid-cooling"), {});
-    ASSERT_TRUE(
-        daemon.waitForLog("[INFO] setLiquidCooling called successfully!\n",
-                          std::chrono::seconds(15)))
-        << daemon.standardError();
 
     // One more pass: block 12 is read again, the service is not asked again.
     const auto readsAtSuccess =
