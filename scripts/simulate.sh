@@ -1,43 +1,270 @@
 #!/usr/bin/env bash
-# Builds the daemon, starts a private system bus, runs the real binary on a
-# sandbox root and shows what it publishes, then tears everything down.
+# Runs the real hwtopod on a simulated Kelvane1u and shows what it found.
+#
+#   scripts/simulate.sh [--json] [--list] [scenario]
+#
+# The scenario is a name under sim/scenarios (default: healthy) or a
+# directory. The command builds what is missing, lays the scenario out in a
+# sandbox, starts a private system bus, a journald if none runs, the stand-in
+# services and the daemon, waits until discovery has ended, prints the report
+# of hwtopod-inspect (with --json one JSON document that adds what the
+# stand-ins saw) and tears everything down, also on Ctrl-C or a failure.
+#
+# HWTOPOD_BUILD_DIR names a build to use as it is (the tests set it); without
+# it the command builds ./build. HWTOPOD_SIM_TIMEOUT bounds each wait in
+# seconds (default 120). Progress goes to standard error, the report to
+# standard output. docs/simulation.md tells the scenario format.
 set -euo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
-cd "$top"
-if [ "$(id -u)" -eq 0 ]; then bash scripts/install-deps.sh >/dev/null; else sudo bash scripts/install-deps.sh >/dev/null; fi
-[ -f build/build.ninja ] || meson setup build >/dev/null
-ninja -C build >/dev/null
-
-work=$(mktemp -d /tmp/hwtopod-sim-XXXXXX)
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-    wait 2>/dev/null || true
-    rm -rf "$work"
-}
-trap cleanup EXIT INT TERM
-
-sed "s|@SOCKET@|$work/bus.socket|" tests/data/system-bus.conf.in >"$work/bus.conf"
-dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile &
-pids+=($!)
-for _ in $(seq 100); do [ -S "$work/bus.socket" ] && break; sleep 0.05; done
-export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus.socket"
-
-root="$work/root"
-mkdir -p "$root/etc" "$root/usr/share/vantarack-bmc-apps/hwtopod" "$root/var/configuration"
-echo 'HALVEX_BUILDID="QDM413B"' >"$root/etc/os-release"
-cp data/*.json "$root/usr/share/vantarack-bmc-apps/hwtopod/"
-
-HWTOPOD_ROOT="$root" HWTOPOD_STATUS=normal build/src/platforms/hwtopod 2>"$work/hwtopod.log" &
-pids+=($!)
-for _ in $(seq 100); do grep -q "platformInfoInit added" "$work/hwtopod.log" 2>/dev/null && break; sleep 0.1; done
-
-echo "== hwtopod log"
-cat "$work/hwtopod.log"
-echo "== objects of com.halvex.hwtopod"
-busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" tree com.halvex.hwtopod
-for path in /com/halvex/platform/basecfg /com/halvex/platform/software/config /com/halvex/platform/hardware/chassis; do
-    echo "== $path"
-    busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" introspect com.halvex.hwtopod "$path" | grep -v '^\.\(Get\|Set\|Introspect\|Ping\|GetAll\|GetMachineId\|PropertiesChanged\)\b' | grep -v 'org.freedesktop.DBus'
+json=0
+scenario=healthy
+while [ $# -gt 0 ]; do
+    case "$1" in
+    --json) json=1 ;;
+    --list)
+        for dir in "$top"/sim/scenarios/*/; do
+            name=$(basename "$dir")
+            printf '%-22s %s\n' "$name" "$(python3 -c 'import json,sys; print(json.load(open(sys.argv[1])).get("description",""))' "$dir/scenario.json")"
+        done
+        exit 0
+        ;;
+    -h | --help)
+        sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'
+        exit 0
+        ;;
+    -*)
+        echo "simulate: unknown option $1" >&2
+        exit 2
+        ;;
+    *) scenario=$1 ;;
+    esac
+    shift
 done
+
+if [ -d "$scenario" ]; then
+    scenario_dir=$(cd "$scenario" && pwd)
+else
+    scenario_dir="$top/sim/scenarios/$scenario"
+fi
+if [ ! -f "$scenario_dir/scenario.json" ]; then
+    echo "simulate: no scenario $scenario (scripts/simulate.sh --list shows them)" >&2
+    exit 2
+fi
+timeout=${HWTOPOD_SIM_TIMEOUT:-120}
+
+say() { echo "simulate: $*" >&2; }
+
+# Build what is missing, unless a build is given.
+if [ -n "${HWTOPOD_BUILD_DIR:-}" ]; then
+    build=$HWTOPOD_BUILD_DIR
+else
+    build="$top/build"
+    if ! command -v meson >/dev/null || ! command -v dbus-daemon >/dev/null ||
+        ! pkg-config --exists sdbus-c++ libgpiodcxx nlohmann_json libsystemd 2>/dev/null; then
+        if [ "$(id -u)" -eq 0 ]; then
+            bash "$top/scripts/install-deps.sh" >&2
+        else
+            sudo bash "$top/scripts/install-deps.sh" >&2
+        fi
+    fi
+    [ -f "$build/build.ninja" ] || meson setup "$build" "$top" >/dev/null
+    ninja -C "$build" >/dev/null || {
+        say "build failed"
+        exit 1
+    }
+fi
+for program in src/platforms/hwtopod tools/inspect/hwtopod-inspect sim/vpdd/vpdd \
+    sim/pwrmgt/hwtopod-sim-pwrmgt sim/liquid_cooling/liquid-cooling sim/gpiod/libgpiod.so.2; do
+    [ -e "$build/$program" ] || {
+        say "$build/$program is missing"
+        exit 1
+    }
+done
+
+sandbox=$(mktemp -d "${TMPDIR:-/tmp}/hwtopod-sim.XXXXXX")
+pids=()
+names=()
+started_journald=""
+
+stop_all() {
+    local i pid
+    # The daemon first, the bus last.
+    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+        kill -TERM "${pids[$i]}" 2>/dev/null || true
+    done
+    for pid in "${pids[@]}"; do
+        for _ in $(seq 40); do
+            kill -0 "$pid" 2>/dev/null || break
+            sleep 0.05
+        done
+        kill -KILL "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    pids=()
+}
+cleanup() {
+    local status=$?
+    trap - EXIT INT TERM HUP
+    stop_all
+    rm -rf "$sandbox"
+    exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+trap 'exit 129' HUP
+
+# start <name> <command...>: in the background, output in the sandbox.
+start() {
+    local name=$1
+    shift
+    "$@" >"$sandbox/$name.out" 2>"$sandbox/$name.err" &
+    pids+=($!)
+    names+=("$name")
+    say "started $name pid $!"
+}
+
+# wait_for <what> <command...>: until the command succeeds, or fail.
+wait_for() {
+    local what=$1 deadline=$((SECONDS + timeout))
+    shift
+    until "$@"; do
+        if [ -n "${daemon_pid:-}" ] && ! kill -0 "$daemon_pid" 2>/dev/null; then
+            say "hwtopod ended while waiting for $what; its last log lines:"
+            tail -n 20 "$sandbox/hwtopod.err" >&2 || true
+            exit 1
+        fi
+        if [ "$SECONDS" -ge "$deadline" ]; then
+            say "timed out waiting for $what"
+            exit 1
+        fi
+        sleep 0.1
+    done
+}
+in_log() { grep -qF -- "$2" "$sandbox/$1" 2>/dev/null; }
+count_in_log() { grep -cF -- "$2" "$sandbox/$1" 2>/dev/null || true; }
+
+say "scenario $(basename "$scenario_dir"), sandbox $sandbox"
+python3 "$top/sim/scenario.py" "$scenario_dir" "$sandbox" "$top/data"
+# shellcheck source=/dev/null
+. "$sandbox/scenario.env"
+
+# The journal: the daemon's events go there.
+if [ ! -S /run/systemd/journal/socket ]; then
+    /lib/systemd/systemd-journald >/dev/null 2>&1 &
+    started_journald=$!
+    pids=("$started_journald" "${pids[@]}")
+    names=(journald "${names[@]}")
+    say "started journald pid $started_journald"
+    wait_for journald test -S /run/systemd/journal/socket
+fi
+
+# A private system bus.
+sed "s|@SOCKET@|$sandbox/bus.socket|" "$top/tests/data/system-bus.conf.in" >"$sandbox/bus.conf"
+start bus dbus-daemon --config-file="$sandbox/bus.conf" --nofork --nopidfile --print-address=1
+wait_for "the bus" test -s "$sandbox/bus.out"
+export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$sandbox/bus.socket"
+busctl=(busctl --address="$DBUS_SYSTEM_BUS_ADDRESS")
+
+if [ "$SCENARIO_COOLING" = 1 ]; then
+    start cooling "$build/sim/liquid_cooling/liquid-cooling"
+    wait_for "the liquid cooling stand-in" in_log cooling.out ready
+fi
+if [ "$SCENARIO_PWRMGT" = 1 ]; then
+    start pwrmgt "$build/sim/pwrmgt/hwtopod-sim-pwrmgt" --reply "$SCENARIO_PWRMGT_REPLY"
+    wait_for "the power management stand-in" in_log pwrmgt.out ready
+fi
+if [ "$SCENARIO_VPDD_BEFORE" = 1 ]; then
+    start vpdd "$build/sim/vpdd/vpdd" "$sandbox/vpdd.json"
+    wait_for "the VPD stand-in" in_log vpdd.out "published $SCENARIO_READY_PATH"
+fi
+
+daemon_env=(
+    HWTOPOD_ROOT="$sandbox/root"
+    HALVEX_FPGA_IMAGES="$sandbox/fpga"
+    HWTOPOD_SIM_GPIO="$sandbox/gpio"
+    LD_LIBRARY_PATH="$build/sim/gpiod${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+)
+if [ "$SCENARIO_STATUS" = "<unset>" ]; then
+    start hwtopod env -u HWTOPOD_STATUS "${daemon_env[@]}" "$build/src/platforms/hwtopod"
+else
+    start hwtopod env HWTOPOD_STATUS="$SCENARIO_STATUS" "${daemon_env[@]}" "$build/src/platforms/hwtopod"
+fi
+daemon_pid=${pids[-1]}
+restart=0
+if [ "$SCENARIO_STATUS" != normal ] && [ "$SCENARIO_STATUS" != "<unset>" ]; then
+    restart=1
+fi
+
+wait_for "the daemon's service" in_log hwtopod.err "Service is set"
+if [ "$SCENARIO_VPDD_BEFORE" != 1 ]; then
+    start vpdd "$build/sim/vpdd/vpdd" "$sandbox/vpdd.json"
+fi
+
+# The end of discovery.
+if [ "$restart" = 1 ]; then
+    # The closing loop begins once waitForVpd has probed the objects.
+    wait_for "discovery" in_log hwtopod.err "applyPlatformCoolingSettings: type"
+elif in_log hwtopod.err "[Base::matchVpdd] TRD files are not loaded"; then
+    say "the daemon has no VPD match: no board discovery on this start"
+    wait_for "the VPD stand-in" in_log vpdd.out "published $SCENARIO_READY_PATH"
+else
+    wait_for "discovery" in_log hwtopod.err "matchVpdd completed"
+    # Discovery runs inside the signal callback on the daemon's bus thread;
+    # once that thread answers a call, discovery is over.
+    "${busctl[@]}" --timeout=300 call com.halvex.hwtopod / org.freedesktop.DBus.Peer Ping >/dev/null
+fi
+say "discovery has ended"
+wait_for "the device presence object" \
+    "${busctl[@]}" introspect com.halvex.hwtopod /com/halvex/platform/hardware/device >/dev/null 2>&1
+
+# Fault line edges, once the monitor watches the lines.
+if [ "$SCENARIO_GPIO" = 1 ] && [ "$SCENARIO_EDGES" -gt 0 ]; then
+    wait_for "the fault line monitor" in_log hwtopod.err "Setup VRs & powergoods in FPGA gpio device"
+    seen=$(count_in_log hwtopod.err "found in fpga_gpio_table")
+    while read -r line edge; do
+        [ -n "$line" ] || continue
+        echo "$line $edge" >"$sandbox/gpio/edges"
+        say "edge $edge on $line"
+        seen=$((seen + 1))
+        wait_for "the edge on $line" test "$(count_in_log hwtopod.err "found in fpga_gpio_table")" -ge "$seen"
+    done <"$sandbox/edges.txt"
+fi
+
+# Everything the daemon sent is in the journal before it is read.
+journalctl --sync >/dev/null 2>&1 || sleep 0.5
+
+inspect=("$build/tools/inspect/hwtopod-inspect" --pid "$daemon_pid")
+if [ "$json" = 1 ]; then
+    HWTOPOD_ROOT="$sandbox/root" "${inspect[@]}" --json >"$sandbox/report.json"
+    python3 - "$sandbox" "$(basename "$scenario_dir")" "$daemon_pid" <<'EOF'
+import json, os, sys
+sandbox, name, pid = sys.argv[1:]
+def lines(file):
+    path = os.path.join(sandbox, file)
+    return open(path).read().splitlines() if os.path.exists(path) else []
+report = json.load(open(os.path.join(sandbox, "report.json")))
+maps = "/proc/%s/maps" % pid
+report["simulation"] = {
+    "scenario": name,
+    "description": open(os.path.join(sandbox, "description.txt")).read().strip(),
+    "votes": [l for l in lines("pwrmgt.out") if l.startswith("Vote ")],
+    "coolingCalls": [l for l in lines("cooling.out") if l.startswith("CreateSensors")],
+    "vpdd": lines("vpdd.out"),
+    "daemonLog": lines("hwtopod.err"),
+    "gpioStandIn": os.path.exists(maps) and any(
+        os.path.join("sim", "gpiod", "libgpiod.so") in l for l in open(maps)),
+}
+print(json.dumps(report, indent=2))
+EOF
+else
+    echo "Scenario $(basename "$scenario_dir"): $(cat "$sandbox/description.txt")"
+    HWTOPOD_ROOT="$sandbox/root" "${inspect[@]}"
+    if [ -s "$sandbox/pwrmgt.out" ] && grep -q '^Vote ' "$sandbox/pwrmgt.out"; then
+        echo
+        echo "Power votes (power management stand-in)"
+        echo "---------------------------------------"
+        grep '^Vote ' "$sandbox/pwrmgt.out" | sed 's/^/  /'
+    fi
+fi

@@ -1,0 +1,583 @@
+#include "inspect.hpp"
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <systemd/sd-id128.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace hwtopod::inspect
+{
+
+namespace
+{
+
+using Json = nlohmann::json;
+using Properties = std::map<std::string, sdbus::Variant>;
+using ManagedObjects =
+    std::map<sdbus::ObjectPath, std::map<std::string, Properties>>;
+
+constexpr const char* messageIdPrefix = "EventRegistry.1.0.";
+const std::vector<std::string> resultFiles = {
+    "backplanes_found.json", "risers_found.json", "midplanes_found.json"};
+
+// An absolute path as the daemon sees it: below HWTOPOD_ROOT when set.
+std::filesystem::path rooted(const std::string& absolute)
+{
+    const char* root = std::getenv("HWTOPOD_ROOT");
+    if (root == nullptr || *root == '\0')
+    {
+        return absolute;
+    }
+    return std::filesystem::path(root) / absolute.substr(1);
+}
+
+template <typename T>
+Json take(const sdbus::Variant& value)
+{
+    return Json(value.get<T>());
+}
+
+Json toJson(const sdbus::Variant& value)
+{
+    static const std::map<std::string, Json (*)(const sdbus::Variant&)>
+        readers = {
+            {"s", take<std::string>},
+            {"o", take<std::string>},
+            {"b", take<bool>},
+            {"y", take<std::uint8_t>},
+            {"n", take<std::int16_t>},
+            {"q", take<std::uint16_t>},
+            {"i", take<std::int32_t>},
+            {"u", take<std::uint32_t>},
+            {"x", take<std::int64_t>},
+            {"t", take<std::uint64_t>},
+            {"d", take<double>},
+            {"as", take<std::vector<std::string>>},
+            {"ab", take<std::vector<bool>>},
+            {"ay", take<std::vector<std::uint8_t>>},
+            {"ai", take<std::vector<std::int32_t>>},
+            {"au", take<std::vector<std::uint32_t>>},
+            {"ax", take<std::vector<std::int64_t>>},
+            {"at", take<std::vector<std::uint64_t>>},
+            {"ad", take<std::vector<double>>},
+        };
+    if (value.isEmpty())
+    {
+        return nullptr;
+    }
+    auto reader = readers.find(value.peekValueType());
+    if (reader == readers.end())
+    {
+        return "<" + std::string(value.peekValueType()) + ">";
+    }
+    return reader->second(value);
+}
+
+// Properties of all interfaces of an object, in one map.
+Json flatten(const std::map<std::string, Properties>& interfaces)
+{
+    Json result = Json::object();
+    for (const auto& [interface, properties] : interfaces)
+    {
+        if (interface.starts_with("org.freedesktop.DBus"))
+        {
+            continue;
+        }
+        for (const auto& [name, value] : properties)
+        {
+            result[name] = toJson(value);
+        }
+    }
+    return result;
+}
+
+std::string interfacesOf(const std::map<std::string, Properties>& interfaces)
+{
+    std::string names;
+    for (const auto& [interface, properties] : interfaces)
+    {
+        if (!interface.starts_with("org.freedesktop.DBus"))
+        {
+            names += names.empty() ? interface : "," + interface;
+        }
+    }
+    return names;
+}
+
+// Where /dev/<name> points, with the bus number of an "i2c-N" target.
+Json i2cLink(const std::string& name)
+{
+    const auto link = rooted("/dev/" + name);
+    Json result = {{"link", "/dev/" + name}};
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink(link, error);
+    if (error)
+    {
+        result["target"] = nullptr;
+        result["bus"] = nullptr;
+        return result;
+    }
+    result["target"] = target.string();
+    const auto leaf = target.filename().string();
+    if (leaf.starts_with("i2c-"))
+    {
+        result["bus"] = std::strtoul(leaf.c_str() + 4, nullptr, 10);
+    }
+    else
+    {
+        result["bus"] = nullptr;
+    }
+    return result;
+}
+
+// Realtime microseconds at which a process started; 0 when unknown.
+std::uint64_t processStart(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    if (!std::getline(stat, text))
+    {
+        return 0;
+    }
+    // Fields after the command name, which is in parentheses.
+    std::istringstream rest(text.substr(text.rfind(')') + 2));
+    std::string field;
+    unsigned long long ticks = 0;
+    for (int index = 3; rest >> field; ++index)
+    {
+        if (index == 22)
+        {
+            ticks = std::stoull(field);
+            break;
+        }
+    }
+    timespec now{};
+    timespec boot{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    ::clock_gettime(CLOCK_BOOTTIME, &boot);
+    const auto toMicro = [](const timespec& t) {
+        return static_cast<std::uint64_t>(t.tv_sec) * 1000000ULL +
+               static_cast<std::uint64_t>(t.tv_nsec) / 1000ULL;
+    };
+    const auto hz = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+    const auto bootedAt = toMicro(now) - toMicro(boot);
+    // One tick of slack: the start time is rounded down to a tick.
+    return bootedAt + ticks * 1000000ULL / hz - 1000000ULL / hz;
+}
+
+std::vector<std::string> splitArgs(const std::string& text)
+{
+    std::vector<std::string> parts;
+    std::size_t start = 0;
+    while (true)
+    {
+        const auto at = text.find("::", start);
+        parts.push_back(text.substr(start, at - start));
+        if (at == std::string::npos)
+        {
+            return parts;
+        }
+        start = at + 2;
+    }
+}
+
+// The daemon's Redfish records: this process, this boot, since it started.
+Json journalEvents(pid_t pid, Json& errors)
+{
+    Json events = Json::array();
+    sd_journal* journal = nullptr;
+    if (sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0)
+    {
+        errors.push_back("cannot open the journal");
+        return events;
+    }
+    const auto pidMatch = "_PID=" + std::to_string(pid);
+    sd_journal_add_match(journal, pidMatch.c_str(), 0);
+    sd_id128_t boot{};
+    if (sd_id128_get_boot(&boot) >= 0)
+    {
+        char text[SD_ID128_STRING_MAX];
+        const auto bootMatch =
+            "_BOOT_ID=" + std::string(sd_id128_to_string(boot, text));
+        sd_journal_add_match(journal, bootMatch.c_str(), 0);
+    }
+    const auto since = processStart(pid);
+    if (since != 0)
+    {
+        sd_journal_seek_realtime_usec(journal, since);
+    }
+    else
+    {
+        sd_journal_seek_head(journal);
+    }
+    while (sd_journal_next(journal) > 0)
+    {
+        std::map<std::string, std::string> fields;
+        const void* data = nullptr;
+        size_t length = 0;
+        SD_JOURNAL_FOREACH_DATA(journal, data, length)
+        {
+            std::string field(static_cast<const char*>(data), length);
+            const auto equals = field.find('=');
+            if (equals != std::string::npos)
+            {
+                fields[field.substr(0, equals)] = field.substr(equals + 1);
+            }
+        }
+        auto id = fields.find("REDFISH_MESSAGE_ID");
+        if (id == fields.end())
+        {
+            continue;
+        }
+        std::string shortId = id->second;
+        if (shortId.starts_with(messageIdPrefix))
+        {
+            shortId = shortId.substr(std::string(messageIdPrefix).size());
+        }
+        Json event = {{"id", shortId}};
+        auto args = fields.find("REDFISH_MESSAGE_ARGS");
+        std::vector<std::string> argList;
+        if (args != fields.end())
+        {
+            argList = splitArgs(args->second);
+            event["args"] = args->second;
+        }
+        else
+        {
+            event["args"] = nullptr;
+        }
+        event["priority"] = std::atoi(fields["PRIORITY"].c_str());
+        event["text"] = describeEvent(shortId, argList);
+        event["problem"] = isProblem(shortId);
+        events.push_back(event);
+    }
+    sd_journal_close(journal);
+    return events;
+}
+
+std::optional<pid_t> daemonPid(sdbus::IConnection& connection,
+                               const std::string& service)
+{
+    auto proxy = sdbus::createProxy(connection, "org.freedesktop.DBus",
+                                    "/org/freedesktop/DBus");
+    std::uint32_t pid = 0;
+    proxy->callMethod("GetConnectionUnixProcessID")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(service)
+        .storeResultsTo(pid);
+    return static_cast<pid_t>(pid);
+}
+
+// Riser number from an object's properties; 0 when it has none.
+unsigned riserSlot(const Json& properties)
+{
+    auto slot = properties.find("RiserSlot");
+    return slot != properties.end() && slot->is_number_unsigned()
+               ? slot->get<unsigned>()
+               : 0;
+}
+
+std::string clean(std::string text)
+{
+    for (auto& c : text)
+    {
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0)
+        {
+            c = '_';
+        }
+    }
+    return text;
+}
+
+// The events that concern one riser: its cables and its location.
+Json riserIssues(const Json& events, unsigned slot,
+                 const std::vector<std::string>& names)
+{
+    const auto slotName = "PCIe Slot " + std::to_string(slot);
+    const auto bmcName = "Slot " + std::to_string(slot) + " Riser";
+    Json cable = Json::array();
+    Json location = Json::array();
+    for (const auto& event : events)
+    {
+        const auto id = event["id"].get<std::string>();
+        if (event["args"].is_null())
+        {
+            continue;
+        }
+        const auto args = splitArgs(event["args"].get<std::string>());
+        auto named = [&](const std::string& arg) {
+            if (arg == bmcName)
+            {
+                return true;
+            }
+            for (const auto& name : names)
+            {
+                if (clean(arg) == clean(name))
+                {
+                    return true;
+                }
+            }
+            return false;
+        };
+        if ((id == "TKRMBIO0036G" || id == "TKRMBIO0037G") && named(args[0]))
+        {
+            cable.push_back(event["text"]);
+        }
+        else if ((id == "TKRMBIO0038G" || id == "TKRMBIO0039G") &&
+                 args[0] == slotName)
+        {
+            cable.push_back(event["text"]);
+        }
+        else if ((id == "TKRMBIO0040G" || id == "TKRMBIO0041G") &&
+                 args.size() > 1 && args[1] == slotName)
+        {
+            cable.push_back(event["text"]);
+        }
+        else if (id == "TKRMBIO0035G" && named(args[0]))
+        {
+            location.push_back(event["text"]);
+        }
+    }
+    return {{"cable", cable.empty() ? Json("ok") : cable},
+            {"location", location.empty() ? Json("ok") : location}};
+}
+
+// Riser numbers that the FPGA reported and no VPD object confirmed.
+std::vector<unsigned> risersOnlyFpgaSaw(const Json& events)
+{
+    std::vector<unsigned> slots;
+    for (const auto& event : events)
+    {
+        if (event["id"] != "TKRMBSS0012G" || event["args"].is_null())
+        {
+            continue;
+        }
+        const auto args = splitArgs(event["args"].get<std::string>());
+        if (args.size() == 2 && args[0] == "BMC" &&
+            args[1].starts_with("Slot "))
+        {
+            slots.push_back(std::strtoul(args[1].c_str() + 5, nullptr, 10));
+        }
+    }
+    return slots;
+}
+
+bool fpgaMissed(const Json& events, const std::string& name)
+{
+    for (const auto& event : events)
+    {
+        if (event["id"] == "TKRMBSS0012G" && event["args"] == "FPGA::" + name)
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+Json collect(const Options& options)
+{
+    Json document = {{"service", {{"name", options.service}}},
+                     {"errors", Json::array()}};
+    Json& errors = document["errors"];
+
+    ManagedObjects objects;
+    std::optional<pid_t> pid = options.pid;
+    bool onBus = false;
+    try
+    {
+        auto connection = sdbus::createSystemBusConnection();
+        if (!pid)
+        {
+            pid = daemonPid(*connection, options.service);
+        }
+        auto proxy = sdbus::createProxy(*connection, options.service, "/");
+        proxy->callMethod("GetManagedObjects")
+            .onInterface("org.freedesktop.DBus.ObjectManager")
+            .storeResultsTo(objects);
+        onBus = true;
+    }
+    catch (const sdbus::Error& e)
+    {
+        errors.push_back("D-Bus: " + e.getName() + ": " + e.getMessage());
+    }
+    document["service"]["onBus"] = onBus;
+    document["service"]["pid"] = pid ? Json(*pid) : Json(nullptr);
+
+    Json events = pid ? journalEvents(*pid, errors) : Json::array();
+
+    // Platform facts.
+    Json platform = Json::object();
+    Json psus = Json::array();
+    Json backplaneStatus = Json::object();
+    Json presence = nullptr;
+    Json risers = Json::array();
+    Json backplanes = Json::array();
+    Json midplanes = Json::array();
+    for (const auto& [path, interfaces] : objects)
+    {
+        const std::string name = path;
+        auto properties = flatten(interfaces);
+        if (name == "/com/halvex/platform/basecfg")
+        {
+            for (const auto& [interface, values] : interfaces)
+            {
+                auto& target =
+                    interface == "com.halvex.hwtopod.status.backplane"
+                        ? backplaneStatus
+                        : platform;
+                if (interface.starts_with("org.freedesktop.DBus"))
+                {
+                    continue;
+                }
+                for (const auto& [key, value] : values)
+                {
+                    target[key] = toJson(value);
+                }
+            }
+        }
+        else if (name == "/com/halvex/platform/software/config" ||
+                 name == "/com/halvex/platform/hardware/chassis")
+        {
+            platform.update(properties);
+        }
+        else if (name == "/com/halvex/platform/hardware/config")
+        {
+            if (properties.contains("Status"))
+            {
+                platform["LowSecurityJumper"] = properties["Status"];
+            }
+        }
+        else if (name.starts_with("/com/halvex/platform/hardware/psus/"))
+        {
+            properties["Interface"] = interfacesOf(interfaces);
+            psus.push_back(properties);
+        }
+        else if (name == "/com/halvex/platform/hardware/device")
+        {
+            presence = properties;
+        }
+        else if (name.starts_with("/chassis/riser/"))
+        {
+            const auto slot = riserSlot(properties);
+            Json slots = Json::array();
+            if (properties.contains("PCIeSlot") &&
+                properties["PCIeSlot"].is_array())
+            {
+                for (const auto& s : properties["PCIeSlot"])
+                {
+                    if (!s.is_number_unsigned())
+                    {
+                        continue;
+                    }
+                    const auto number = s.get<unsigned>();
+                    Json entry = {{"slot", number}};
+                    entry["i2c"] =
+                        i2cLink("pcie_slot" + std::to_string(number) + "_i2c");
+                    slots.push_back(entry);
+                }
+            }
+            std::vector<std::string> names = {name.substr(15)};
+            if (properties.contains("RiserName") &&
+                properties["RiserName"].is_string())
+            {
+                names.push_back(properties["RiserName"]);
+            }
+            Json riser = {
+                {"path", name},
+                {"interface", interfacesOf(interfaces)},
+                {"riser", slot},
+                {"properties", properties},
+                {"slots", slots},
+                {"seenBy",
+                 fpgaMissed(events, names[0]) ||
+                         (names.size() > 1 && fpgaMissed(events, names[1]))
+                     ? "VPD only"
+                     : "FPGA and VPD"}};
+            riser.update(riserIssues(events, slot, names));
+            risers.push_back(riser);
+        }
+        else if (name.starts_with("/chassis/bp/"))
+        {
+            Json bp = {{"path", name},
+                       {"interface", interfacesOf(interfaces)},
+                       {"properties", properties}};
+            if (properties.contains("BackplaneId") &&
+                properties["BackplaneId"].is_number())
+            {
+                bp["i2c"] = i2cLink(
+                    "bp" +
+                    std::to_string(properties["BackplaneId"].get<int>()) +
+                    "_i2c");
+            }
+            backplanes.push_back(bp);
+        }
+        else if (name.starts_with("/chassis/midplane/"))
+        {
+            midplanes.push_back({{"path", name},
+                                 {"interface", interfacesOf(interfaces)},
+                                 {"properties", properties}});
+        }
+    }
+    for (const auto slot : risersOnlyFpgaSaw(events))
+    {
+        Json riser = {{"path", nullptr},        {"interface", nullptr},
+                      {"riser", slot},          {"properties", Json::object()},
+                      {"slots", Json::array()}, {"seenBy", "FPGA only"}};
+        riser.update(riserIssues(events, slot, {}));
+        risers.push_back(riser);
+    }
+    platform["Psus"] = psus;
+    platform["BackplaneStatus"] = backplaneStatus;
+    document["platform"] = platform;
+    document["risers"] = risers;
+    document["backplanes"] = backplanes;
+    document["midplanes"] = midplanes;
+    document["devicePresence"] = presence;
+
+    Json files = Json::object();
+    for (const auto& file : resultFiles)
+    {
+        std::ifstream stream(rooted("/var/configuration/" + file));
+        if (!stream)
+        {
+            files[file] = nullptr;
+            continue;
+        }
+        try
+        {
+            files[file] = Json::parse(stream);
+        }
+        catch (const Json::exception& e)
+        {
+            files[file] = nullptr;
+            errors.push_back(file + ": " + e.what());
+        }
+    }
+    document["resultFiles"] = files;
+    document["events"] = events;
+    Json problems = Json::array();
+    for (const auto& event : events)
+    {
+        if (event["problem"].get<bool>())
+        {
+            problems.push_back(event["id"].get<std::string>() + " " +
+                               event["text"].get<std::string>());
+        }
+    }
+    document["problems"] = problems;
+    return document;
+}
+
+} // namespace hwtopod::inspect
