@@ -4,7 +4,7 @@
 //
 // This header belongs to the development and test stand-in built from this
 // directory: it serves register images from files instead of reaching the
-// hardware (the file layout is described in docs/sim/fpga.md). The three
+// hardware (the file layout is described in docs/simulation.md). The three
 // calls and their arguments are those of the platform's own libfpga.so.0,
 // so the daemon compiles against this header whichever library it links.
 
