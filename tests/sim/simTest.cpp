@@ -1,0 +1,509 @@
+// The shipped scenarios run through the simulator command, each once: the
+// real daemon on a private bus with the stand-in services, its report read
+// back as JSON and held against what that machine must produce. Every run
+// must leave no process and no sandbox behind.
+
+#include "process.hpp"
+
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using nlohmann::json;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Events = std::multiset<std::pair<std::string, std::string>>;
+
+namespace
+{
+
+std::string environment(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value == nullptr ? std::string() : std::string(value);
+}
+
+// What one run of the simulator left: its report, its progress lines, and
+// the processes and sandbox it said it made.
+struct SimRun
+{
+    int exitStatus = -1;
+    json report;
+    std::string progress;
+    std::vector<pid_t> pids;
+    std::string sandbox;
+};
+
+void parseProgress(SimRun& run)
+{
+    static const std::regex started("started (\\S+) pid (\\d+)");
+    static const std::regex sandbox("sandbox (\\S+)");
+    std::smatch match;
+    std::istringstream lines(run.progress);
+    std::string line;
+    while (std::getline(lines, line))
+    {
+        if (std::regex_search(line, match, started))
+        {
+            run.pids.push_back(std::stoi(match[2]));
+        }
+        else if (std::regex_search(line, match, sandbox))
+        {
+            run.sandbox = match[1];
+        }
+    }
+}
+
+hwtopod::test::Process simulator(const std::vector<std::string>& arguments)
+{
+    return hwtopod::test::Process(
+        environment("HWTOPOD_SOURCE_ROOT") + "/scripts/simulate.sh", arguments,
+        {{"HWTOPOD_BUILD_DIR", environment("HWTOPOD_BUILD_ROOT")},
+         {"HWTOPOD_SIM_TIMEOUT", "90"}});
+}
+
+// One simulator run per scenario, shared by the tests of that scenario.
+const SimRun& simulate(const std::string& scenario)
+{
+    static std::map<std::string, SimRun> runs;
+    auto found = runs.find(scenario);
+    if (found != runs.end())
+    {
+        return found->second;
+    }
+    SimRun run;
+    {
+        auto process = simulator({"--json", scenario});
+        run.exitStatus = process.waitForExit(std::chrono::minutes(4));
+        run.progress = process.standardError();
+        const auto out = process.standardOutput();
+        run.report = json::parse(out, nullptr, false);
+    }
+    parseProgress(run);
+    return runs.emplace(scenario, std::move(run)).first->second;
+}
+
+bool alive(pid_t pid)
+{
+    return ::kill(pid, 0) == 0 || errno != ESRCH;
+}
+
+void expectNothingLeft(const SimRun& run)
+{
+    EXPECT_FALSE(run.pids.empty()) << run.progress;
+    for (const auto pid : run.pids)
+    {
+        EXPECT_FALSE(alive(pid)) << "process " << pid << " still runs";
+    }
+    ASSERT_FALSE(run.sandbox.empty()) << run.progress;
+    EXPECT_FALSE(std::filesystem::exists(run.sandbox)) << run.sandbox;
+}
+
+Events events(const json& report)
+{
+    Events result;
+    for (const auto& event : report["events"])
+    {
+        result.emplace(event["id"].get<std::string>(),
+                       event["args"].is_null()
+                           ? "<none>"
+                           : event["args"].get<std::string>());
+    }
+    return result;
+}
+
+Events problems(const json& report)
+{
+    Events result;
+    for (const auto& event : report["events"])
+    {
+        if (event["problem"].get<bool>())
+        {
+            result.emplace(event["id"].get<std::string>(),
+                           event["args"].get<std::string>());
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> votes(const json& report)
+{
+    return report["simulation"]["votes"].get<std::vector<std::string>>();
+}
+
+std::string log(const json& report)
+{
+    std::string text;
+    for (const auto& line : report["simulation"]["daemonLog"])
+    {
+        text += line.get<std::string>() + "\n";
+    }
+    return text;
+}
+
+std::size_t occurrences(const std::string& text, const std::string& part)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + 1))
+    {
+        ++count;
+    }
+    return count;
+}
+
+const json* riser(const json& report, unsigned number)
+{
+    for (const auto& entry : report["risers"])
+    {
+        if (entry["riser"] == number)
+        {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+std::size_t records(const json& report, const std::string& file,
+                    const std::string& key)
+{
+    const auto& content = report["resultFiles"][file];
+    return content.is_null() ? 0 : content[key].size();
+}
+
+// What every healthy machine publishes, whatever the way VPD arrived.
+void expectHealthyMachine(const json& report)
+{
+    const Events installs = {
+        {"TKRMBUN2026I", "<none>"},
+        {"TKRMBIO0032I", "Slot::1 Riser"},
+        {"TKRMBIO0032I", "PCIe Card::1"},
+        {"TKRMBIO0032I", "Slot::3 Riser"},
+        {"TKRMBIO0032I", "Slot::4 Riser"},
+        {"TKRMBIO0032I", "PCIe Card::4"},
+        {"TKRMBIO0032I", "Slot::5 Riser"},
+        {"TKRMBIO0032I", "OCP::1"},
+        {"TKRMBIO0034I", "PWR_1::Backplane::1"},
+        {"TKRMBIO0034I", "PWR_2::Backplane::2"},
+        {"TKRMBIO0034I", "PWR_5::Backplane::5"},
+        {"TKRMBIO0034I", "PWR_11::Slot::1 Riser"},
+        {"TKRMBIO0034I", "PWR_13::Slot::3 Riser"},
+        {"TKRMBIO0034I", "PWR_14::Slot::4 Riser"},
+        {"TKRMBIO0034I", "PWR_15::Slot::5 Riser"},
+    };
+    EXPECT_EQ(events(report), installs);
+    EXPECT_THAT(report["problems"], IsEmpty());
+    EXPECT_EQ(records(report, "risers_found.json", "risers"), 4U);
+    EXPECT_EQ(records(report, "backplanes_found.json", "backplanes"), 3U);
+    EXPECT_TRUE(report["resultFiles"]["midplanes_found.json"].is_null());
+    ASSERT_EQ(report["risers"].size(), 4U);
+    for (const auto& entry : report["risers"])
+    {
+        EXPECT_EQ(entry["cable"], "ok") << entry.dump();
+        EXPECT_EQ(entry["location"], "ok") << entry.dump();
+        EXPECT_EQ(entry["seenBy"], "FPGA and VPD");
+    }
+    EXPECT_EQ(report["platform"]["BackplaneStatus"],
+              json::parse(R"({"BP_1_INSTALLED": true, "BP_2_INSTALLED": true,
+                  "BP_3_INSTALLED": false, "BP_4_INSTALLED": false,
+                  "BP_5_INSTALLED": true})"));
+    EXPECT_EQ(votes(report),
+              (std::vector<std::string>{"Vote com.halvex.hwtopod 1 on",
+                                        "Vote com.halvex.hwtopod 1 on"}));
+    EXPECT_THAT(log(report), testing::Not(HasSubstr("Exception")));
+}
+
+class Simulator : public testing::Test
+{};
+
+} // namespace
+
+TEST_F(Simulator, HealthyMachineIsFoundAsBuilt)
+{
+    const auto& run = simulate("healthy");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    expectHealthyMachine(report);
+    EXPECT_TRUE(report["simulation"]["gpioStandIn"].get<bool>());
+    EXPECT_EQ(report["platform"]["HardwareRevision"], 1);
+    EXPECT_EQ(report["simulation"]["coolingCalls"],
+              json::array({"CreateSensors 0"}));
+
+    // Each FRU gets the name of its record; the daisy card its own.
+    const auto vpdd = report["simulation"]["vpdd"].dump();
+    for (const char* rename :
+         {"set /com/halvex/vpdd/RISER_1 com.halvex.vpdd.Halvex_Fullv3 "
+          "IpmiFruName PCIe_Riser_1",
+          "set /com/halvex/vpdd/RISER_5 com.halvex.vpdd.Halvex_Fullv3 "
+          "IpmiFruName PCIe_Riser_5",
+          "set /com/halvex/vpdd/BP_2 com.halvex.vpdd.Halvex_Fullv3 "
+          "IpmiFruName Backplane_2",
+          "set /com/halvex/vpdd/phy_card_vpd com.halvex.vpdd.Halvex_Fullv3 "
+          "IpmiFruName Mgt_Switch_Card"})
+    {
+        EXPECT_THAT(vpdd, HasSubstr(rename));
+    }
+    // The rear M.2 backplane keeps its FRU name only when its id is 0; this
+    // one has id 5 and is renamed.
+    EXPECT_THAT(vpdd, HasSubstr("REAR_BP com.halvex.vpdd.Halvex_Fullv3 "
+                                "IpmiFruName Backplane_5"));
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, InspectDocumentOfTheHealthyMachine)
+{
+    const auto& run = simulate("healthy");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    auto report = run.report;
+    std::ifstream stream(
+        environment("HWTOPOD_SOURCE_ROOT") + "/tests/sim/healthy-inspect.json");
+    const auto expected = json::parse(stream);
+
+    // What differs from run to run: the process, the sandbox, the order in
+    // which the daemon's threads wrote their records.
+    report.erase("simulation");
+    report["service"]["pid"] = nullptr;
+    const std::regex sandbox("^.*/root/sys/");
+    for (auto& entry : report["risers"])
+    {
+        for (auto& slot : entry["slots"])
+        {
+            slot["i2c"]["target"] = std::regex_replace(
+                slot["i2c"]["target"].get<std::string>(), sandbox, "/sys/");
+        }
+    }
+    for (auto& bp : report["backplanes"])
+    {
+        bp["i2c"]["target"] = std::regex_replace(
+            bp["i2c"]["target"].get<std::string>(), sandbox, "/sys/");
+    }
+    auto byId = [](const json& a, const json& b) {
+        return std::make_pair(a["id"].dump(), a["args"].dump()) <
+               std::make_pair(b["id"].dump(), b["args"].dump());
+    };
+    std::sort(report["events"].begin(), report["events"].end(), byId);
+    EXPECT_EQ(report, expected) << report.dump(2);
+}
+
+TEST_F(Simulator, NewRiserWithACableOnTheWrongConnector)
+{
+    const auto& run = simulate("cable-new-riser");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    // The FPGA's map judges a new riser's cables; VPD adds no event.
+    EXPECT_EQ(problems(report),
+              (Events{{"TKRMBIO0041G",
+                       "CEMB::PCIe Slot 4::PCIE6_CEMB::PCIE8_CEMB"}}));
+    const auto text = log(report);
+    EXPECT_THAT(text, HasSubstr("Riser 4 for PCIe slot 4 configuration is "
+                                "mismatched, connectors error"));
+    EXPECT_THAT(text, HasSubstr(" Signal cable of old PCIe_Riser_4 is "
+                                "misconnected, should connect "
+                                "CEMA::MCIO_4A::CEMB::MCIO_4B"));
+    ASSERT_NE(riser(report, 4), nullptr);
+    EXPECT_TRUE((*riser(report, 4))["cable"].is_array());
+    EXPECT_EQ((*riser(report, 5))["cable"], "ok");
+    EXPECT_EQ(records(report, "risers_found.json", "risers"), 4U);
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, OldRiserWithItsCableMisconnected)
+{
+    const auto& run = simulate("cable-old-riser");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    // An old riser's cable is judged against its rule record.
+    EXPECT_EQ(problems(report),
+              (Events{{"TKRMBIO0037G", "PCIe_Riser_5::to MCIO_5"}}));
+    EXPECT_THAT(log(report),
+                HasSubstr(" Signal cable of old PCIe_Riser_5 is misconnected, "
+                          "should connect to MCIO_5"));
+    EXPECT_THAT(log(report), HasSubstr("Riser 5:Prsnt:1,Old. PCIe:5"));
+    ASSERT_NE(riser(report, 5), nullptr);
+    EXPECT_TRUE((*riser(report, 5))["cable"].is_array());
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, RiserThatOnlyTheFpgaSees)
+{
+    const auto& run = simulate("riser-fpga-only");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    EXPECT_EQ(problems(report),
+              (Events{{"TKRMBSS0012G", "BMC::Slot 3 Riser"}}));
+    EXPECT_THAT(log(report), HasSubstr("BMC didn't detect PCIe Riser 3"));
+    EXPECT_EQ(records(report, "risers_found.json", "risers"), 3U);
+    ASSERT_NE(riser(report, 3), nullptr);
+    EXPECT_EQ((*riser(report, 3))["seenBy"], "FPGA only");
+    EXPECT_TRUE((*riser(report, 3))["path"].is_null());
+    // The FPGA's presence stands, and its install event.
+    EXPECT_EQ(report["devicePresence"]["RISER_3_INSTALLED"], true);
+    EXPECT_EQ(events(report).count({"TKRMBIO0032I", "Slot::3 Riser"}), 1U);
+    EXPECT_EQ(events(report).count({"TKRMBIO0034I", "PWR_13::Slot::3 Riser"}),
+              0U);
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, SecondCpuDifferentFromTheFirst)
+{
+    const auto& run = simulate("cpu2-differs");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    EXPECT_EQ(problems(report),
+              (Events{{"TKRMBPU0009N", "2"}, {"TKRMBPU0015G", ""}}));
+    EXPECT_EQ(votes(report),
+              (std::vector<std::string>{"Vote com.halvex.hwtopod 1 on",
+                                        "Vote com.halvex.hwtopod 1 on",
+                                        "Vote com.halvex.hwtopod 1 off"}));
+    EXPECT_THAT(log(report),
+                HasSubstr("CPU 2 installed and different to CPU 1, set CPU 2 "
+                          "configuration mismatch"));
+    // Boards are found as on a healthy machine.
+    EXPECT_EQ(records(report, "risers_found.json", "risers"), 4U);
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, FirstCpuMissing)
+{
+    const auto& run = simulate("cpu1-missing");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    EXPECT_EQ(problems(report), (Events{{"TKRMBPU0009N", "1"}}));
+    // One vote on for CPU 1's object, then off; none after.
+    EXPECT_EQ(votes(report),
+              (std::vector<std::string>{"Vote com.halvex.hwtopod 1 on",
+                                        "Vote com.halvex.hwtopod 1 off"}));
+    EXPECT_THAT(log(report), HasSubstr("CPU 2 is installed but no CPU 1"));
+    EXPECT_EQ(report["devicePresence"]["CPU_1"], false);
+    EXPECT_EQ(report["devicePresence"]["CPU_2"], true);
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, RestartReadsTheObjectsThatExist)
+{
+    const auto& run = simulate("restart");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    expectHealthyMachine(report);
+    const auto text = log(report);
+    EXPECT_THAT(text, HasSubstr("hwtopod is restarted"));
+    EXPECT_THAT(text, testing::Not(HasSubstr("matchVpdd completed")));
+    EXPECT_THAT(report["simulation"]["vpdd"],
+                Contains("call GetManagedObjects"));
+    // The VPD service was up when the platform facts were published.
+    EXPECT_EQ(report["platform"]["HardwareRevision"], 2);
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, RestartWaitsForALateVpdService)
+{
+    const auto& run = simulate("vpd-late");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    expectHealthyMachine(report);
+    // The service comes 12 s after the daemon, which asks every 5 s.
+    EXPECT_GE(occurrences(log(report), "VPDD is not ready, delay 5 seconds"),
+              2U);
+    EXPECT_THAT(report["simulation"]["vpdd"],
+                Contains("call GetManagedObjects"));
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, BrokenRiserRuleFile)
+{
+    const auto& run = simulate("broken-rule-file");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    EXPECT_THAT(log(report), HasSubstr("Exception in loadTrd : risersFile "));
+    EXPECT_THAT(log(report), HasSubstr("hwtopod TRD files are not loaded "));
+    // Backplanes are found; every riser the FPGA saw stays unconfirmed.
+    EXPECT_EQ(records(report, "backplanes_found.json", "backplanes"), 3U);
+    EXPECT_TRUE(report["resultFiles"]["risers_found.json"].is_null());
+    EXPECT_EQ(problems(report),
+              (Events{{"TKRMBSS0012G", "BMC::Slot 1 Riser"},
+                      {"TKRMBSS0012G", "BMC::Slot 3 Riser"},
+                      {"TKRMBSS0012G", "BMC::Slot 4 Riser"},
+                      {"TKRMBSS0012G", "BMC::Slot 5 Riser"}}));
+    for (unsigned number : {1U, 3U, 4U, 5U})
+    {
+        ASSERT_NE(riser(report, number), nullptr);
+        EXPECT_EQ((*riser(report, number))["seenBy"], "FPGA only");
+    }
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, FaultStandingAtStartAndThermalTripEdges)
+{
+    const auto& run = simulate("fault-at-start");
+    ASSERT_EQ(run.exitStatus, 0) << run.progress;
+    const auto& report = run.report;
+    const auto text = log(report);
+    // The register image reports the standing fault; the edges come through
+    // the GPIO library stand-in to the production monitor.
+    EXPECT_THAT(text, HasSubstr("powerFaultDetect: bit VR_FAULT_3_N error"));
+    EXPECT_THAT(text, HasSubstr("Check FPGA GPIO device:55 pins"));
+    EXPECT_THAT(text, HasSubstr("Setup VRs & powergoods in FPGA gpio device: "
+                                "gpiochip0"));
+    EXPECT_THAT(text, HasSubstr(" Another edge come for CPU1_THERMTRIP"));
+    EXPECT_EQ(problems(report), (Events{{"TKRMBPW0131N", "12V_PCIE_PWR1"},
+                                        {"TKRMBPU0001N", "1::"}}));
+    EXPECT_EQ(events(report).count({"TKRMBPU2001I", "1::"}), 1U);
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, NothingIsLeftWhenTheDaemonDies)
+{
+    auto process = simulator({"healthy"});
+    ASSERT_TRUE(
+        process.waitForLog("started hwtopod pid", std::chrono::seconds(60)))
+        << process.standardError();
+    SimRun run;
+    run.progress = process.standardError();
+    parseProgress(run);
+    ::kill(run.pids.back(), SIGKILL);
+    EXPECT_EQ(process.waitForExit(std::chrono::seconds(60)), 1);
+    run.progress = process.standardError();
+    EXPECT_THAT(run.progress, HasSubstr("hwtopod ended while waiting"));
+    EXPECT_EQ(process.standardOutput(), "");
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, NothingIsLeftAfterAnInterrupt)
+{
+    auto process = simulator({"vpd-late"});
+    ASSERT_TRUE(
+        process.waitForLog("started vpdd pid", std::chrono::seconds(60)))
+        << process.standardError();
+    ::kill(process.pid(), SIGINT);
+    EXPECT_EQ(process.waitForExit(std::chrono::seconds(60)), 130);
+    SimRun run;
+    run.progress = process.standardError();
+    parseProgress(run);
+    EXPECT_EQ(run.pids.size(), 5U) << run.progress;
+    expectNothingLeft(run);
+}
+
+TEST_F(Simulator, UnknownScenarioIsRefused)
+{
+    auto process = simulator({"no-such-machine"});
+    EXPECT_EQ(process.waitForExit(std::chrono::seconds(30)), 2);
+    EXPECT_THAT(process.standardError(),
+                HasSubstr("no scenario no-such-machine"));
+}
