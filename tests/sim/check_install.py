@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""Installs the build into a fresh DESTDIR and checks the tree a BMC image
+recipe would package: the binaries, the rule files, the systemd unit with its
+start status helper, the tmpfiles.d entry, and nothing of the simulator.
+
+Usage: check_install.py <build dir> <source dir> <prefix> <bindir> <libexecdir> <datadir>
+"""
+
+import os
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+
+BUILD, SOURCE, PREFIX, BINDIR, LIBEXECDIR, DATADIR = sys.argv[1:7]
+
+
+def under(root, *parts):
+    return os.path.join(root, PREFIX.lstrip("/"), *parts)
+
+
+class InstalledTree(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = tempfile.TemporaryDirectory()
+        cls.root = cls.tmp.name
+        subprocess.run(["meson", "install", "-C", BUILD, "--no-rebuild",
+                        "--quiet", "--destdir", cls.root], check=True,
+                       stdout=subprocess.DEVNULL)
+        cls.files = []
+        for top, _, names in os.walk(cls.root):
+            cls.files += [os.path.relpath(os.path.join(top, n), cls.root)
+                          for n in names]
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.tmp.cleanup()
+
+    def assertExecutable(self, path):
+        self.assertTrue(os.path.isfile(path), path)
+        self.assertTrue(os.stat(path).st_mode & stat.S_IXUSR, path)
+
+    def unit(self):
+        with open(under(self.root, "lib/systemd/system/hwtopod.service")) as f:
+            return f.read()
+
+    def test_binaries_and_rule_files(self):
+        self.assertExecutable(under(self.root, BINDIR, "hwtopod"))
+        self.assertExecutable(under(self.root, BINDIR, "hwtopod-inspect"))
+        rules = under(self.root, DATADIR, "vantarack-bmc-apps/hwtopod")
+        shipped = sorted(n for n in os.listdir(os.path.join(SOURCE, "data"))
+                         if n.endswith(".json"))
+        self.assertEqual(sorted(os.listdir(rules)), shipped)
+        for name in shipped:
+            with open(os.path.join(rules, name), "rb") as installed, \
+                    open(os.path.join(SOURCE, "data", name), "rb") as source:
+                self.assertEqual(installed.read(), source.read(), name)
+
+    def test_unit_starts_the_installed_daemon(self):
+        unit = self.unit()
+        self.assertNotIn("@", unit)
+        lines = unit.splitlines()
+        self.assertIn("ExecStart=" + os.path.join(PREFIX, BINDIR, "hwtopod"),
+                      lines)
+        helper = os.path.join(PREFIX, LIBEXECDIR, "hwtopod-start-status")
+        self.assertIn("ExecStartPre=" + helper + " %t/hwtopod", lines)
+        self.assertExecutable(os.path.join(self.root, helper.lstrip("/")))
+        # The marker must outlive a restart of the unit.
+        self.assertIn("RuntimeDirectory=hwtopod", lines)
+        self.assertIn("RuntimeDirectoryPreserve=yes", lines)
+        self.assertIn("EnvironmentFile=-%t/hwtopod/status.env", lines)
+        self.assertIn("Restart=always", lines)
+        self.assertIn("BusName=com.halvex.hwtopod", lines)
+
+    def test_start_status_normal_once_per_boot(self):
+        helper = under(self.root, LIBEXECDIR, "hwtopod-start-status")
+        with tempfile.TemporaryDirectory() as run:
+            runtime = os.path.join(run, "hwtopod")
+
+            def start():
+                subprocess.run([helper, runtime], check=True)
+                with open(os.path.join(runtime, "status.env")) as f:
+                    return f.read()
+
+            self.assertEqual(start(), "HWTOPOD_STATUS=normal\n")
+            # A crash or systemctl restart: the runtime directory stays.
+            self.assertEqual(start(), "HWTOPOD_STATUS=restart\n")
+            self.assertEqual(start(), "HWTOPOD_STATUS=restart\n")
+            # A new boot empties /run.
+            subprocess.run(["rm", "-rf", runtime], check=True)
+            self.assertEqual(start(), "HWTOPOD_STATUS=normal\n")
+
+    def test_result_directory_is_created_at_boot(self):
+        with open(under(self.root, "lib/tmpfiles.d/hwtopod.conf")) as f:
+            entries = [l.split() for l in f if l.strip()
+                       and not l.startswith("#")]
+        self.assertIn(["d", "/var/configuration", "0755", "root", "root", "-"],
+                      entries)
+
+    def test_nothing_of_the_simulator_or_the_tests(self):
+        for path in self.files:
+            name = os.path.basename(path)
+            self.assertFalse(name.startswith("libgpiod"), path)
+            self.assertNotIn(name, ("vpdd", "hwtopod-sim-pwrmgt",
+                                    "liquid-cooling"), path)
+            self.assertFalse(name.endswith("-test"), path)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)
