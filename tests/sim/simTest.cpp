@@ -496,7 +496,7 @@ TEST_F(Simulator, NothingIsLeftAfterAnInterrupt)
     SimRun run;
     run.progress = process.standardError();
     parseProgress(run);
-    EXPECT_EQ(run.pids.size(), 5U) << run.progress;
+    EXPECT_GE(run.pids.size(), 5U) << run.progress;
     expectNothingLeft(run);
 }
 
