@@ -8,14 +8,17 @@
 //   published <path>
 //   set <path> <interface> IpmiFruName <value>
 //   call GetManagedObjects
+// An object marked "hold" waits for SIGUSR1 before it is published.
 // The file's format is described in docs/sim/vpdd.md.
 
 #include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
+#include <signal.h>
 
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -32,6 +35,13 @@
 namespace
 {
 
+volatile std::sig_atomic_t released = 0;
+
+extern "C" void release(int /*signal*/)
+{
+    released = 1;
+}
+
 using Clock = std::chrono::steady_clock;
 
 using Value = std::variant<std::uint8_t, std::int16_t, std::uint16_t,
@@ -47,6 +57,8 @@ struct FruObject
     // Interface name to its properties.
     std::map<std::string, Properties> interfaces;
     std::chrono::milliseconds delay{0};
+    // Published only after SIGUSR1 has come.
+    bool hold = false;
 };
 
 struct Configuration
@@ -197,6 +209,7 @@ Configuration readConfiguration(const std::string& file)
         FruObject object;
         object.path = given.at("path").get<std::string>();
         object.delay = seconds(given, "delay");
+        object.hold = given.value("hold", false);
         const auto givenProperties =
             given.value("properties", nlohmann::json::object());
         auto own = properties(givenProperties);
@@ -320,6 +333,11 @@ int main(int argc, char** argv)
         return 2;
     }
 
+    struct sigaction action
+    {};
+    action.sa_handler = release;
+    ::sigaction(SIGUSR1, &action, nullptr);
+
     std::this_thread::sleep_for(configuration.startDelay);
     auto connection = sdbus::createSystemBusConnection(busName);
     connection->addObjectManager("/", sdbus::floating_slot);
@@ -337,6 +355,11 @@ int main(int argc, char** argv)
         auto wait = fru.delay + (first ? std::chrono::milliseconds(0)
                                        : configuration.interval);
         serveUntil(*connection, Clock::now() + wait);
+        while (fru.hold && released == 0)
+        {
+            serveUntil(*connection,
+                       Clock::now() + std::chrono::milliseconds(50));
+        }
         published.push_back(publish(*connection, fru));
         first = false;
     }

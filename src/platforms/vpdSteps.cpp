@@ -6,7 +6,8 @@
 // merging of vpdObjects and the call of probeCachedVpdd to the io thread
 // through connection->run(). The two writers of the cache thus run one after
 // the other, in the order their work reaches the loop, and neither the cache
-// nor the documents need a lock.
+// nor the documents need a lock. On a restart only waitForVpd starts
+// discovery, with everything the service holds; see onVpdInterfacesAdded.
 #include "common/sleep.hpp"
 #include "dbus/client.hpp"
 #include "platformHighvol.hpp"
@@ -279,7 +280,11 @@ void Base::onVpdInterfacesAdded(const std::string& path,
                 probeVpdd(path);
                 continue;
             }
-            if (path == vpdReadyPath && !vpdMatchCompleted)
+            // On a restart waitForVpd starts discovery once it has read the
+            // whole service; a ready signal then only feeds the cache, so
+            // that discovery never runs on the part of it that signals
+            // brought.
+            if (normalStart && path == vpdReadyPath && !vpdMatchCompleted)
             {
                 vpdMatchCompleted = true;
                 logInfo() << "matchVpdd completed";
@@ -324,10 +329,12 @@ void Base::waitForVpd()
     }
 
     // See the top of this file: the cache is written on the io thread.
+    // From here on signals keep FRU names in line, as after a first start.
     auto fill = [this, &objects]() {
         vpdObjects.clear();
         hwtopod::mergeVpdObjects(vpdObjects, objects);
         probeCachedVpdd();
+        vpdMatchCompleted = true;
     };
     if (connection)
     {

@@ -1,0 +1,348 @@
+// VPD discovery against the stand-in VPD service on a private bus: the live
+// match on a first start and the read-out on a restart.
+
+#include "common/sleep.hpp"
+#include "platforms/kelvane1u.hpp"
+#include "privateBus.hpp"
+#include "process.hpp"
+#include "rules/vpdValue.hpp"
+#include "sandbox.hpp"
+
+#include <signal.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using hwtopod::test::Process;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+constexpr auto dataDir = "usr/share/vantarack-bmc-apps/hwtopod";
+
+// Kelvane1u with discovery replaced by a record of its calls.
+class CountingPlatform : public Platform::Kelvane1u
+{
+  public:
+    void probeCachedVpdd() override
+    {
+        std::lock_guard lock(mutex);
+        threads.push_back(std::this_thread::get_id());
+        cacheAtCall.push_back(vpdObjects);
+    }
+
+    std::size_t calls()
+    {
+        std::lock_guard lock(mutex);
+        return threads.size();
+    }
+
+    std::mutex mutex;
+    std::vector<std::thread::id> threads;
+    std::vector<hwtopod::VpdCache> cacheAtCall;
+};
+
+bool waitForOutput(const Process& process, const std::string& text)
+{
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (std::chrono::steady_clock::now() < deadline)
+    {
+        if (process.standardOutput().find(text) != std::string::npos)
+        {
+            return true;
+        }
+        std::this_thread::sleep_for(20ms);
+    }
+    return false;
+}
+
+std::size_t count(const std::string& text, const std::string& what)
+{
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos;
+         at = text.find(what, at + what.size()))
+    {
+        ++n;
+    }
+    return n;
+}
+
+// A Halvex_Fullv3 FRU object of the stand-in's input.
+json fru(const std::string& name, json properties)
+{
+    properties["VpdFormat"] = "Halvex_Fullv3";
+    properties["VpdName"] = name;
+    return {{"path", "/com/halvex/vpdd/" + name}, {"properties", properties}};
+}
+
+json typed(const char* type, json value)
+{
+    return {{"type", type}, {"value", std::move(value)}};
+}
+
+class VpdDiscovery : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ::setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
+        for (const char* file :
+             {"kelvane80_1u_pass1_trd.json", "bhs_backplanes.json",
+              "bhs_risers.json", "bhs_2p_2psus.json"})
+        {
+            hwtopod::test::writeFile(
+                root / (std::string(dataDir) + "/" + file),
+                hwtopod::test::readFile(
+                    hwtopod::test::sourceRoot() / "data" / file));
+        }
+    }
+    void TearDown() override
+    {
+        hwtopod::setSleepFunction({});
+        platform.reset();
+        ::unsetenv("HWTOPOD_ROOT");
+        ::unsetenv("HWTOPOD_STATUS");
+    }
+
+    std::unique_ptr<Process> startVpdd(const json& objects)
+    {
+        hwtopod::test::writeFile(root / "vpdd.json",
+                                 json{{"objects", objects}}.dump());
+        return std::make_unique<Process>(
+            hwtopod::test::builtProgram("sim/vpdd/vpdd"),
+            std::vector<std::string>{(root / "vpdd.json").string()});
+    }
+
+    // The cache, read on the io thread that writes it.
+    hwtopod::VpdCache cache()
+    {
+        return platform->connection->run([this]() {
+            return platform->vpdObjects;
+        });
+    }
+
+    hwtopod::test::PrivateBus bus;
+    hwtopod::test::TempDir root;
+    std::unique_ptr<CountingPlatform> platform;
+};
+
+TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
+{
+    ::setenv("HWTOPOD_STATUS", "normal", 1);
+    platform = std::make_unique<CountingPlatform>();
+    // Records as the probes would have left them.
+    platform->backplanesFound = {
+        {"backplanes",
+         {{{"BackplaneId", 2},
+           {"BackplaneName", "Backplane 2"},
+           {"Connector", 2}},
+          {{"BackplaneId", 3},
+           {"BackplaneName", "Front-BP 3"},
+           {"Connector", 3}}}}};
+    platform->risersFound = {
+        {"risers",
+         {{{"RiserSlot", 1}, {"RiserName", "PCIe Riser 1"}, {"Connector", 11}},
+          {{"RiserSlot", 5}, {"Connector", 15}}}}};
+
+    const json hpm = fru("HPM_VPD", {{"HalvexProductNameTextDescription",
+                                      "Vantarack KP100,1U rack server"},
+                                     {"HardwareRevisionLevel", typed("t", 3)}});
+    json dimm =
+        fru("DIMM_32", {{"VpdId", typed("y", 0x10)}, {"VpdFound", true}});
+    dimm["interfaces"] = {{"com.halvex.vpdd.Aux", {{"Size", typed("q", 64)}}}};
+    json riser = {{"path", "/com/halvex/vpdd/Riser_1"},
+                  {"properties",
+                   {{"VpdFormat", "Halvex_Riser"}, {"IpmiFruName", "Riser"}}},
+                  {"interfaces",
+                   {{"com.halvex.vpdd.Halvex_Fullv3",
+                     {{"VpdFormat", "Halvex_Riser"},
+                      {"VpdFound", true},
+                      {"VpdId", typed("y", 0xE0)},
+                      {"VpdLocation", typed("n", 11)},
+                      {"IpmiFruName", "Riser"}}}}}};
+    const json objects = {
+        hpm,
+        // Before the ready object: only cached, never renamed.
+        fru("BP_1", {{"VpdId", typed("y", 0x70)},
+                     {"PosIdValue", typed("y", 48)},
+                     {"BUS", typed("y", 30)},
+                     {"VpdLocation", typed("y", 2)},
+                     {"VpdFound", true},
+                     {"IpmiFruName", "old"},
+                     {"Lanes", typed("as", json{"A", "B"})}}),
+        dimm,
+        // After it: names kept in line with the records.
+        fru("BP_2", {{"VpdId", typed("q", 0x74)},
+                     {"VpdLocation", typed("u", 2)},
+                     {"VpdFound", true},
+                     {"IpmiFruName", "Backplane_2"}}),
+        fru("BP_3", {{"VpdId", typed("i", 0x70)},
+                     {"VpdLocation", typed("t", 3)},
+                     {"VpdFound", true},
+                     {"IpmiFruName", "junk"}}),
+        riser,
+        fru("BP_bad", {{"VpdId", typed("y", 0x70)},
+                       {"VpdLocation", 3},
+                       {"VpdFound", "yes"}}),
+        fru("Riser_5", {{"VpdId", typed("y", 0xE0)},
+                        {"VpdLocation", typed("x", 15)},
+                        {"VpdFound", true},
+                        {"IpmiFruName", "x"}}),
+        fru("BP_off", {{"VpdId", typed("y", 0x70)},
+                       {"VpdLocation", 3},
+                       {"VpdFound", false},
+                       {"IpmiFruName", "x"}}),
+        fru("phy_card_vpd", {{"CardFruNumber", "09ZT415"},
+                             {"IpmiFruName", "Switch"},
+                             {"VpdFound", true},
+                             {"VpdId", typed("y", 0x30)}}),
+    };
+
+    CaptureStderr();
+    platform->serviceInit();
+    platform->serviceRun();
+    auto vpdd = startVpdd(objects);
+    ASSERT_TRUE(waitForOutput(*vpdd, "IpmiFruName Mgt_Switch_Card"));
+    const auto cached = cache();
+    std::string log = GetCapturedStderr();
+
+    // Discovery ran once, on the io thread, with what had come by then.
+    ASSERT_EQ(platform->calls(), 1U);
+    EXPECT_NE(platform->threads[0], std::this_thread::get_id());
+    const auto& atCall = platform->cacheAtCall[0];
+    EXPECT_EQ(atCall.size(), 3U);
+    EXPECT_TRUE(atCall.contains("/com/halvex/vpdd/BP_1"));
+    // Both interfaces of the ready object are in the cache.
+    EXPECT_TRUE(cached.at("/com/halvex/vpdd/DIMM_32").contains("Size"));
+    EXPECT_EQ(count(log, "[INFO] matchVpdd completed\n"), 1U);
+
+    // The cache holds every object, with its properties' own types.
+    EXPECT_EQ(cached.size(), objects.size());
+    const auto& bp1 = cached.at("/com/halvex/vpdd/BP_1");
+    EXPECT_EQ(std::get<std::uint8_t>(bp1.at("PosIdValue")), 48);
+    EXPECT_EQ(std::get<std::vector<std::string>>(bp1.at("Lanes")),
+              (std::vector<std::string>{"A", "B"}));
+    EXPECT_EQ(std::get<std::uint64_t>(
+                  cached.at("/com/halvex/vpdd/BP_3").at("VpdLocation")),
+              3U);
+    EXPECT_EQ(std::get<std::string>(
+                  cached.at("/com/halvex/vpdd/Riser_1").at("VpdFormat")),
+              "Halvex_Riser");
+
+    // Exactly these names were set, each on the interface of the object's
+    // VpdFormat; the daisy card's on Halvex_Fullv3.
+    const std::string sets = [&]() {
+        std::string lines;
+        std::istringstream output(vpdd->standardOutput());
+        for (std::string line; std::getline(output, line);)
+        {
+            if (line.starts_with("set "))
+            {
+                lines += line + "\n";
+            }
+        }
+        return lines;
+    }();
+    EXPECT_EQ(sets, "set /com/halvex/vpdd/BP_3 com.halvex.vpdd.Halvex_Fullv3 "
+                    "IpmiFruName Front_BP_3\n"
+                    "set /com/halvex/vpdd/Riser_1 com.halvex.vpdd.Halvex_Riser "
+                    "IpmiFruName PCIe Riser 1\n"
+                    "set /com/halvex/vpdd/phy_card_vpd "
+                    "com.halvex.vpdd.Halvex_Fullv3 IpmiFruName "
+                    "Mgt_Switch_Card\n");
+    EXPECT_THAT(log, HasSubstr("[INFO] Update fru name: (/com/halvex/vpdd/"
+                               "Riser_1)==>(PCIe Riser 1)\n"));
+    EXPECT_THAT(log, HasSubstr("[INFO] Update daisy fru name: (/com/halvex/"
+                               "vpdd/phy_card_vpd)==>(Mgt_Switch_Card)\n"
+                               "[INFO] Daisy card found,update fru name.\n"));
+    // Bad input costs a line and nothing else.
+    EXPECT_THAT(log, HasSubstr("[CRITICAL] Failed to update /com/halvex/vpdd/"
+                               "BP_bad interface com.halvex.vpdd.Halvex_Fullv3 "
+                               "fru name: "));
+    EXPECT_THAT(log,
+                HasSubstr("[CRITICAL] Failed to update /com/halvex/vpdd/"
+                          "Riser_5 interface com.halvex.vpdd.Halvex_Fullv3 "
+                          "fru name: "));
+    EXPECT_EQ(count(log, "[CRITICAL]"), 2U) << log;
+
+    // The calls that write to the service or read its product name.
+    CaptureStderr();
+    platform->updateProductName();
+    platform->updateFruName("/com/halvex/vpdd/Riser_1", "Halvex_Riser",
+                            hwtopod::DeviceType::PcieRiser, 3, "");
+    platform->updateFruName("/com/halvex/vpdd/Riser_1", "Halvex_Riser",
+                            hwtopod::DeviceType::Cpu, 3, "");
+    log = GetCapturedStderr();
+    EXPECT_EQ(platform->getProductName(), "Vantarack KP100");
+    EXPECT_THAT(log, HasSubstr("[INFO] MKT Name = Vantarack KP100\n"));
+    EXPECT_TRUE(waitForOutput(*vpdd, "set /com/halvex/vpdd/Riser_1 "
+                                     "com.halvex.vpdd.Halvex_Riser "
+                                     "IpmiFruName PCIe_Riser_3\n"));
+    EXPECT_EQ(count(vpdd->standardOutput(), "set "), 4U);
+}
+
+TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
+{
+    ::setenv("HWTOPOD_STATUS", "restarted", 1);
+    json dimm = fru("DIMM_32", {{"VpdId", typed("y", 0x10)}});
+    dimm["hold"] = true;
+    json riser = fru("Riser_1", {{"VpdId", typed("y", 0xE0)},
+                                 {"VpdLocation", typed("y", 11)}});
+    riser["interfaces"] = {
+        {"com.halvex.vpdd.Aaa", {{"VpdName", typed("s", "first")}}}};
+    // Published before the daemon listens: only the read-out can see them.
+    auto vpdd =
+        startVpdd({fru("BP_1", {{"VpdId", typed("y", 0x70)}}), riser, dimm});
+    ASSERT_TRUE(waitForOutput(*vpdd, "published /com/halvex/vpdd/Riser_1"));
+
+    platform = std::make_unique<CountingPlatform>();
+    std::vector<std::chrono::milliseconds> sleeps;
+    hwtopod::setSleepFunction([&](std::chrono::milliseconds duration) {
+        sleeps.push_back(duration);
+        if (sleeps.size() == 3)
+        {
+            // The service gets ready during the third wait.
+            ::kill(vpdd->pid(), SIGUSR1);
+            waitForOutput(*vpdd, "published /com/halvex/vpdd/DIMM_32");
+        }
+    });
+
+    CaptureStderr();
+    platform->serviceInit();
+    platform->serviceRun();
+    platform->waitForVpd();
+    const auto cached = cache();
+    const std::string log = GetCapturedStderr();
+
+    EXPECT_EQ(count(log, "[INFO] VPDD is not ready, delay 5 seconds\n"), 3U);
+    EXPECT_EQ(sleeps, std::vector<std::chrono::milliseconds>(3, 5s));
+    EXPECT_EQ(count(vpdd->standardOutput(), "call GetManagedObjects"), 1U);
+    ASSERT_EQ(platform->calls(), 1U);
+    EXPECT_NE(platform->threads[0], std::this_thread::get_id());
+    const auto& atCall = platform->cacheAtCall[0];
+    EXPECT_EQ(atCall.size(), 3U);
+    // Among interfaces of one object the first in name order wins.
+    EXPECT_EQ(std::get<std::string>(
+                  atCall.at("/com/halvex/vpdd/Riser_1").at("VpdName")),
+              "first");
+    // The standard interfaces of the reply leave nothing in the cache.
+    EXPECT_FALSE(atCall.at("/com/halvex/vpdd/BP_1").contains("Interfaces"));
+    EXPECT_EQ(atCall.at("/com/halvex/vpdd/BP_1").size(), 3U);
+    EXPECT_EQ(cached.size(), 3U);
+    EXPECT_TRUE(platform->vpdMatchCompleted);
+}
+
+} // namespace

@@ -1,0 +1,191 @@
+// Loading of the machine's rule files: every stage stands by itself, and a
+// missing or broken file costs its message and nothing more.
+
+#include "platforms/kelvane1u.hpp"
+#include "privateBus.hpp"
+#include "process.hpp"
+#include "sandbox.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using hwtopod::test::readFile;
+using hwtopod::test::sourceRoot;
+using hwtopod::test::TempDir;
+using hwtopod::test::writeFile;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+constexpr auto dataDir = "/usr/share/vantarack-bmc-apps/hwtopod/";
+constexpr auto trdFile = "kelvane80_1u_pass1_trd.json";
+constexpr auto backplanesFile = "bhs_backplanes.json";
+constexpr auto risersFile = "bhs_risers.json";
+
+// The three rule files of the machine, each shipped, replaced or left out.
+struct RuleFiles
+{
+    std::optional<std::string> trd;
+    std::optional<std::string> backplanes;
+    std::optional<std::string> risers;
+};
+
+std::string shipped(const char* file)
+{
+    return readFile(sourceRoot() / "data" / file);
+}
+
+void place(const TempDir& root, const RuleFiles& files)
+{
+    const std::pair<const char*, const std::optional<std::string>*> all[] = {
+        {trdFile, &files.trd},
+        {backplanesFile, &files.backplanes},
+        {risersFile, &files.risers}};
+    for (const auto& [name, text] : all)
+    {
+        if (*text)
+        {
+            writeFile(root / (std::string(dataDir) + name), **text);
+        }
+    }
+}
+
+class RuleLoading : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ::setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
+    }
+    void TearDown() override
+    {
+        ::unsetenv("HWTOPOD_ROOT");
+    }
+
+    // loadTrd and matchVpdd of a fresh platform; their log.
+    std::string load(const RuleFiles& files)
+    {
+        place(root, files);
+        platform = std::make_unique<Platform::Kelvane1u>();
+        CaptureStderr();
+        EXPECT_EQ(platform->loadTrd(), 0);
+        platform->matchVpdd();
+        return GetCapturedStderr();
+    }
+
+    TempDir root;
+    std::unique_ptr<Platform::Kelvane1u> platform;
+};
+
+const std::string powerWarning =
+    "[WARNING] [STATE0] CANNOT FIND THE JSON powerBackplanesFiles, PATH = \n";
+const std::string notLoaded =
+    "[INFO] [Base::matchVpdd] start \n"
+    "[ERROR] [Base::matchVpdd] TRD files are not loaded\n";
+
+TEST_F(RuleLoading, ShippedFilesLoad)
+{
+    const std::string log =
+        load({shipped(trdFile), shipped(backplanesFile), shipped(risersFile)});
+    // Without a bus the match cannot be made, but the files are there.
+    EXPECT_EQ(log,
+              powerWarning + "[INFO] [Base::matchVpdd] start \n"
+                             "[ERROR] [Base::matchVpdd] no D-Bus connection\n");
+    EXPECT_EQ(platform->bpTrdRulesFile,
+              std::string(dataDir) + "kelvane80_1u_pass1_trd.json");
+    ASSERT_TRUE(platform->bpTrdRules && platform->trdBackplanes &&
+                platform->trdRisers && platform->trdMidplanes &&
+                platform->backplanesData && platform->risersData);
+    EXPECT_FALSE(platform->powerBackplanesData);
+    EXPECT_EQ(platform->trdBackplanes->at("NormalBP").size(), 5U);
+    EXPECT_EQ(platform->trdRisers->size(), 4U);
+    EXPECT_EQ(*platform->trdBackplanes, platform->bpTrdRules->at("backplanes"));
+}
+
+TEST_F(RuleLoading, MissingFiles)
+{
+    const std::string log = load({});
+    EXPECT_EQ(log,
+              "[WARNING] [STATE0] CANNOT FIND THE JSON bpTrdRules, PATH = "
+              "/usr/share/vantarack-bmc-apps/hwtopod/"
+              "kelvane80_1u_pass1_trd.json\n"
+              "[WARNING] [STATE0] CANNOT FIND THE JSON backplanesFile, PATH = "
+              "/usr/share/vantarack-bmc-apps/hwtopod/bhs_backplanes.json\n"
+              "[WARNING] [STATE0] CANNOT FIND THE JSON risersFile, PATH = "
+              "/usr/share/vantarack-bmc-apps/hwtopod/bhs_risers.json\n" +
+                  powerWarning + notLoaded);
+    EXPECT_FALSE(platform->bpTrdRules || platform->trdBackplanes ||
+                 platform->backplanesData || platform->risersData);
+}
+
+TEST_F(RuleLoading, EmptyBrokenAndWrongFiles)
+{
+    // Empty and cut-short files; the stages after them still load.
+    std::string log = load({"", "[{\"Name\": ", shipped(risersFile)});
+    EXPECT_THAT(log, testing::StartsWith(
+                         "[CRITICAL] Exception in loadTrd : bpTrdRules "));
+    EXPECT_THAT(
+        log, HasSubstr("\n[CRITICAL] Exception in loadTrd : backplanesFile "));
+    EXPECT_THAT(log, testing::EndsWith("\n" + powerWarning + notLoaded));
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 5) << log;
+    EXPECT_FALSE(platform->bpTrdRules || platform->backplanesData);
+    EXPECT_TRUE(platform->risersData);
+
+    // Top levels of the wrong kind. A topology file that is no object is
+    // kept, without sections.
+    log = load({"[1, 2]", "{\"POSID\": 1}", "\"risers\""});
+    EXPECT_EQ(log, "[CRITICAL] Exception in loadTrd : bpTrdRules top level "
+                   "is a JSON array, not an object\n"
+                   "[CRITICAL] Exception in loadTrd : backplanesFile "
+                   "/usr/share/vantarack-bmc-apps/hwtopod/bhs_backplanes.json "
+                   "is not a JSON array but object\n"
+                   "[CRITICAL] Exception in loadTrd : risersFile "
+                   "/usr/share/vantarack-bmc-apps/hwtopod/bhs_risers.json "
+                   "is not a JSON array but string\n" +
+                       powerWarning + notLoaded);
+    EXPECT_TRUE(platform->bpTrdRules);
+    EXPECT_FALSE(platform->trdBackplanes || platform->trdRisers ||
+                 platform->trdMidplanes);
+
+    // Absent sections are set, and empty.
+    load({"{\"risers\": []}", shipped(backplanesFile), "[]"});
+    ASSERT_TRUE(platform->trdBackplanes && platform->trdMidplanes);
+    EXPECT_TRUE(platform->trdBackplanes->is_null());
+    EXPECT_TRUE(platform->trdRisers->is_array());
+}
+
+TEST(RuleLoadingDaemon, BrokenRuleFilesLeaveTheDaemonRunning)
+{
+    hwtopod::test::PrivateBus bus;
+    TempDir root;
+    place(root, {"{\"backplanes\": ", "{}", std::nullopt});
+    hwtopod::test::Process daemon(
+        hwtopod::test::builtProgram("src/platforms/hwtopod"), {},
+        {{"HWTOPOD_ROOT", root.path().string()}, {"HWTOPOD_STATUS", "normal"}});
+    ASSERT_TRUE(daemon.waitForLog("[INFO] Service is set\n"))
+        << daemon.standardError();
+    EXPECT_EQ(
+        daemon.countInLog("[CRITICAL] Exception in loadTrd : bpTrdRules "), 1U);
+    EXPECT_EQ(
+        daemon.countInLog("[CRITICAL] Exception in loadTrd : backplanesFile "),
+        1U);
+    EXPECT_EQ(daemon.countInLog(
+                  "[WARNING] [STATE0] CANNOT FIND THE JSON risersFile, PATH = "
+                  "/usr/share/vantarack-bmc-apps/hwtopod/bhs_risers.json\n"),
+              1U);
+    EXPECT_EQ(daemon.countInLog(powerWarning), 1U);
+    EXPECT_EQ(daemon.countInLog("[ERROR] [Base::matchVpdd] TRD files are not "
+                                "loaded\n"),
+              1U);
+    ASSERT_TRUE(daemon.waitForLog("[INFO] Thread for service is forked\n"));
+    EXPECT_TRUE(daemon.running());
+}
+
+} // namespace
