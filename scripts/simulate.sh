@@ -210,10 +210,7 @@ elif in_log hwtopod.err "[Base::matchVpdd] TRD files are not loaded"; then
     say "the daemon has no VPD match: no board discovery on this start"
     wait_for "the VPD stand-in" in_log vpdd.out "published $SCENARIO_READY_PATH"
 else
-    wait_for "discovery" in_log hwtopod.err "matchVpdd completed"
-    # Discovery runs inside the signal callback on the daemon's bus thread;
-    # once that thread answers a call, discovery is over.
-    "${busctl[@]}" --timeout=300 call com.halvex.hwtopod / org.freedesktop.DBus.Peer Ping >/dev/null
+    wait_for "discovery" in_log hwtopod.err "Board discovery has ended"
 fi
 say "discovery has ended"
 wait_for "the device presence object" \

@@ -243,6 +243,9 @@ void Highvol::probeCachedVpdd()
         }
     }
     cachedVpdDone = true;
+    // Tells a watcher of the log (the simulator, a field engineer) that the
+    // boards have been walked and the books closed.
+    logInfo() << "Board discovery has ended";
 }
 
 void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)

@@ -1,13 +1,14 @@
 // Rule files, the VPD cache and the live match on the VPD service's signals.
 //
 // One writer. vpdObjects and the found-hardware documents are written on the
-// io thread only: the match callback runs there, and on a restart waitForVpd
-// reads the VPD service on the hardware thread but hands the emptying and
-// merging of vpdObjects and the call of probeCachedVpdd to the io thread
-// through connection->run(). The two writers of the cache thus run one after
-// the other, in the order their work reaches the loop, and neither the cache
-// nor the documents need a lock. On a restart only waitForVpd starts
-// discovery, with everything the service holds; see onVpdInterfacesAdded.
+// discovery worker only: the match callback hands each signal to it, and on
+// a restart waitForVpd reads the VPD service on the hardware thread and hands
+// the emptying and merging of vpdObjects and the call of probeCachedVpdd to
+// it. The two writers of the cache thus run one after the other, in the
+// order their work reaches the worker, and neither the cache nor the
+// documents need a lock; the io thread, which serves the daemon's objects,
+// never waits on discovery. On a restart only waitForVpd starts discovery,
+// with everything the service holds; see onVpdInterfacesAdded.
 #include "common/sleep.hpp"
 #include "dbus/client.hpp"
 #include "platformHighvol.hpp"
@@ -262,7 +263,12 @@ void Base::matchVpdd()
     dbusMatches.erase("matchVpdd");
     dbusMatches["matchVpdd"] = std::make_unique<hwtopod::dbus::Match>(
         connection, vpdMatchRule,
-        std::bind_front(&Base::onVpdInterfacesAdded, this));
+        [this](const std::string& path,
+               const hwtopod::InterfaceProperties& interfaces) {
+        discoveryWorker->post([this, path, interfaces]() {
+            onVpdInterfacesAdded(path, interfaces);
+        });
+        });
 }
 
 void Base::onVpdInterfacesAdded(const std::string& path,
@@ -320,7 +326,8 @@ void Base::waitForVpd()
     hwtopod::dbus::ManagedObjects objects;
     try
     {
-        std::lock_guard lock(hwtopod::dbus::dbusClientMutex);
+        // On a connection of its own, without the client mutex: it is the
+        // one call of its kind and nothing else waits for it.
         objects = hwtopod::dbus::getManagedObjects(vpdService, "/");
     }
     catch (const std::exception& e)
@@ -328,22 +335,14 @@ void Base::waitForVpd()
         logCritical() << "Failed to get vpdd " << e.what();
     }
 
-    // See the top of this file: the cache is written on the io thread.
+    // See the top of this file: the cache is written on the worker.
     // From here on signals keep FRU names in line, as after a first start.
-    auto fill = [this, &objects]() {
+    discoveryWorker->run([this, &objects]() {
         vpdObjects.clear();
         hwtopod::mergeVpdObjects(vpdObjects, objects);
         probeCachedVpdd();
         vpdMatchCompleted = true;
-    };
-    if (connection)
-    {
-        connection->run(fill);
-    }
-    else
-    {
-        fill();
-    }
+    });
 }
 
 void Base::updateFruName(const std::string& path, const std::string& format,
