@@ -346,11 +346,16 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
 
         const std::string name =
             blanksToUnderscores(entry->at("Name").get<std::string>());
+        const std::string interfaceName =
+            entry->at("Interface").get<std::string>();
+        if (!acceptEntryNames(name, interfaceName))
+        {
+            return;
+        }
         const std::string objectPath = "/chassis/bp/" + name;
         logInfo() << "probeBpVpddDynamic set (" << name << ") dbus path to "
                   << objectPath;
-        auto interface = addDbusInterface(
-            objectPath, entry->at("Interface").get<std::string>());
+        auto interface = addDbusInterface(objectPath, interfaceName);
         if (!interface)
         {
             // Published already by an earlier probe of the same board: its
@@ -367,19 +372,20 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
         if (record.contains("BackplaneId") && record.contains("BusNumber"))
         {
             hwtopod::createI2cLink(DeviceType::Backplane,
-                                   record.at("BackplaneId").get<unsigned>(),
-                                   record.at("BusNumber").get<unsigned>());
+                                   numberAs<unsigned>(record.at("BackplaneId")),
+                                   numberAs<unsigned>(record.at("BusNumber")));
         }
         else
         {
             logWarning() << "BusNumber or BackplaneId did not find in setting ";
         }
-        const auto backplaneId = record.at("BackplaneId").get<unsigned>();
+        const auto backplaneId = numberAs<unsigned>(record.at("BackplaneId"));
         std::string connector;
         if (record.contains("Connector"))
         {
-            connector = "PWR_" +
-                        std::to_string(record.at("Connector").get<unsigned>());
+            connector =
+                "PWR_" +
+                std::to_string(numberAs<unsigned>(record.at("Connector")));
         }
         if (backplaneId == 0)
         {
@@ -388,7 +394,7 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
         hwtopod::sendPresentEvent(DeviceType::Backplane, true, backplaneId,
                                   connector, false);
 
-        const auto id = record.at("BackplaneId").get<std::uint8_t>();
+        const auto id = numberAs<std::uint8_t>(record.at("BackplaneId"));
         const std::string format = vpdText(vpd, "VpdFormat");
         if (id != 0)
         {
@@ -491,12 +497,17 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
         }
 
         const std::string name = entry->at("Name").get<std::string>();
+        const std::string interfaceName =
+            entry->at("Interface").get<std::string>();
+        if (!acceptEntryNames(nonAlnumToUnderscores(name), interfaceName))
+        {
+            return;
+        }
         const std::string objectPath =
             "/chassis/riser/" + nonAlnumToUnderscores(name);
         logInfo() << "Probe dynamic Riser vpd, set (" << name
                   << ") dbus path to " << objectPath;
-        auto interface = addDbusInterface(
-            objectPath, entry->at("Interface").get<std::string>());
+        auto interface = addDbusInterface(objectPath, interfaceName);
         rules::fillRecord(record,
                           entry->contains("Properties")
                               ? entry->at("Properties")
@@ -507,7 +518,7 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
             logError() << "Unable found RiserSlot of TRD obj: " << name;
             return;
         }
-        const auto slot = record.at("RiserSlot").get<std::uint64_t>();
+        const auto slot = numberAs<std::uint64_t>(record.at("RiserSlot"));
         if (slot > 31)
         {
             logError() << "Riser slot index error";
@@ -548,7 +559,7 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
 void Highvol::checkRiserConnection(const nlohmann::json& riser,
                                    std::string riserName)
 {
-    const auto riserNumber = riser.at("RiserSlot").get<std::uint64_t>();
+    const auto riserNumber = numberAs<std::uint64_t>(riser.at("RiserSlot"));
     if (!riser.contains("PCIeSlot") || !riser.contains("BUS"))
     {
         logError() << "Riser should has PCIeSlot and BUS configured!";
@@ -560,12 +571,12 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         logError() << "Riser should has PCIeSlot configured!";
         return;
     }
-    const auto bus = riser.at("BUS").get<unsigned>();
+    const auto bus = numberAs<unsigned>(riser.at("BUS"));
     const bool riserPresent = riserNumber >= 1 && riserNumber <= 64 &&
                               riserPresence.test(riserNumber - 1);
     for (std::size_t i = 0; i < slots.size(); ++i)
     {
-        const auto slot = slots[i].get<std::uint64_t>();
+        const auto slot = numberAs<std::uint64_t>(slots[i]);
         if (slot == 0)
         {
             logWarning() << riserName << " Pcie slot index error:"
@@ -632,7 +643,7 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         return;
     }
     const std::string connector =
-        "PWR_" + std::to_string(riser.at("Connector").get<unsigned>());
+        "PWR_" + std::to_string(numberAs<unsigned>(riser.at("Connector")));
     logInfo() << "Power Connector of " << displayName
               << " was found in setting: " << connector;
     hwtopod::sendPresentEvent(DeviceType::SlotRiser, true,

@@ -1,3 +1,5 @@
+#include "jsonProperty.hpp"
+
 #include "common/logging.hpp"
 #include "platformBase.hpp"
 
@@ -19,14 +21,9 @@ std::vector<T> arrayOf(const nlohmann::json& value)
 }
 } // namespace
 
-void Base::addJsonProperty(
-    const std::shared_ptr<hwtopod::dbus::Interface>& interface,
+std::optional<hwtopod::dbus::PropertyValue> jsonPropertyValue(
     const std::string& key, const nlohmann::json& value)
 {
-    if (!interface)
-    {
-        return;
-    }
     using Type = nlohmann::json::value_t;
     const bool isArray = value.is_array();
     Type elementType = value.type();
@@ -34,15 +31,20 @@ void Base::addJsonProperty(
     {
         if (value.empty())
         {
-            return;
+            return std::nullopt;
         }
         elementType = value.front().type();
         for (const auto& element : value)
         {
             if (element.type() != elementType)
             {
-                logWarning() << "dbus format error" << value.dump();
-                return;
+                // Text that is no valid UTF-8 (from VPD) is shown with
+                // replacement characters instead of ending the step.
+                logWarning()
+                    << "dbus format error"
+                    << value.dump(-1, ' ', false,
+                                  nlohmann::json::error_handler_t::replace);
+                return std::nullopt;
             }
         }
     }
@@ -51,53 +53,55 @@ void Base::addJsonProperty(
     {
         case Type::object:
             // Nesting is the caller's business.
-            return;
+            return std::nullopt;
         case Type::string:
             if (isArray)
             {
-                interface->registerProperty(key, arrayOf<std::string>(value));
+                return arrayOf<std::string>(value);
             }
-            else
-            {
-                interface->registerProperty(key, value.get<std::string>());
-            }
-            return;
+            return value.get<std::string>();
         case Type::boolean:
-            if (!isArray)
+            if (isArray)
             {
-                interface->registerProperty(key, value.get<bool>());
+                return std::nullopt;
             }
-            return;
+            return value.get<bool>();
         case Type::number_integer:
             if (isArray)
             {
-                interface->registerProperty(key, arrayOf<std::int64_t>(value));
+                return arrayOf<std::int64_t>(value);
             }
-            else
-            {
-                interface->registerProperty(key, value.get<std::int64_t>());
-            }
-            return;
+            return value.get<std::int64_t>();
         case Type::number_unsigned:
             if (isArray)
             {
-                interface->registerProperty(key, arrayOf<std::uint64_t>(value));
+                return arrayOf<std::uint64_t>(value);
             }
-            else
-            {
-                interface->registerProperty(key, value.get<std::uint64_t>());
-            }
-            return;
+            return value.get<std::uint64_t>();
         case Type::number_float:
-            if (!isArray)
+            if (isArray)
             {
-                interface->registerProperty(key, value.get<double>());
+                return std::nullopt;
             }
-            return;
+            return value.get<double>();
         default:
             logWarning() << "Unexpected json type in system configuration "
                          << key << ": " << value.type_name();
-            return;
+            return std::nullopt;
+    }
+}
+
+void Base::addJsonProperty(
+    const std::shared_ptr<hwtopod::dbus::Interface>& interface,
+    const std::string& key, const nlohmann::json& value)
+{
+    if (!interface)
+    {
+        return;
+    }
+    if (auto typed = jsonPropertyValue(key, value))
+    {
+        interface->registerProperty(key, std::move(*typed));
     }
 }
 

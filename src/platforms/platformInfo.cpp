@@ -1,6 +1,7 @@
 #include "platformInfo.hpp"
 
 #include "common/logging.hpp"
+#include "common/names.hpp"
 #include "common/paths.hpp"
 #include "dbus/client.hpp"
 #include "monitor/lineReader.hpp"
@@ -102,6 +103,49 @@ std::string miniVersionFor(const std::string& templateVersion,
     char text[16];
     std::snprintf(text, sizeof(text), "%02u", number);
     return std::string(text) + letter;
+}
+
+std::optional<PsuObject> psuObject(const nlohmann::json& element)
+{
+    if (!element.is_object() || !element.contains("Name") ||
+        !element.contains("Type"))
+    {
+        return std::nullopt;
+    }
+    PsuObject psu;
+    psu.name = element.at("Name").get<std::string>();
+    psu.type = element.at("Type").get<std::string>();
+    // Name is one element below the PSU path and Type one element below
+    // "com.halvex.": anything else is refused and the next PSU is published
+    // all the same.
+    if (!hwtopod::acceptPathElement("PSU Name", psu.name) ||
+        !hwtopod::acceptInterfaceElement("PSU Type", psu.type))
+    {
+        return std::nullopt;
+    }
+    psu.properties.emplace_back("Name", psu.name);
+    psu.properties.emplace_back("Type", psu.type);
+    for (const auto& [key, kind] : psuOptionalKeys)
+    {
+        if (!element.contains(key))
+        {
+            continue;
+        }
+        const auto& value = element.at(key);
+        switch (kind)
+        {
+            case PsuKey::boolean:
+                psu.properties.emplace_back(key, value.get<bool>());
+                break;
+            case PsuKey::text:
+                psu.properties.emplace_back(key, value.get<std::string>());
+                break;
+            case PsuKey::number:
+                psu.properties.emplace_back(key, value.get<std::uint64_t>());
+                break;
+        }
+    }
+    return psu;
 }
 
 void Base::platformInfoInit()
@@ -242,43 +286,21 @@ void Base::publishPsuConfigs()
         auto document = nlohmann::json::parse(stream);
         for (const auto& element : document)
         {
-            if (!element.is_object() || !element.contains("Name") ||
-                !element.contains("Type"))
+            auto psu = psuObject(element);
+            if (!psu)
             {
                 continue;
             }
-            const auto name = element.at("Name").get<std::string>();
-            const auto type = element.at("Type").get<std::string>();
-            auto interface =
-                addDbusInterface("/com/halvex/platform/hardware/psus/" + name,
-                                 "com.halvex." + type);
+            auto interface = addDbusInterface(
+                "/com/halvex/platform/hardware/psus/" + psu->name,
+                "com.halvex." + psu->type);
             if (!interface)
             {
                 continue;
             }
-            interface->registerProperty("Name", name);
-            interface->registerProperty("Type", type);
-            for (const auto& [key, kind] : psuOptionalKeys)
+            for (auto& [key, value] : psu->properties)
             {
-                if (!element.contains(key))
-                {
-                    continue;
-                }
-                const auto& value = element.at(key);
-                switch (kind)
-                {
-                    case PsuKey::boolean:
-                        interface->registerProperty(key, value.get<bool>());
-                        break;
-                    case PsuKey::text:
-                        interface->registerProperty(key,
-                                                    value.get<std::string>());
-                        break;
-                    case PsuKey::number:
-                        interface->registerProperty(key,
-                                                    value.get<std::uint64_t>());
-                        break;
-                }
+                interface->registerProperty(key, std::move(value));
             }
             interface->initialize();
         }

@@ -2,6 +2,7 @@
 
 // Small pieces shared by the board probes.
 
+#include "common/names.hpp"
 #include "common/types.hpp"
 #include "rules/vpdValue.hpp"
 
@@ -9,7 +10,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdint>
+#include <limits>
+#include <stdexcept>
 #include <string>
 
 namespace Platform::probe
@@ -47,6 +51,40 @@ inline std::string nonAlnumToUnderscores(std::string text)
         text.begin(), text.end(),
         [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
     return text;
+}
+
+// The object path element made from a topology entry's Name and its
+// Interface, both from a rule file: true when both can be published, else
+// one ERROR line says which was refused. A Name with a "/" would put the
+// board elsewhere in the tree, one with characters D-Bus forbids would fail
+// on the bus; either leaves the board out.
+inline bool acceptEntryNames(const std::string& pathElement,
+                             const std::string& interface)
+{
+    return hwtopod::acceptPathElement("topology entry Name", pathElement) &&
+           hwtopod::acceptInterfaceName("topology entry Interface", interface);
+}
+
+// A number of a record as T. Integers convert as the JSON library converts
+// them; a float outside T's range (from a rule file or a VPD double) throws
+// std::out_of_range instead of a conversion whose result is undefined; any
+// other JSON type throws nlohmann::json::type_error. The probe's guard
+// reports either.
+template <typename T>
+T numberAs(const nlohmann::json& value)
+{
+    if (value.is_number_float())
+    {
+        const double number = value.get<double>();
+        const double limit = std::ldexp(1.0, std::numeric_limits<T>::digits);
+        if (!(number > -1.0 && number < limit))
+        {
+            throw std::out_of_range(
+                "number " + value.dump() + " is out of range");
+        }
+        return static_cast<T>(number);
+    }
+    return value.get<T>();
 }
 
 // A string property; throws std::bad_variant_access for another type and

@@ -140,11 +140,16 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         }
         logInfo() << "hwtopod find bp ";
 
-        const std::string objectPath =
-            "/chassis/bp/" +
+        const std::string element =
             blanksToUnderscores(entry->at("Name").get<std::string>());
-        auto interface = addDbusInterface(
-            objectPath, entry->at("Interface").get<std::string>());
+        const std::string interfaceName =
+            entry->at("Interface").get<std::string>();
+        if (!acceptEntryNames(element, interfaceName))
+        {
+            return;
+        }
+        const std::string objectPath = "/chassis/bp/" + element;
+        auto interface = addDbusInterface(objectPath, interfaceName);
         if (!interface)
         {
             return;
@@ -155,8 +160,8 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         if (record.contains("BackplaneId") && record.contains("BusNumber"))
         {
             hwtopod::createI2cLink(hwtopod::DeviceType::Backplane,
-                                   record.at("BackplaneId").get<unsigned>(),
-                                   record.at("BusNumber").get<unsigned>());
+                                   numberAs<unsigned>(record.at("BackplaneId")),
+                                   numberAs<unsigned>(record.at("BusNumber")));
         }
         else
         {
@@ -164,9 +169,9 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         }
         if (!record.contains("VirtualBP"))
         {
-            hwtopod::sendPresentEvent(hwtopod::DeviceType::Backplane, true,
-                                      record.at("BackplaneId").get<unsigned>(),
-                                      "", false);
+            hwtopod::sendPresentEvent(
+                hwtopod::DeviceType::Backplane, true,
+                numberAs<unsigned>(record.at("BackplaneId")), "", false);
         }
         rules::appendFound(backplanesFound, "backplanes", record);
         for (const auto& [key, value] : record.items())
@@ -249,11 +254,16 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
             continue;
         }
 
-        const std::string objectPath =
-            "/chassis/riser/" +
+        const std::string element =
             blanksToUnderscores(entry->at("Name").get<std::string>());
-        auto interface = addDbusInterface(
-            objectPath, entry->at("Interface").get<std::string>());
+        const std::string interfaceName =
+            entry->at("Interface").get<std::string>();
+        if (!acceptEntryNames(element, interfaceName))
+        {
+            return;
+        }
+        const std::string objectPath = "/chassis/riser/" + element;
+        auto interface = addDbusInterface(objectPath, interfaceName);
         if (!interface)
         {
             return;
@@ -270,9 +280,10 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
             if (record.contains("BusOffset") &&
                 record.at("BusOffset").is_number())
             {
-                offset = record.at("BusOffset").get<unsigned>();
+                offset = numberAs<unsigned>(record.at("BusOffset"));
             }
-            const unsigned first = record.at("BUS").get<unsigned>() + offset;
+            const unsigned first =
+                numberAs<unsigned>(record.at("BUS")) + offset;
             const auto& slots = record.at("PCIeSlot");
             if (slots.is_array())
             {
@@ -282,18 +293,19 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
                     {
                         hwtopod::createI2cLink(
                             hwtopod::DeviceType::PcieCard,
-                            slots[i].get<unsigned>(),
+                            numberAs<unsigned>(slots[i]),
                             first + static_cast<unsigned>(i));
                     }
                 }
             }
         }
 
-        const auto slot = record.at("RiserSlot").get<unsigned>();
+        const auto slot = numberAs<unsigned>(record.at("RiserSlot"));
         if (record.contains("Connector"))
         {
             const std::string name =
-                "PWR_" + std::to_string(record.at("Connector").get<unsigned>());
+                "PWR_" +
+                std::to_string(numberAs<unsigned>(record.at("Connector")));
             hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true,
                                       slot, name, false);
             logInfo() << "Connector of RiserSlot["
@@ -378,11 +390,16 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
             return;
         }
 
-        const std::string objectPath =
-            "/chassis/midplane/" +
+        const std::string element =
             blanksToUnderscores(entry->at("Name").get<std::string>());
-        auto interface = addDbusInterface(
-            objectPath, entry->at("Interface").get<std::string>());
+        const std::string interfaceName =
+            entry->at("Interface").get<std::string>();
+        if (!acceptEntryNames(element, interfaceName))
+        {
+            return;
+        }
+        const std::string objectPath = "/chassis/midplane/" + element;
+        auto interface = addDbusInterface(objectPath, interfaceName);
         if (!interface)
         {
             return;
@@ -395,8 +412,8 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
         if (record.contains("Bus"))
         {
             hwtopod::createI2cLink(hwtopod::DeviceType::Midplane,
-                                   record.at("Index").get<unsigned>(),
-                                   record.at("Bus").get<unsigned>());
+                                   numberAs<unsigned>(record.at("Index")),
+                                   numberAs<unsigned>(record.at("Bus")));
         }
         else
         {

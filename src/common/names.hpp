@@ -1,0 +1,42 @@
+#pragma once
+
+// Checks for values from VPD and rule files that end up in D-Bus object
+// paths and interface names. Such a value must stay in its place: a board
+// name is one element of a path below its parent, a PSU type or a VPD format
+// is one element of an interface name below its prefix. A value that would
+// leave its place or that D-Bus forbids is refused with one log line.
+
+#include <string>
+#include <string_view>
+
+namespace hwtopod
+{
+
+// One element of an object path: one or more of [A-Za-z0-9_].
+bool isValidPathElement(std::string_view element);
+
+// A whole object path: "/", or "/" followed by valid elements separated by
+// single slashes, without a trailing slash.
+bool isValidObjectPath(std::string_view path);
+
+// One element of an interface name: one or more of [A-Za-z0-9_], not
+// beginning with a digit.
+bool isValidInterfaceElement(std::string_view element);
+
+// A whole interface name: at least two valid elements separated by single
+// dots, at most 255 characters.
+bool isValidInterfaceName(std::string_view name);
+
+// The value as it can stand in a log line: printable ASCII as it is,
+// backslash, double quote and every other byte as \xNN, in double quotes.
+// A value from outside can thus neither break the line nor fake another one.
+std::string printableName(std::string_view value);
+
+// These log at ERROR "Refused <what> <printable value>: <reason>" and return
+// false when value is not what the name says; else they return true quietly.
+bool acceptPathElement(std::string_view what, std::string_view value);
+bool acceptInterfaceElement(std::string_view what, std::string_view value);
+bool acceptInterfaceName(std::string_view what, std::string_view value);
+bool acceptObjectPath(std::string_view what, std::string_view value);
+
+} // namespace hwtopod

@@ -1,0 +1,120 @@
+// The checks that keep names from VPD and rule files in their place, held
+// against the bus library's own verdict.
+
+#include "common/names.hpp"
+
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace
+{
+
+const std::string nul("a\0b", 3);
+
+TEST(Names, ObjectPathsAgreeWithTheBusLibrary)
+{
+    const std::string cases[] = {
+        "/",       "/chassis/bp/Front_BP_1",
+        "/a",      "",
+        "chassis", "//",
+        "/a/",     "/a//b",
+        "/a/../b", "/a/./b",
+        "/a-b",    "/a b",
+        "/a.b",    "/ä",
+        "/a\nb",   "/" + nul,
+        "/_/0/Z",  "/" + std::string(300, 'x'),
+    };
+    for (const auto& path : cases)
+    {
+        const bool theirs = path.find('\0') == std::string::npos &&
+                            sd_bus_object_path_is_valid(path.c_str()) != 0;
+        EXPECT_EQ(hwtopod::isValidObjectPath(path), theirs) << path;
+    }
+}
+
+TEST(Names, InterfaceNamesAgreeWithTheBusLibrary)
+{
+    const std::string cases[] = {
+        "com.halvex.hwtopod.backplane",
+        "com.halvex.PowerSupply",
+        "a.b",
+        "_a._0",
+        "a",
+        "",
+        ".a.b",
+        "a.b.",
+        "a..b",
+        "a.0b",
+        "0a.b",
+        "com.halvex.a/b",
+        "com.halvex.a-b",
+        "com.halvex.a b",
+        "com.halvex.ä",
+        "com.halvex." + nul,
+        "a." + std::string(253, 'x'),
+        "a." + std::string(254, 'x'),
+    };
+    for (const auto& name : cases)
+    {
+        const bool theirs = name.find('\0') == std::string::npos &&
+                            sd_bus_interface_name_is_valid(name.c_str()) != 0;
+        EXPECT_EQ(hwtopod::isValidInterfaceName(name), theirs) << name;
+    }
+}
+
+TEST(Names, ElementsStayOneElement)
+{
+    for (const char* good : {"PSU0", "Front_BP_1", "_", "0"})
+    {
+        EXPECT_TRUE(hwtopod::isValidPathElement(good)) << good;
+    }
+    for (const std::string& bad : std::vector<std::string>{
+             "", "..", ".", "a/b", "/a", "a b", "a-b", "a\tb", nul})
+    {
+        EXPECT_FALSE(hwtopod::isValidPathElement(bad)) << bad;
+        EXPECT_FALSE(hwtopod::isValidInterfaceElement(bad)) << bad;
+    }
+    EXPECT_TRUE(hwtopod::isValidInterfaceElement("PowerSupply"));
+    EXPECT_FALSE(hwtopod::isValidInterfaceElement("0Supply"));
+    EXPECT_FALSE(hwtopod::isValidInterfaceElement("hwtopod.hardware"));
+}
+
+TEST(Names, RefusalIsOneLineWhateverTheValueHolds)
+{
+    CaptureStderr();
+    EXPECT_TRUE(hwtopod::acceptPathElement("PSU Name", "PSU0"));
+    EXPECT_TRUE(hwtopod::acceptInterfaceName("interface name", "a.b"));
+    EXPECT_EQ(GetCapturedStderr(), "");
+
+    CaptureStderr();
+    EXPECT_FALSE(hwtopod::acceptPathElement(
+        "PSU Name", "x\n[INFO] forged line \"\\" + nul + "\xff"));
+    EXPECT_EQ(GetCapturedStderr(),
+              "[ERROR] Refused PSU Name \"x\\x0A[INFO] forged line "
+              "\\x22\\x5Ca\\x00b\\xFF\": not an object path element (only "
+              "letters, digits and _ are allowed)\n");
+
+    CaptureStderr();
+    EXPECT_FALSE(hwtopod::acceptPathElement("topology entry Name", ""));
+    EXPECT_FALSE(hwtopod::acceptInterfaceElement("PSU Type", "a.b"));
+    EXPECT_FALSE(hwtopod::acceptInterfaceName("VPD interface", "com..x"));
+    EXPECT_FALSE(hwtopod::acceptObjectPath("VPD object path", "/a/../b"));
+    const auto log = GetCapturedStderr();
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 4) << log;
+    EXPECT_THAT(log, testing::HasSubstr(
+                         "[ERROR] Refused topology entry Name \"\": empty"));
+    EXPECT_THAT(log, testing::HasSubstr(
+                         "[ERROR] Refused VPD object path \"/a/../b\": not a "
+                         "valid D-Bus object path\n"));
+}
+
+} // namespace

@@ -1,0 +1,236 @@
+// What the daemon publishes from rule files, the PSU file and VPD: names that
+// would leave their place are refused with one line and cost nothing else,
+// I2C links stay in /dev and point into /sys, and board objects are
+// read-only for other clients.
+
+#include "discoveryFixture.hpp"
+#include "platforms/i2cLink.hpp"
+#include "platforms/kelvane1u.hpp"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace hwtopod;
+using test::DiscoveryFixture;
+using testing::HasSubstr;
+using testing::Not;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+namespace fs = std::filesystem;
+
+namespace
+{
+constexpr auto service = "com.halvex.hwtopod";
+
+std::size_t countOf(const std::string& text, const std::string& part)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + 1))
+    {
+        ++count;
+    }
+    return count;
+}
+
+VpdProperties backplane(std::uint16_t location)
+{
+    return {{"VpdId", std::uint8_t{0x70}},
+            {"PosIdValue", std::uint8_t{112}},
+            {"VpdLocation", location},
+            {"VpdName", std::string("BP ") + std::to_string(location)},
+            {"VpdFound", true},
+            {"VpdFormat", std::string("Halvex_Fullv3")},
+            {"BUS", std::uint32_t{7}}};
+}
+
+class PublishedNames : public DiscoveryFixture
+{
+  protected:
+    void TearDown() override
+    {
+        platform.reset();
+        DiscoveryFixture::TearDown();
+    }
+
+    std::string start()
+    {
+        CaptureStderr();
+        platform = std::make_unique<Platform::Kelvane1u>();
+        platform->serviceInit();
+        platform->serviceRun();
+        return GetCapturedStderr();
+    }
+
+    bool published(const std::string& path)
+    {
+        return test::getManagedObjects(service).contains(
+            sdbus::ObjectPath(path));
+    }
+
+    std::unique_ptr<Platform::Kelvane1u> platform;
+};
+
+TEST_F(PublishedNames, PsuNamesAndTypesThatLeaveTheirPlaceAreRefused)
+{
+    test::writeFile(
+        root / "usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json",
+        R"([
+        {"Name": "../basecfg", "Type": "PowerSupply"},
+        {"Name": "PSU0/x", "Type": "PowerSupply"},
+        {"Name": "PSU 1", "Type": "PowerSupply"},
+        {"Name": "PSU2", "Type": "hwtopod.hardware"},
+        {"Name": "PSU3", "Type": "Power-Supply"},
+        {"Name": "", "Type": "PowerSupply"},
+        {"Name": "PSU4", "Type": "PowerSupply", "FruId": 4}
+    ])");
+    const auto log = start();
+    EXPECT_EQ(countOf(log, "[ERROR] Refused PSU Name "), 4U) << log;
+    EXPECT_EQ(countOf(log, "[ERROR] Refused PSU Type "), 2U) << log;
+    EXPECT_THAT(log, HasSubstr("[ERROR] Refused PSU Name \"../basecfg\": "));
+    EXPECT_THAT(log,
+                HasSubstr("[ERROR] Refused PSU Type \"hwtopod.hardware\""));
+    EXPECT_THAT(log, Not(HasSubstr("[CRITICAL]")));
+    EXPECT_THAT(log, HasSubstr("[INFO] Service is set\n"));
+
+    // The good PSU after all the bad ones is there, and nothing else below
+    // the PSU path.
+    const auto objects = test::getManagedObjects(service);
+    std::vector<std::string> psus;
+    for (const auto& [path, interfaces] : objects)
+    {
+        if (path.starts_with("/com/halvex/platform/hardware/psus"))
+        {
+            psus.push_back(path);
+        }
+    }
+    EXPECT_EQ(psus, std::vector<std::string>{
+                        "/com/halvex/platform/hardware/psus/PSU4"});
+    EXPECT_EQ(test::getProperty(service,
+                                "/com/halvex/platform/hardware/psus/PSU4",
+                                "com.halvex.PowerSupply", "FruId")
+                  .get<std::uint64_t>(),
+              4U);
+}
+
+TEST_F(PublishedNames, AnyCallerOfAddDbusInterfaceIsChecked)
+{
+    start();
+    CaptureStderr();
+    EXPECT_FALSE(platform->addDbusInterface("/chassis/bp/a-b", "a.b"));
+    EXPECT_FALSE(platform->addDbusInterface("/chassis/bp/x", "com..halvex"));
+    EXPECT_FALSE(platform->addDbusInterface("chassis", "a.b"));
+    const auto log = GetCapturedStderr();
+    EXPECT_EQ(countOf(log, "\n"), 3U) << log;
+    EXPECT_EQ(countOf(log, "[ERROR] Refused "), 3U) << log;
+    // A refused pair is not held: the valid one can still be added.
+    EXPECT_TRUE(platform->addDbusInterface("/chassis/bp/x", "com.halvex.x"));
+}
+
+// Backplane topology entries with bad names around a good one: each bad one
+// costs one line and is left out; the good one is published, linked and
+// written, and its properties cannot be set by another client.
+TEST_F(PublishedNames, TopologyNamesFromRuleFilesAndReadOnlyBoards)
+{
+    writeRule("kelvane80_1u_pass1_trd.json", nlohmann::json::parse(R"({
+      "backplanes": {"NormalBP": [
+        {"Name": "../../com/halvex/platform/basecfg",
+         "Interface": "com.halvex.hwtopod.hardware", "Location": 1,
+         "Properties": {"BackplaneId": 1, "BusNumber": 30}},
+        {"Name": "BP 2", "Interface": "com.halvex.hwtopod.backplane/x",
+         "Location": 2, "Properties": {"BackplaneId": 2, "BusNumber": 30}},
+        {"Name": "BP\n3", "Interface": "com.halvex.hwtopod.backplane",
+         "Location": 3, "Properties": {"BackplaneId": 3, "BusNumber": 30}},
+        {"Name": "Front BP 4", "Interface": "com.halvex.hwtopod.backplane",
+         "Location": 4, "Properties": {"BackplaneId": 4, "BusNumber": 30}}
+      ]},
+      "risers": [], "midplanes": []
+    })"));
+    writeRule("bhs_backplanes.json", nlohmann::json::parse(R"([
+      {"Name": "Drive backplane", "POSID": 112,
+       "com.halvex.hwtopod.backplane": {"BackplaneName": "$VpdName"}}
+    ])"));
+    writeRule("bhs_risers.json", nlohmann::json::array());
+    makeI2cBus(30);
+    start();
+    CaptureStderr();
+    platform->platformInfoInit();
+    GetCapturedStderr();
+    platform->markHardwareDiscovered();
+    for (std::uint16_t location = 1; location <= 4; ++location)
+    {
+        platform
+            ->vpdObjects["/com/halvex/vpdd/BP_" + std::to_string(location)] =
+            backplane(location);
+    }
+    CaptureStderr();
+    platform->discoveryWorker->run([this]() { platform->probeCachedVpdd(); });
+    const auto log = GetCapturedStderr();
+
+    EXPECT_EQ(countOf(log, "[ERROR] Refused topology entry Name "), 2U) << log;
+    EXPECT_EQ(countOf(log, "[ERROR] Refused topology entry Interface "), 1U)
+        << log;
+    EXPECT_THAT(log, HasSubstr("Refused topology entry Name \"BP\\x0A3\""));
+    EXPECT_THAT(log, Not(HasSubstr("Exception in probeCachedVpdd")));
+
+    const auto found = nlohmann::json::parse(
+        test::readFile(root / "var/configuration/backplanes_found.json"));
+    ASSERT_EQ(found["backplanes"].size(), 1U);
+    EXPECT_EQ(found["backplanes"][0]["BackplaneId"], 4);
+    EXPECT_TRUE(published("/chassis/bp/Front_BP_4"));
+    EXPECT_FALSE(fs::exists(root / "dev/bp1_i2c"));
+    EXPECT_TRUE(fs::is_symlink(root / "dev/bp4_i2c"));
+    // The basecfg object keeps its own interfaces only.
+    EXPECT_EQ(test::getAllProperties(service, "/com/halvex/platform/basecfg",
+                                     "com.halvex.hwtopod.hardware")
+                  .size(),
+              14U);
+
+    auto other = sdbus::createSystemBusConnection();
+    auto proxy = sdbus::createProxy(*other, service, "/chassis/bp/Front_BP_4");
+    EXPECT_THROW(proxy->callMethod("Set")
+                     .onInterface("org.freedesktop.DBus.Properties")
+                     .withArguments(std::string("com.halvex.hwtopod.backplane"),
+                                    std::string("BackplaneId"),
+                                    sdbus::Variant(std::uint64_t{9})),
+                 sdbus::Error);
+    EXPECT_EQ(test::getProperty(service, "/chassis/bp/Front_BP_4",
+                                "com.halvex.hwtopod.backplane", "BackplaneId")
+                  .get<std::uint64_t>(),
+              4U);
+}
+
+// A sysfs bus entry that climbs out with ".." or points anywhere absolute
+// never gives a /dev link outside /sys.
+TEST_F(PublishedNames, I2cLinksPointIntoSysOnly)
+{
+    fs::create_directories(root / "sys/bus/i2c/devices");
+    fs::create_directories(root / "etc");
+    fs::create_directories(root / "sys/devices/x");
+    fs::create_symlink("../../../../etc", root / "sys/bus/i2c/devices/i2c-1");
+    fs::create_symlink("/etc", root / "sys/bus/i2c/devices/i2c-2");
+    fs::create_symlink("../../../devices/x/..",
+                       root / "sys/bus/i2c/devices/i2c-3");
+
+    CaptureStderr();
+    createI2cLink(DeviceType::Backplane, 1, 1);
+    EXPECT_FALSE(createI2cLink(DeviceType::Backplane, 2, 2));
+    EXPECT_FALSE(createI2cLink(DeviceType::Backplane, 3, 3));
+    const auto log = GetCapturedStderr();
+    EXPECT_EQ(countOf(log, "[ERROR] [ERR] CANNOT FIND THE PATH : "), 2U) << log;
+
+    // Whatever was made lies in /dev and points below /sys.
+    for (const auto& link : fs::directory_iterator(root / "dev"))
+    {
+        ASSERT_TRUE(fs::is_symlink(link.path()));
+        const auto target = fs::read_symlink(link.path()).string();
+        EXPECT_TRUE(target.starts_with(sandboxPath("sys/"))) << target;
+        EXPECT_THAT(target, Not(HasSubstr(".."))) << target;
+    }
+    EXPECT_EQ(fs::read_symlink(root / "dev/bp1_i2c").string(),
+              sandboxPath("sys/etc"));
+}
+
+} // namespace
