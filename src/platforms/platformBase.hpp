@@ -173,11 +173,23 @@ class Base
     bool bpTypeKeyed = false;
     std::uint64_t motherboardRevisionBase = 0;
     long upTimeSeconds = 0;
+    // Service thread only.
     bool chassisCloseRemedied = false;
+    // Set once by the hardware thread after the FPGA read-out. Atomic, and
+    // set under stateMutex by markHardwareDiscovered: a reader that sees it
+    // true (setDevicePresence, remedyChassisCloseEvent, probeCachedVpdd)
+    // sees every FPGA-derived member written before it.
     std::atomic<bool> hwDiscoveryDone = false;
+    // Service thread only.
     bool devicePresencePublished = false;
+    // No lock: written by the hardware thread only, and only before
+    // hwDiscoveryDone (device table scan, presence analysis); every other
+    // thread reads it only after seeing hwDiscoveryDone, and nothing writes
+    // it afterwards.
     std::map<std::uint32_t, DeviceState> fpgaDevices;
+    // Written by the constructor before any thread starts.
     bool normalStart = true;
+    // VPD discovery only (one thread at a time, see vpdObjects).
     bool vpdMatchCompleted = false;
     std::string daisyCardVpdPath;
     std::string daisyCardFruName;
@@ -185,7 +197,13 @@ class Base
     std::string serviceName;
     std::string miniVersion = "01W";
     std::int32_t chassisHeightU = 0;
+    // No lock: one writer at a time. The match callback and the restart's
+    // read of the VPD service hand their merge to VPD discovery, whose work
+    // runs one task after the other; the probes that read it run there too.
     boost::container::flat_map<std::string, VpdProperties> vpdObjects;
+    // Guarded by stateMutex: added to by the hardware thread (platform
+    // information), the service thread (service objects, device presence)
+    // and VPD discovery (boards), and looked up by all three.
     std::map<std::pair<std::string, std::string>,
              std::shared_ptr<hwtopod::dbus::Interface>>
         dbusInterfaces;
@@ -194,6 +212,8 @@ class Base
     std::shared_ptr<hwtopod::dbus::Connection> connection;
     std::shared_ptr<std::thread> ioThread;
     std::shared_ptr<std::thread> gpioThread;
+    // No lock: appended to by the probes and copied by the FRU name check,
+    // all of them VPD discovery, which has a single writer (see vpdObjects).
     nlohmann::json backplanesFound;
     nlohmann::json risersFound;
     nlohmann::json midplanesFound;

@@ -49,6 +49,12 @@ class Highvol : public Base
 
     void powerFaultMonitor();
 
+    // No lock on the members below. The read-out fields, skuNames and
+    // fpgaMatchQueue are written by the hardware thread before
+    // hwDiscoveryDone; VPD discovery waits for that flag in probeCachedVpdd
+    // and is from then on their only user (it takes risers off
+    // fpgaMatchQueue and fills vpdRiserSlots, riserSlotsProbed and
+    // cachedVpdDone).
     int skuRearConfig = 0;
     int skuFrontConfig = 0;
     bitset64 riserSlotsProbed;
