@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every check CI runs: the test
-# suite in a normal build and again under AddressSanitizer and
-# UndefinedBehaviorSanitizer. Ends with one line "N passed, N failed".
+# suite in a normal build, again under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and again under ThreadSanitizer; then each fuzz
+# target for a bounded time. Ends with one line "N passed, N failed".
 set -uo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -52,6 +53,71 @@ run_suite() {
 run_suite "normal" build-ci -Dwerror=true
 run_suite "address+undefined sanitizers" build-asan -Dwerror=true \
     -Db_sanitize=address,undefined -Db_lundef=false -Dbuildtype=debug
+
+# The ThreadSanitizer build uses clang: gcc refuses the atomic fences of the
+# asio headers under -fsanitize=thread. Reports go to files, so that those of
+# the daemons the tests start as child processes are seen too; any report
+# counts as one more failure.
+tsan_reports="$top/build-tsan.reports"
+rm -rf "$tsan_reports"
+mkdir -p "$tsan_reports"
+export TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 log_path=$tsan_reports/report"
+CC=clang CXX=clang++ run_suite "thread sanitizer" build-tsan -Dwerror=true \
+    -Db_sanitize=thread -Db_lundef=false -Dbuildtype=debug
+unset TSAN_OPTIONS
+if [ -n "$(ls -A "$tsan_reports")" ]; then
+    cat "$tsan_reports"/* | head -200
+    echo "=== thread sanitizer: reports in $tsan_reports"
+    failed=$((failed + 1))
+fi
+
+# run_fuzzers SECONDS: builds the fuzz targets with clang, libFuzzer and
+# AddressSanitizer+UndefinedBehaviorSanitizer (every finding aborts), and
+# runs each for SECONDS on its seed corpus in fuzz/corpus/<target>. New
+# inputs go to a scratch directory, so the repository's corpus stays as it
+# is. A crash, leak, time-out or sanitizer report fails the target; each
+# target counts as one test.
+run_fuzzers() {
+    local seconds=$1 dir=build-fuzz
+    echo "=== fuzzing: configure and build ($dir)"
+    if [ ! -f "$dir/build.ninja" ]; then
+        if ! CC=clang CXX=clang++ meson setup "$dir" -Dwerror=true \
+            -Dfuzzing=true -Dtests=false -Dbuildtype=debugoptimized \
+            -Db_sanitize=address,undefined -Db_lundef=false \
+            "-Dcpp_args=-fsanitize=fuzzer-no-link -fno-sanitize-recover=all" \
+            >"$dir.setup.log" 2>&1; then
+            cat "$dir.setup.log"
+            echo "=== fuzzing: configure failed"
+            failed=$((failed + 1))
+            return
+        fi
+    fi
+    if ! ninja -C "$dir" >"$dir.build.log" 2>&1; then
+        tail -50 "$dir.build.log"
+        echo "=== fuzzing: build failed"
+        failed=$((failed + 1))
+        return
+    fi
+    local target scratch
+    for target in record json-property psu-file os-release vpd-merge \
+        riser-readout; do
+        scratch=$(mktemp -d)
+        echo "=== fuzzing: $target for ${seconds}s"
+        if "$dir/fuzz/fuzz-$target" -max_total_time="$seconds" \
+            -close_fd_mask=3 -timeout=25 -rss_limit_mb=2048 \
+            -artifact_prefix="$dir/fuzz-$target-" \
+            "$scratch" "fuzz/corpus/$target" >"$dir.$target.log" 2>&1; then
+            grep -E '^#[0-9]+ *DONE' "$dir.$target.log" | tail -1
+            passed=$((passed + 1))
+        else
+            tail -60 "$dir.$target.log"
+            echo "=== fuzzing: $target FAILED (input in $dir/fuzz-$target-*)"
+            failed=$((failed + 1))
+        fi
+        rm -rf "$scratch"
+    done
+}
+run_fuzzers "${HWTOPOD_FUZZ_SECONDS:-50}"
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

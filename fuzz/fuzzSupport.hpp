@@ -1,0 +1,34 @@
+#pragma once
+
+// Shared pieces of the fuzz targets: a sandbox root for every file the
+// daemon reads or writes, no system bus, a journal that takes nothing, and
+// D-Bus values decoded from fuzzer bytes.
+
+#include "common/types.hpp"
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <string>
+
+namespace hwtopod::fuzz
+{
+
+// Makes a private root directory (HWTOPOD_ROOT) with /var/configuration and
+// /dev, points the system bus at a socket that does not exist, and silences
+// standard output. Returns the root. Safe to call more than once.
+const std::string& setUpSandbox();
+
+// Writes bytes to the file at the logical path below the sandbox root.
+void writeSandboxFile(const std::string& logicalPath, const std::string& text);
+
+// One D-Bus value of any alternative the daemon reads from other services.
+DbusVariant consumeVariant(FuzzedDataProvider& data);
+
+// Properties of one interface: up to 12 names, each from a small set that
+// the daemon looks for or from the input.
+VpdProperties consumeProperties(FuzzedDataProvider& data);
+
+// The interfaces of one InterfacesAdded signal.
+InterfaceProperties consumeInterfaces(FuzzedDataProvider& data);
+
+} // namespace hwtopod::fuzz

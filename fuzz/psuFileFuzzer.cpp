@@ -1,0 +1,79 @@
+// The PSU configuration file: read from the sandbox as the daemon reads it,
+// each element turned into the object it would publish.
+
+#include "common/names.hpp"
+#include "fuzzSupport.hpp"
+#include "platforms/kelvane1u.hpp"
+#include "platforms/platformInfo.hpp"
+
+#include <cstdlib>
+
+namespace
+{
+void check(bool condition)
+{
+    if (!condition)
+    {
+        std::abort();
+    }
+}
+
+// publishPsuConfigs of a platform without a bus: everything up to the
+// object server, which is not there, runs.
+class PsuPlatform : public Platform::Kelvane1u
+{
+  public:
+    using Base::publishPsuConfigs;
+};
+
+PsuPlatform& platform()
+{
+    static PsuPlatform* instance = []() {
+        hwtopod::fuzz::setUpSandbox();
+        return new PsuPlatform;
+    }();
+    return *instance;
+}
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
+                                      std::size_t size)
+{
+    auto& psu = platform();
+    const std::string text(reinterpret_cast<const char*>(bytes), size);
+    hwtopod::fuzz::writeSandboxFile(psu.psuConfigFiles, text);
+    psu.publishPsuConfigs();
+
+    const auto document = nlohmann::json::parse(text, nullptr, false);
+    if (document.is_discarded())
+    {
+        return 0;
+    }
+    for (const auto& element : document)
+    {
+        try
+        {
+            const auto object = Platform::psuObject(element);
+            if (!object)
+            {
+                continue;
+            }
+            // What is published stays in its place.
+            check(hwtopod::isValidObjectPath(
+                "/com/halvex/platform/hardware/psus/" + object->name));
+            check(hwtopod::isValidInterfaceName("com.halvex." + object->type));
+            check(object->properties.size() >= 2);
+            check(object->properties[0].first == "Name");
+            for (const auto& [key, value] : object->properties)
+            {
+                check(element.contains(key));
+            }
+        }
+        catch (const nlohmann::json::exception&)
+        {
+            // A value of the wrong JSON type ends the file, as in the daemon.
+            break;
+        }
+    }
+    return 0;
+}
