@@ -4,6 +4,8 @@
 
 #include <systemd/sd-journal.h>
 
+#include <mutex>
+
 namespace hwtopod
 {
 
@@ -13,10 +15,19 @@ namespace
 // emitter, as a consumer of the records expects.
 #define HWTOPOD_STRINGIFY2(x) #x
 #define HWTOPOD_STRINGIFY(x) HWTOPOD_STRINGIFY2(x)
+// Records come from the hardware, service, discovery and GPIO monitor
+// threads. The journal library opens its socket on the first send and keeps
+// it in a variable of its own; the sends are serialised here so that the
+// opening is ordered before every later use, whichever thread sent first.
+std::mutex journalMutex;
 #define JOURNAL_SEND(function, ...)                                            \
-    sd_journal_send_with_location("CODE_FILE=" __FILE__,                       \
-                                  "CODE_LINE=" HWTOPOD_STRINGIFY(__LINE__),    \
-                                  function, __VA_ARGS__, nullptr)
+    do                                                                         \
+    {                                                                          \
+        std::lock_guard journalLock(journalMutex);                             \
+        sd_journal_send_with_location(                                         \
+            "CODE_FILE=" __FILE__, "CODE_LINE=" HWTOPOD_STRINGIFY(__LINE__),   \
+            function, __VA_ARGS__, nullptr);                                   \
+    } while (false)
 
 std::string fullId(const std::string& shortId)
 {
