@@ -126,12 +126,14 @@ class VpdDiscovery : public testing::Test
             std::vector<std::string>{(root / "vpdd.json").string()});
     }
 
-    // The cache, read on the io thread that writes it.
+    // The cache, read on the discovery worker that writes it.
     hwtopod::VpdCache cache()
     {
-        return platform->connection->run([this]() {
-            return platform->vpdObjects;
+        hwtopod::VpdCache copy;
+        platform->discoveryWorker->run([this, &copy]() {
+            copy = platform->vpdObjects;
         });
+        return copy;
     }
 
     hwtopod::test::PrivateBus bus;
