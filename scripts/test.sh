@@ -107,7 +107,7 @@ run_fuzzers() {
             -close_fd_mask=3 -timeout=25 -rss_limit_mb=2048 \
             -artifact_prefix="$dir/fuzz-$target-" \
             "$scratch" "fuzz/corpus/$target" >"$dir.$target.log" 2>&1; then
-            grep -E '^#[0-9]+ *DONE' "$dir.$target.log" | tail -1
+            grep -E '^#[0-9]+[[:space:]]+DONE' "$dir.$target.log" | tail -1
             passed=$((passed + 1))
         else
             tail -60 "$dir.$target.log"
