@@ -40,10 +40,12 @@ using hwtopod::VpdProperties;
 // Threads and locks. The machine definition is written before any thread
 // starts. Everything the daemon publishes goes through the connection's
 // run(), so the bus is used by one thread at a time. VPD discovery (the
-// match callback, probeCachedVpdd and the probes) runs on the io thread only:
-// on a restart the hardware thread reads the VPD objects and hands the merge
-// and the probing to the io thread, so the cache and the found-hardware
-// documents have a single writer and need no lock. The FPGA-derived members
+// match callback's work, probeCachedVpdd and the probes) runs on
+// discoveryWorker only: the io thread hands each signal to it, and on a
+// restart the hardware thread hands it the objects it read, so the cache and
+// the found-hardware documents have a single writer and need no lock.
+// Journal records are sent under a mutex of their own (events.cpp), and
+// productName has one too. The FPGA-derived members
 // are written by the hardware thread before hwDiscoveryDone, an atomic flag
 // that orders every later reader after them.
 class Base
