@@ -9,6 +9,7 @@
 // documents need a lock; the io thread, which serves the daemon's objects,
 // never waits on discovery. On a restart only waitForVpd starts discovery,
 // with everything the service holds; see onVpdInterfacesAdded.
+#include "common/names.hpp"
 #include "common/sleep.hpp"
 #include "dbus/client.hpp"
 #include "platformHighvol.hpp"
@@ -349,6 +350,11 @@ void Base::updateFruName(const std::string& path, const std::string& format,
                          hwtopod::DeviceType type, std::uint8_t index,
                          const std::string& name)
 {
+    // The format becomes part of an interface name on the VPD service.
+    if (!hwtopod::acceptInterfaceElement("VPD format", format))
+    {
+        return;
+    }
     const std::string interface = vpdInterfacePrefix + format;
     std::string newName = name;
     if (newName.empty())
