@@ -402,14 +402,9 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
             updateBackplaneStatus(id);
         }
 
-        rules::appendFound(backplanesFound, "backplanes", record);
-        for (const auto& [key, value] : record.items())
-        {
-            addJsonProperty(interface, key, value);
-        }
-        interface->initialize();
-        rules::saveFoundHardware(backplanesFound, rules::backplanesFoundFile,
-                                 "Finally save BP json.");
+        publishRecord(interface, std::move(record), backplanesFound,
+                      "backplanes", rules::backplanesFoundFile,
+                      "Finally save BP json.");
         return;
     }
 }
@@ -544,14 +539,8 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
         checkRiserConnection(record, name);
         updateFruName(path, vpdText(vpd, "VpdFormat"), DeviceType::PcieRiser,
                       static_cast<std::uint8_t>(slot), name);
-        rules::appendFound(risersFound, "risers", record);
-        for (const auto& [key, value] : record.items())
-        {
-            addJsonProperty(interface, key, value);
-        }
-        interface->initialize();
-        rules::saveFoundHardware(risersFound, rules::risersFoundFile,
-                                 "Finally save riser json.");
+        publishRecord(interface, std::move(record), risersFound, "risers",
+                      rules::risersFoundFile, "Finally save riser json.");
         return;
     }
 }

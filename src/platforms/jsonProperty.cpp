@@ -2,6 +2,7 @@
 
 #include "common/logging.hpp"
 #include "platformBase.hpp"
+#include "rules/rules.hpp"
 
 namespace Platform
 {
@@ -103,6 +104,20 @@ void Base::addJsonProperty(
     {
         interface->registerProperty(key, std::move(*typed));
     }
+}
+
+void Base::publishRecord(
+    const std::shared_ptr<hwtopod::dbus::Interface>& interface,
+    nlohmann::json record, nlohmann::json& document, const std::string& key,
+    const std::string& file, std::string_view saveMessage)
+{
+    hwtopod::rules::appendFound(document, key, std::move(record));
+    for (const auto& [name, value] : document.at(key).back().items())
+    {
+        addJsonProperty(interface, name, value);
+    }
+    interface->initialize();
+    hwtopod::rules::saveFoundHardware(document, file, saveMessage);
 }
 
 } // namespace Platform

@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -234,6 +235,14 @@ class Base
     std::string productName = "Vantarack";
 
   protected:
+    // The end of every probe that accepts a board: the record joins its
+    // found-hardware document, its keys become the interface's properties,
+    // the interface goes on the bus, and the result file is written anew.
+    void publishRecord(
+        const std::shared_ptr<hwtopod::dbus::Interface>& interface,
+        nlohmann::json record, nlohmann::json& document, const std::string& key,
+        const std::string& file, std::string_view saveMessage);
+
     // The match callback on InterfacesAdded of the VPD service.
     void onVpdInterfacesAdded(const std::string& path,
                               const hwtopod::InterfaceProperties& interfaces);

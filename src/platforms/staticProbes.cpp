@@ -173,14 +173,9 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
                 hwtopod::DeviceType::Backplane, true,
                 numberAs<unsigned>(record.at("BackplaneId")), "", false);
         }
-        rules::appendFound(backplanesFound, "backplanes", record);
-        for (const auto& [key, value] : record.items())
-        {
-            addJsonProperty(interface, key, value);
-        }
-        interface->initialize();
-        rules::saveFoundHardware(backplanesFound, rules::backplanesFoundFile,
-                                 "hwtopod start save json ");
+        publishRecord(interface, std::move(record), backplanesFound,
+                      "backplanes", rules::backplanesFoundFile,
+                      "hwtopod start save json ");
         return;
     }
 }
@@ -320,14 +315,8 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
                       << record.at("RiserSlot").dump()
                       << "] was not found in setting ";
         }
-        rules::appendFound(risersFound, "risers", record);
-        for (const auto& [key, value] : record.items())
-        {
-            addJsonProperty(interface, key, value);
-        }
-        interface->initialize();
-        rules::saveFoundHardware(risersFound, rules::risersFoundFile,
-                                 "hwtopod start save json ");
+        publishRecord(interface, std::move(record), risersFound, "risers",
+                      rules::risersFoundFile, "hwtopod start save json ");
         return;
     }
 }
@@ -419,14 +408,8 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
         {
             logWarning() << "Midplane's I2C bus was not found in setting ";
         }
-        rules::appendFound(midplanesFound, "midplanes", record);
-        for (const auto& [key, value] : record.items())
-        {
-            addJsonProperty(interface, key, value);
-        }
-        interface->initialize();
-        rules::saveFoundHardware(midplanesFound, rules::midplanesFoundFile,
-                                 "hwtopod start save json");
+        publishRecord(interface, std::move(record), midplanesFound, "midplanes",
+                      rules::midplanesFoundFile, "hwtopod start save json");
         return;
     }
 }
