@@ -25,11 +25,11 @@ int main(int argc, char** argv)
         sdbus::createObject(*connection, "/com/halvex/pwrmgt/permission");
     object->registerMethod("Vote")
         .onInterface("com.halvex.Pwrmgt.Policy")
-        .implementedAs([reply](const std::string& voter, std::uint32_t id,
-                               bool on) {
-            std::cout << "Vote " << voter << " " << id << " "
-                      << (on ? "on" : "off") << std::endl;
-            return reply;
+        .implementedAs(
+            [reply](const std::string& voter, std::uint32_t id, bool on) {
+        std::cout << "Vote " << voter << " " << id << " " << (on ? "on" : "off")
+                  << std::endl;
+        return reply;
         });
     object->finishRegistration();
     std::cout << "pwrmgt ready" << std::endl;

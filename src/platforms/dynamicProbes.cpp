@@ -363,11 +363,8 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
             // twice.
             return;
         }
-        rules::fillRecord(record,
-                          entry->contains("Properties")
-                              ? entry->at("Properties")
-                              : nlohmann::json(),
-                          vpd, rules::dynamicBackplaneLog());
+        rules::fillRecord(record, entryProperties(*entry), vpd,
+                          rules::dynamicBackplaneLog());
 
         if (record.contains("BackplaneId") && record.contains("BusNumber"))
         {
@@ -503,11 +500,8 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
         logInfo() << "Probe dynamic Riser vpd, set (" << name
                   << ") dbus path to " << objectPath;
         auto interface = addDbusInterface(objectPath, interfaceName);
-        rules::fillRecord(record,
-                          entry->contains("Properties")
-                              ? entry->at("Properties")
-                              : nlohmann::json(),
-                          vpd, rules::dynamicRiserLog());
+        rules::fillRecord(record, entryProperties(*entry), vpd,
+                          rules::dynamicRiserLog());
         if (!record.contains("RiserSlot"))
         {
             logError() << "Unable found RiserSlot of TRD obj: " << name;

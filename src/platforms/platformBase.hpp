@@ -235,6 +235,12 @@ class Base
     std::string productName = "Vantarack";
 
   protected:
+    // The interface that carries a topology entry's record at prefix and the
+    // entry's Name, blanks made underscores; null when the names are refused
+    // or the object is published already.
+    std::shared_ptr<hwtopod::dbus::Interface> addEntryInterface(
+        const std::string& prefix, const nlohmann::json& entry);
+
     // The end of every probe that accepts a board: the record joins its
     // found-hardware document, its keys become the interface's properties,
     // the interface goes on the bus, and the result file is written anew.

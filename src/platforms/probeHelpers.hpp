@@ -58,6 +58,13 @@ inline std::string nonAlnumToUnderscores(std::string text)
 // one ERROR line says which was refused. A Name with a "/" would put the
 // board elsewhere in the tree, one with characters D-Bus forbids would fail
 // on the bus; either leaves the board out.
+// The Properties of a topology entry, null when it has none.
+inline const nlohmann::json& entryProperties(const nlohmann::json& entry)
+{
+    static const nlohmann::json none;
+    return entry.contains("Properties") ? entry.at("Properties") : none;
+}
+
 inline bool acceptEntryNames(const std::string& pathElement,
                              const std::string& interface)
 {

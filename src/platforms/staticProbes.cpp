@@ -13,6 +13,19 @@ using hwtopod::readVpdNumber;
 using namespace probe;
 namespace rules = hwtopod::rules;
 
+std::shared_ptr<hwtopod::dbus::Interface> Base::addEntryInterface(
+    const std::string& prefix, const nlohmann::json& entry)
+{
+    const std::string element =
+        blanksToUnderscores(entry.at("Name").get<std::string>());
+    const std::string interfaceName = entry.at("Interface").get<std::string>();
+    if (!acceptEntryNames(element, interfaceName))
+    {
+        return nullptr;
+    }
+    return addDbusInterface(prefix + element, interfaceName);
+}
+
 void Base::probeVpdd(const std::string& path)
 {
     auto found = vpdObjects.find(path);
@@ -140,16 +153,7 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         }
         logInfo() << "hwtopod find bp ";
 
-        const std::string element =
-            blanksToUnderscores(entry->at("Name").get<std::string>());
-        const std::string interfaceName =
-            entry->at("Interface").get<std::string>();
-        if (!acceptEntryNames(element, interfaceName))
-        {
-            return;
-        }
-        const std::string objectPath = "/chassis/bp/" + element;
-        auto interface = addDbusInterface(objectPath, interfaceName);
+        auto interface = addEntryInterface("/chassis/bp/", *entry);
         if (!interface)
         {
             return;
@@ -249,25 +253,13 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
             continue;
         }
 
-        const std::string element =
-            blanksToUnderscores(entry->at("Name").get<std::string>());
-        const std::string interfaceName =
-            entry->at("Interface").get<std::string>();
-        if (!acceptEntryNames(element, interfaceName))
-        {
-            return;
-        }
-        const std::string objectPath = "/chassis/riser/" + element;
-        auto interface = addDbusInterface(objectPath, interfaceName);
+        auto interface = addEntryInterface("/chassis/riser/", *entry);
         if (!interface)
         {
             return;
         }
-        rules::fillRecord(record,
-                          entry->contains("Properties")
-                              ? entry->at("Properties")
-                              : nlohmann::json(),
-                          vpd, rules::staticProbeLog("riserKey"));
+        rules::fillRecord(record, entryProperties(*entry), vpd,
+                          rules::staticProbeLog("riserKey"));
 
         if (record.contains("PCIeSlot") && record.contains("BUS"))
         {
@@ -379,25 +371,13 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
             return;
         }
 
-        const std::string element =
-            blanksToUnderscores(entry->at("Name").get<std::string>());
-        const std::string interfaceName =
-            entry->at("Interface").get<std::string>();
-        if (!acceptEntryNames(element, interfaceName))
-        {
-            return;
-        }
-        const std::string objectPath = "/chassis/midplane/" + element;
-        auto interface = addDbusInterface(objectPath, interfaceName);
+        auto interface = addEntryInterface("/chassis/midplane/", *entry);
         if (!interface)
         {
             return;
         }
-        rules::fillRecord(record,
-                          entry->contains("Properties")
-                              ? entry->at("Properties")
-                              : nlohmann::json(),
-                          vpd, rules::staticProbeLog("midplaneKey"));
+        rules::fillRecord(record, entryProperties(*entry), vpd,
+                          rules::staticProbeLog("midplaneKey"));
         if (record.contains("Bus"))
         {
             hwtopod::createI2cLink(hwtopod::DeviceType::Midplane,
