@@ -25,6 +25,7 @@ import json
 import os
 import queue
 import shutil
+import socket
 import statistics
 import subprocess
 import sys
@@ -203,6 +204,16 @@ def percentile(values, fraction):
     return ordered[min(len(ordered) - 1, int(fraction * len(ordered)))]
 
 
+def journald_listens():
+    # A journald that has gone leaves its socket file behind.
+    try:
+        socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM).connect(
+            "/run/systemd/journal/socket")
+        return True
+    except OSError:
+        return False
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", default=os.path.join(TOP, "build"))
@@ -211,7 +222,7 @@ def main():
     parser.add_argument("--edges", type=int, default=1000)
     args = parser.parse_args()
     build = os.path.abspath(args.build)
-    if not os.path.exists("/run/systemd/journal/socket"):
+    if not journald_listens():
         subprocess.Popen(["/lib/systemd/systemd-journald"],
                          start_new_session=True)
         time.sleep(1)

@@ -150,14 +150,20 @@ python3 "$top/sim/scenario.py" "$scenario_dir" "$sandbox" "$top/data"
 # shellcheck source=/dev/null
 . "$sandbox/scenario.env"
 
-# The journal: the daemon's events go there.
-if [ ! -S /run/systemd/journal/socket ]; then
+# The journal: the daemon's events go there. A journald that has gone leaves
+# its socket file behind, so only a connect tells whether one listens.
+journald_listens() {
+    python3 -c 'import socket, sys
+socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM).connect(sys.argv[1])' \
+        /run/systemd/journal/socket 2>/dev/null
+}
+if ! journald_listens; then
     /lib/systemd/systemd-journald >/dev/null 2>&1 &
     started_journald=$!
     pids=("$started_journald" "${pids[@]}")
     names=(journald "${names[@]}")
     say "started journald pid $started_journald"
-    wait_for journald test -S /run/systemd/journal/socket
+    wait_for journald journald_listens
 fi
 
 # A private system bus.

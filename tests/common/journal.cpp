@@ -1,9 +1,12 @@
 #include "journal.hpp"
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -59,27 +62,51 @@ std::vector<JournalRecord> readAfter(const std::string& cursor, pid_t pid)
     sd_journal_close(journal);
     return records;
 }
+
+// A journald that has gone (a machine whose processes were all ended) leaves
+// its socket file behind, so only a connect tells whether one listens.
+bool journaldListens()
+{
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+    {
+        return false;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, journalSocket, sizeof(address.sun_path) - 1);
+    bool listens = connect(fd, reinterpret_cast<sockaddr*>(&address),
+                           sizeof(address)) == 0;
+    close(fd);
+    return listens;
+}
 } // namespace
 
 void ensureJournald()
 {
-    if (std::filesystem::exists(journalSocket))
+    if (journaldListens())
     {
         return;
     }
     pid_t pid = fork();
     if (pid == 0)
     {
+        // It outlives the test, so it must not hold the test runner's
+        // output pipes open.
         setsid();
+        int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
+        dup2(devNull, STDIN_FILENO);
+        dup2(devNull, STDOUT_FILENO);
+        dup2(devNull, STDERR_FILENO);
         execl("/lib/systemd/systemd-journald", "systemd-journald",
               static_cast<char*>(nullptr));
         _exit(127);
     }
-    for (int i = 0; i < 500 && !std::filesystem::exists(journalSocket); ++i)
+    for (int i = 0; i < 500 && !journaldListens(); ++i)
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    if (!std::filesystem::exists(journalSocket))
+    if (!journaldListens())
     {
         throw std::runtime_error("systemd-journald did not start");
     }
