@@ -8,8 +8,14 @@
 //   published <path>
 //   set <path> <interface> IpmiFruName <value>
 //   call GetManagedObjects
-// An object marked "hold" waits for SIGUSR1 before it is published.
-// The file's format is described in docs/sim/vpdd.md.
+//   burst <count>
+//   crashing
+//   repeated <round>
+// An object marked "hold" waits for SIGUSR1 before it is published. For
+// fault injection it can also send a burst of InterfacesAdded signals for
+// objects it does not hold, end abruptly after some objects, or announce its
+// objects again and again. The file's format is described in
+// docs/simulation.md.
 
 #include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -21,10 +27,12 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -66,6 +74,14 @@ struct Configuration
     std::chrono::milliseconds startDelay{0};
     std::chrono::milliseconds interval{0};
     std::vector<FruObject> objects;
+    // Signals sent before the first object, for paths that have no object.
+    std::size_t burst = 0;
+    // Ends the process with SIGABRT once this many objects are published.
+    std::optional<std::size_t> crashAfter;
+    // Announces every object again after each interval, count rounds
+    // (0: without end).
+    std::chrono::milliseconds repeatInterval{0};
+    std::size_t repeatCount = 0;
 };
 
 constexpr auto busName = "com.halvex.vpdd";
@@ -204,6 +220,14 @@ Configuration readConfiguration(const std::string& file)
     Configuration configuration;
     configuration.startDelay = seconds(document, "startDelay");
     configuration.interval = seconds(document, "interval");
+    configuration.burst = document.value("burst", std::size_t{0});
+    if (document.contains("crashAfter"))
+    {
+        configuration.crashAfter = document["crashAfter"].get<std::size_t>();
+    }
+    const auto repeat = document.value("repeat", nlohmann::json::object());
+    configuration.repeatInterval = seconds(repeat, "interval");
+    configuration.repeatCount = repeat.value("count", std::size_t{0});
     for (const auto& given : document.at("objects"))
     {
         FruObject object;
@@ -288,6 +312,28 @@ std::unique_ptr<sdbus::IObject> publish(sdbus::IConnection& connection,
     return object;
 }
 
+// InterfacesAdded from the object manager for a path that has no object,
+// as fast as the bus takes them: the receiver must cope with a flood.
+void sendBurst(sdbus::IConnection& connection, std::size_t count)
+{
+    auto manager = sdbus::createObject(connection, "/");
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        auto signal = manager->createSignal(
+            "org.freedesktop.DBus.ObjectManager", "InterfacesAdded");
+        const std::map<std::string, std::map<std::string, sdbus::Variant>>
+            interfaces{
+                {std::string(interfacePrefix) + "Burst",
+                 {{"VpdFormat", sdbus::Variant(std::string("Burst"))},
+                  {"SerialNumber", sdbus::Variant("B" + std::to_string(i))}}}};
+        signal << sdbus::ObjectPath(
+                      "/com/halvex/vpdd/BURST_" + std::to_string(i))
+               << interfaces;
+        signal.send();
+    }
+    say("burst " + std::to_string(count));
+}
+
 // Processes the bus until deadline.
 void serveUntil(sdbus::IConnection& connection, Clock::time_point deadline)
 {
@@ -348,10 +394,19 @@ int main(int argc, char** argv)
         sdbus::floating_slot);
     say("started");
 
+    if (configuration.burst > 0)
+    {
+        sendBurst(*connection, configuration.burst);
+    }
     std::vector<std::unique_ptr<sdbus::IObject>> published;
     bool first = true;
     for (const auto& fru : configuration.objects)
     {
+        if (configuration.crashAfter == published.size())
+        {
+            say("crashing");
+            std::abort();
+        }
         auto wait = fru.delay + (first ? std::chrono::milliseconds(0)
                                        : configuration.interval);
         serveUntil(*connection, Clock::now() + wait);
@@ -362,6 +417,27 @@ int main(int argc, char** argv)
         }
         published.push_back(publish(*connection, fru));
         first = false;
+    }
+    for (std::size_t round = 1;
+         configuration.repeatInterval.count() > 0 &&
+         (configuration.repeatCount == 0 || round <= configuration.repeatCount);
+         ++round)
+    {
+        serveUntil(*connection, Clock::now() + configuration.repeatInterval);
+        for (std::size_t i = 0; i < published.size(); ++i)
+        {
+            std::vector<std::string> names;
+            for (const auto& [interface, values] :
+                 configuration.objects[i].interfaces)
+            {
+                names.push_back(interface);
+            }
+            if (!names.empty())
+            {
+                published[i]->emitInterfacesAddedSignal(names);
+            }
+        }
+        say("repeated " + std::to_string(round));
     }
     while (true)
     {
