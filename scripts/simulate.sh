@@ -75,7 +75,8 @@ else
     }
 fi
 for program in src/platforms/hwtopod tools/inspect/hwtopod-inspect sim/vpdd/vpdd \
-    sim/pwrmgt/hwtopod-sim-pwrmgt sim/liquid_cooling/liquid-cooling sim/gpiod/libgpiod.so.2; do
+    sim/pwrmgt/hwtopod-sim-pwrmgt sim/liquid_cooling/liquid-cooling sim/gpiod/libgpiod.so.2 \
+    sim/nameholder/hwtopod-sim-nameholder; do
     [ -e "$build/$program" ] || {
         say "$build/$program is missing"
         exit 1
@@ -144,6 +145,8 @@ wait_for() {
 }
 in_log() { grep -qF -- "$2" "$sandbox/$1" 2>/dev/null; }
 count_in_log() { grep -cF -- "$2" "$sandbox/$1" 2>/dev/null || true; }
+# in_log_times <log> <text> <count>: the text is in the log count times.
+in_log_times() { [ "$(count_in_log "$1" "$2")" -ge "$3" ]; }
 
 say "scenario $(basename "$scenario_dir"), sandbox $sandbox"
 python3 "$top/sim/scenario.py" "$scenario_dir" "$sandbox" "$top/data"
@@ -181,7 +184,11 @@ if [ "$SCENARIO_PWRMGT" = 1 ]; then
     start pwrmgt "$build/sim/pwrmgt/hwtopod-sim-pwrmgt" --reply "$SCENARIO_PWRMGT_REPLY"
     wait_for "the power management stand-in" in_log pwrmgt.out ready
 fi
-if [ "$SCENARIO_VPDD_BEFORE" = 1 ]; then
+if [ "$SCENARIO_NAME_HELD" = 1 ]; then
+    start nameholder "$build/sim/nameholder/hwtopod-sim-nameholder" com.halvex.hwtopod
+    wait_for "the holder of the daemon's name" in_log nameholder.out ready
+fi
+if [ "$SCENARIO_VPDD" = 1 ] && [ "$SCENARIO_VPDD_BEFORE" = 1 ]; then
     start vpdd "$build/sim/vpdd/vpdd" "$sandbox/vpdd.json"
     wait_for "the VPD stand-in" in_log vpdd.out "published $SCENARIO_READY_PATH"
 fi
@@ -192,69 +199,127 @@ daemon_env=(
     HWTOPOD_SIM_GPIO="$sandbox/gpio"
     LD_LIBRARY_PATH="$build/sim/gpiod${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
 )
+# File system faults: the daemon in a mount namespace of its own (it keeps
+# the process id, and its view is what the report reads).
+confine=()
+in_daemon_view=()
+if [ -n "$SCENARIO_CONFINE" ]; then
+    # shellcheck disable=SC2206
+    confine=(unshare --mount --propagation private bash "$top/sim/confine.sh"
+        --root "$sandbox/root" $SCENARIO_CONFINE --)
+fi
 if [ "$SCENARIO_STATUS" = "<unset>" ]; then
-    start hwtopod env -u HWTOPOD_STATUS "${daemon_env[@]}" "$build/src/platforms/hwtopod"
+    start hwtopod "${confine[@]}" env -u HWTOPOD_STATUS "${daemon_env[@]}" "$build/src/platforms/hwtopod"
 else
-    start hwtopod env HWTOPOD_STATUS="$SCENARIO_STATUS" "${daemon_env[@]}" "$build/src/platforms/hwtopod"
+    start hwtopod "${confine[@]}" env HWTOPOD_STATUS="$SCENARIO_STATUS" "${daemon_env[@]}" "$build/src/platforms/hwtopod"
 fi
 daemon_pid=${pids[-1]}
+if [ -n "$SCENARIO_CONFINE" ]; then
+    in_daemon_view=(nsenter --target "$daemon_pid" --mount --)
+fi
 restart=0
 if [ "$SCENARIO_STATUS" != normal ] && [ "$SCENARIO_STATUS" != "<unset>" ]; then
     restart=1
 fi
 
-wait_for "the daemon's service" in_log hwtopod.err "Service is set"
-if [ "$SCENARIO_VPDD_BEFORE" != 1 ]; then
-    start vpdd "$build/sim/vpdd/vpdd" "$sandbox/vpdd.json"
-fi
+# A daemon that must end by itself: its status is the outcome.
+daemon_exit=""
+await_daemon_exit() {
+    local pid=$daemon_pid
+    daemon_pid=""
+    wait_for "the daemon to end" eval '! kill -0 "$pid" 2>/dev/null'
+    wait "$pid" && daemon_exit=0 || daemon_exit=$?
+    say "hwtopod ended with status $daemon_exit"
+    if [ "$daemon_exit" != "$SCENARIO_DAEMON_EXIT" ]; then
+        say "expected status $SCENARIO_DAEMON_EXIT"
+        exit 1
+    fi
+}
 
-# The end of discovery.
-if [ "$restart" = 1 ]; then
-    # The closing loop begins once waitForVpd has probed the objects.
-    wait_for "discovery" in_log hwtopod.err "applyPlatformCoolingSettings: type"
-elif in_log hwtopod.err "[Base::matchVpdd] TRD files are not loaded"; then
-    say "the daemon has no VPD match: no board discovery on this start"
-    wait_for "the VPD stand-in" in_log vpdd.out "published $SCENARIO_READY_PATH"
+# A daemon that runs: its peers as the scenario has them, until discovery
+# has ended (or what the scenario waits for instead), then the edges.
+follow_daemon() {
+    wait_for "the daemon's service" in_log hwtopod.err "Service is set"
+    if [ "$SCENARIO_VPDD" = 1 ] && [ "$SCENARIO_VPDD_BEFORE" != 1 ]; then
+        start vpdd "$build/sim/vpdd/vpdd" "$sandbox/vpdd.json"
+    fi
+    if [ "$SCENARIO_VPDD_COMES_BACK" = 1 ]; then
+        # The service ends halfway through and is started again, as its unit
+        # would be.
+        local vpdd_pid=${pids[-1]}
+        wait_for "the VPD stand-in's end" in_log vpdd.out crashing
+        wait_for "the VPD stand-in's end" eval '! kill -0 "$vpdd_pid" 2>/dev/null'
+        start vpdd2 "$build/sim/vpdd/vpdd" "$sandbox/vpdd-again.json"
+    fi
+    if [ "$SCENARIO_COOLING" != 1 ] && [ -n "$SCENARIO_COOLING_WHEN" ]; then
+        wait_for "the cooling call to fail" in_log hwtopod.err "$SCENARIO_COOLING_WHEN"
+        start cooling "$build/sim/liquid_cooling/liquid-cooling"
+    fi
+
+    # The end of discovery, or what the scenario names instead.
+    if [ -s "$sandbox/waitfor.txt" ]; then
+        while IFS=$'\t' read -r count text; do
+            wait_for "\"$text\" ($count)" in_log_times hwtopod.err "$text" "$count"
+        done <"$sandbox/waitfor.txt"
+    elif [ "$restart" = 1 ]; then
+        # The closing loop begins once waitForVpd has probed the objects.
+        wait_for "discovery" in_log hwtopod.err "applyPlatformCoolingSettings: type"
+    elif in_log hwtopod.err "[Base::matchVpdd] TRD files are not loaded"; then
+        say "the daemon has no VPD match: no board discovery on this start"
+        wait_for "the VPD stand-in" in_log vpdd.out "published $SCENARIO_READY_PATH"
+    else
+        wait_for "discovery" in_log hwtopod.err "Board discovery has ended"
+    fi
+    say "discovery has ended"
+    wait_for "the device presence object" \
+        "${busctl[@]}" introspect com.halvex.hwtopod /com/halvex/platform/hardware/device >/dev/null 2>&1
+
+    # Fault line edges, once the monitor watches the lines.
+    if [ "$SCENARIO_GPIO" = 1 ] && [ "$SCENARIO_EDGES" -gt 0 ]; then
+        wait_for "the fault line monitor" in_log hwtopod.err "Setup VRs & powergoods in FPGA gpio device"
+        seen=$(count_in_log hwtopod.err "found in fpga_gpio_table")
+        while read -r line edge; do
+            [ -n "$line" ] || continue
+            echo "$line $edge" >"$sandbox/gpio/edges"
+            say "edge $edge on $line"
+            seen=$((seen + 1))
+            wait_for "the edge on $line" in_log_times hwtopod.err "found in fpga_gpio_table" "$seen"
+        done <"$sandbox/edges.txt"
+    fi
+}
+
+if [ -n "$SCENARIO_DAEMON_EXIT" ]; then
+    await_daemon_exit
 else
-    wait_for "discovery" in_log hwtopod.err "Board discovery has ended"
-fi
-say "discovery has ended"
-wait_for "the device presence object" \
-    "${busctl[@]}" introspect com.halvex.hwtopod /com/halvex/platform/hardware/device >/dev/null 2>&1
-
-# Fault line edges, once the monitor watches the lines.
-if [ "$SCENARIO_GPIO" = 1 ] && [ "$SCENARIO_EDGES" -gt 0 ]; then
-    wait_for "the fault line monitor" in_log hwtopod.err "Setup VRs & powergoods in FPGA gpio device"
-    seen=$(count_in_log hwtopod.err "found in fpga_gpio_table")
-    while read -r line edge; do
-        [ -n "$line" ] || continue
-        echo "$line $edge" >"$sandbox/gpio/edges"
-        say "edge $edge on $line"
-        seen=$((seen + 1))
-        wait_for "the edge on $line" test "$(count_in_log hwtopod.err "found in fpga_gpio_table")" -ge "$seen"
-    done <"$sandbox/edges.txt"
+    follow_daemon
 fi
 
 # Everything the daemon sent is in the journal before it is read.
 journalctl --sync >/dev/null 2>&1 || sleep 0.5
 
-inspect=("$build/tools/inspect/hwtopod-inspect" --pid "$daemon_pid")
+# The daemon's view of the files, which a confined daemon has alone.
+inspect=("${in_daemon_view[@]}" env HWTOPOD_ROOT="$sandbox/root"
+    "$build/tools/inspect/hwtopod-inspect" --pid "${daemon_pid:-0}")
 if [ "$json" = 1 ]; then
-    HWTOPOD_ROOT="$sandbox/root" "${inspect[@]}" --json >"$sandbox/report.json"
-    python3 - "$sandbox" "$(basename "$scenario_dir")" "$daemon_pid" <<'EOF'
+    if [ -z "$daemon_exit" ]; then
+        "${inspect[@]}" --json >"$sandbox/report.json"
+    fi
+    python3 - "$sandbox" "$(basename "$scenario_dir")" "${daemon_pid:-0}" "$daemon_exit" <<'EOF'
 import json, os, sys
-sandbox, name, pid = sys.argv[1:]
+sandbox, name, pid, exit_status = sys.argv[1:]
 def lines(file):
     path = os.path.join(sandbox, file)
     return open(path).read().splitlines() if os.path.exists(path) else []
-report = json.load(open(os.path.join(sandbox, "report.json")))
+path = os.path.join(sandbox, "report.json")
+report = json.load(open(path)) if os.path.exists(path) else {}
 maps = "/proc/%s/maps" % pid
 report["simulation"] = {
+    "daemonExit": int(exit_status) if exit_status else None,
     "scenario": name,
     "description": open(os.path.join(sandbox, "description.txt")).read().strip(),
     "votes": [l for l in lines("pwrmgt.out") if l.startswith("Vote ")],
     "coolingCalls": [l for l in lines("cooling.out") if l.startswith("CreateSensors")],
-    "vpdd": lines("vpdd.out"),
+    "vpdd": lines("vpdd.out") + lines("vpdd2.out"),
     "daemonLog": lines("hwtopod.err"),
     "gpioStandIn": os.path.exists(maps) and any(
         os.path.join("sim", "gpiod", "libgpiod.so") in l for l in open(maps)),
@@ -263,7 +328,12 @@ print(json.dumps(report, indent=2))
 EOF
 else
     echo "Scenario $(basename "$scenario_dir"): $(cat "$sandbox/description.txt")"
-    HWTOPOD_ROOT="$sandbox/root" "${inspect[@]}"
+    if [ -n "$daemon_exit" ]; then
+        echo "hwtopod ended with status $daemon_exit; its last log lines:"
+        tail -n 5 "$sandbox/hwtopod.err" | sed 's/^/  /'
+    else
+        "${inspect[@]}"
+    fi
     if [ -s "$sandbox/pwrmgt.out" ] && grep -q '^Vote ' "$sandbox/pwrmgt.out"; then
         echo
         echo "Power votes (power management stand-in)"

@@ -17,7 +17,8 @@ import sys
 RULE_DIR = "usr/share/vantarack-bmc-apps/hwtopod"
 CHASSIS_DIR = "sys/devices/platform/ahb/ahb:apb/1e6ef010.chassis/hwmon/hwmon0"
 LIST_KEYS = ("registers", "topology", "edges")
-DICT_KEYS = ("gpio", "vpdd", "pwrmgt", "cooling", "rules")
+DICT_KEYS = ("gpio", "vpdd", "pwrmgt", "cooling", "rules", "confine",
+             "truncate", "results")
 
 
 def fault_lines():
@@ -46,9 +47,10 @@ def load(directory, seen=()):
     vpdd = own.get("vpdd", {})
     if isinstance(vpdd.get("objects"), str):
         vpdd["objects"] = os.path.join(directory, vpdd["objects"])
-    for rule, given in own.get("rules", {}).items():
-        if isinstance(given, str):
-            own["rules"][rule] = os.path.join(directory, given)
+    for key in ("rules", "results"):
+        for name, given in own.get(key, {}).items():
+            if isinstance(given, str):
+                own[key][name] = os.path.join(directory, given)
     parent_name = own.pop("inherits", None)
     if parent_name is None:
         return own
@@ -104,6 +106,8 @@ def build_images(scenario, fpga):
             write(os.path.join(fpga, image + ".img"), bytes(data), "wb")
     if "adi" not in missing:
         write(os.path.join(fpga, "remote0-adi-20-8.img"), bytes(adi), "wb")
+    for image, size in scenario.get("truncate", {}).items():
+        os.truncate(os.path.join(fpga, image + ".img"), number(size))
 
 
 def build_vpdd(scenario, sandbox):
@@ -124,6 +128,14 @@ def build_vpdd(scenario, sandbox):
     objects.sort(key=lambda o: o["path"] == ready)
     document["objects"] = objects
     document["startDelay"] = vpdd.get("startDelay", 0)
+    for key in ("burst", "repeat"):
+        if key in vpdd:
+            document[key] = vpdd[key]
+    if vpdd.get("crashAfter") is not None:
+        # The service that comes back after the crash publishes everything.
+        write(os.path.join(sandbox, "vpdd-again.json"),
+              json.dumps(document, indent=2))
+        document["crashAfter"] = vpdd["crashAfter"]
     write(os.path.join(sandbox, "vpdd.json"), json.dumps(document, indent=2))
     return ready
 
@@ -143,7 +155,10 @@ def build_root(scenario, root, data_dir):
             shutil.copy(given, target)
     write(os.path.join(root, "etc/os-release"),
           scenario.get("osRelease", 'HALVEX_BUILDID="QDM413B"\n'))
-    os.makedirs(os.path.join(root, "var/configuration"), exist_ok=True)
+    configuration = os.path.join(root, "var/configuration")
+    os.makedirs(configuration, exist_ok=True)
+    for name, given in scenario.get("results", {}).items():
+        shutil.copy(given, os.path.join(configuration, name))
     dev = os.path.join(root, "dev")
     os.makedirs(dev, exist_ok=True)
     for node in scenario.get("fpgaNodes",
@@ -191,14 +206,32 @@ def main():
     vpdd = scenario.get("vpdd", {})
     pwrmgt = scenario.get("pwrmgt", {})
     cooling = scenario.get("cooling", {})
+    confine = scenario.get("confine", {})
+    confine_options = []
+    if confine.get("journal") is False:
+        confine_options.append("--no-journal")
+    if confine.get("configuration"):
+        confine_options += ["--configuration", confine["configuration"]]
+    # Log lines to wait for, instead of the end of discovery: a text, or a
+    # text and how often it must have been written.
+    wait_for = [[1, given] if isinstance(given, str) else given[::-1]
+                for given in scenario.get("waitFor", [])]
+    write(os.path.join(sandbox, "waitfor.txt"),
+          "".join("%d\t%s\n" % (count, text) for count, text in wait_for))
     env = {
         "SCENARIO_STATUS": "<unset>" if status is None else status,
         "SCENARIO_VPDD_DELAY": str(vpdd.get("startDelay", 0)),
+        "SCENARIO_VPDD": "1" if vpdd.get("running", True) else "0",
         "SCENARIO_VPDD_BEFORE": "1" if vpdd.get("before") else "0",
+        "SCENARIO_VPDD_COMES_BACK": "1" if vpdd.get("comesBack") else "0",
         "SCENARIO_READY_PATH": ready,
         "SCENARIO_PWRMGT": "1" if pwrmgt.get("running", True) else "0",
         "SCENARIO_PWRMGT_REPLY": str(pwrmgt.get("reply", 0)),
         "SCENARIO_COOLING": "1" if cooling.get("running", True) else "0",
+        "SCENARIO_COOLING_WHEN": cooling.get("startWhen", ""),
+        "SCENARIO_CONFINE": " ".join(confine_options),
+        "SCENARIO_NAME_HELD": "1" if scenario.get("nameHeld") else "0",
+        "SCENARIO_DAEMON_EXIT": str(scenario.get("daemonExit", "")),
         "SCENARIO_GPIO": "1" if has_gpio else "0",
         "SCENARIO_EDGES": str(len(edges)),
     }

@@ -4,6 +4,7 @@
 
 #include <systemd/sd-journal.h>
 
+#include <cstring>
 #include <mutex>
 
 namespace hwtopod
@@ -19,14 +20,21 @@ namespace
 // threads. The journal library opens its socket on the first send and keeps
 // it in a variable of its own; the sends are serialised here so that the
 // opening is ordered before every later use, whichever thread sent first.
+// A record the journal does not take (no journald, a full queue) is lost;
+// it costs one error line so that its loss shows, and the daemon goes on.
 std::mutex journalMutex;
 #define JOURNAL_SEND(function, ...)                                            \
     do                                                                         \
     {                                                                          \
         std::lock_guard journalLock(journalMutex);                             \
-        sd_journal_send_with_location(                                         \
+        const int sent = sd_journal_send_with_location(                        \
             "CODE_FILE=" __FILE__, "CODE_LINE=" HWTOPOD_STRINGIFY(__LINE__),   \
             function, __VA_ARGS__, nullptr);                                   \
+        if (sent < 0)                                                          \
+        {                                                                      \
+            logError() << function << ": the journal refused the record: "     \
+                       << std::strerror(-sent);                                \
+        }                                                                      \
     } while (false)
 
 std::string fullId(const std::string& shortId)
