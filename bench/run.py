@@ -95,11 +95,11 @@ class Daemon:
             self.log.append(self.lines.get())
         return sum(1 for _, line in self.log if text in line)
 
-    def start_vpdd(self):
+    def start_vpdd(self, stdout=subprocess.DEVNULL):
         self.vpdd = subprocess.Popen(
             [os.path.join(self.build, "sim/vpdd/vpdd"),
              os.path.join(self.sandbox, "vpdd.json")],
-            env=self.env, stdout=subprocess.DEVNULL)
+            env=self.env, stdout=stdout)
 
     def discovery_time(self):
         self.wait_for("Service is set")
@@ -199,6 +199,16 @@ def start_bus(workdir):
     return bus, "unix:path=" + os.path.join(workdir, "bus")
 
 
+def start_services(build, address):
+    """The power management and liquid cooling stand-ins on the bus."""
+    return [subprocess.Popen(
+        [os.path.join(build, program)], env=dict(
+            os.environ, DBUS_SYSTEM_BUS_ADDRESS=address),
+        stdout=subprocess.DEVNULL)
+        for program in ("sim/pwrmgt/hwtopod-sim-pwrmgt",
+                        "sim/liquid_cooling/liquid-cooling")]
+
+
 def percentile(values, fraction):
     ordered = sorted(values)
     return ordered[min(len(ordered) - 1, int(fraction * len(ordered)))]
@@ -214,6 +224,13 @@ def journald_listens():
         return False
 
 
+def ensure_journald():
+    if not journald_listens():
+        subprocess.Popen(["/lib/systemd/systemd-journald"],
+                         start_new_session=True)
+        time.sleep(1)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", default=os.path.join(TOP, "build"))
@@ -222,19 +239,11 @@ def main():
     parser.add_argument("--edges", type=int, default=1000)
     args = parser.parse_args()
     build = os.path.abspath(args.build)
-    if not journald_listens():
-        subprocess.Popen(["/lib/systemd/systemd-journald"],
-                         start_new_session=True)
-        time.sleep(1)
+    ensure_journald()
 
     workdir = tempfile.mkdtemp(prefix="hwtopod-bench-bus.")
     bus, address = start_bus(workdir)
-    services = [subprocess.Popen(
-        [os.path.join(build, program)], env=dict(
-            os.environ, DBUS_SYSTEM_BUS_ADDRESS=address),
-        stdout=subprocess.DEVNULL)
-        for program in ("sim/pwrmgt/hwtopod-sim-pwrmgt",
-                        "sim/liquid_cooling/liquid-cooling")]
+    services = start_services(build, address)
     rows = []
     try:
         # Discovery of the healthy machine, a fresh daemon each time.
