@@ -5,7 +5,8 @@
 #   confine.sh --root DIR [--no-journal] [--configuration read-only|full] \
 #       -- command...
 #
-# --no-journal hides the journal's sockets, as if no journald ran.
+# --no-journal leaves the journal's socket as a journald that has gone
+# leaves it: there, but nobody reads it.
 # --configuration read-only makes DIR/var/configuration read-only;
 # --configuration full puts it on a small file system that is full, with
 # the files it held before. The command replaces this script, so that it
@@ -30,6 +31,9 @@ done
 if [ "$journal" = 0 ]; then
     mkdir -p /run/systemd/journal
     mount -t tmpfs -o size=64k,mode=0755 hwtopod-no-journal /run/systemd/journal
+    python3 -c 'import socket, sys
+socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM).bind(sys.argv[1])' \
+        /run/systemd/journal/socket
 fi
 
 directory="$root/var/configuration"

@@ -1,23 +1,16 @@
-// The shipped scenarios run through the simulator command, each once: the
-// real daemon on a private bus with the stand-in services, its report read
-// back as JSON and held against what that machine must produce. Every run
-// must leave no process and no sandbox behind.
+// The shipped machine scenarios run through the simulator command, each
+// once: the real daemon on a private bus with the stand-in services, its
+// report read back as JSON and held against what that machine must produce.
+// Every run must leave no process and no sandbox behind.
 
-#include "process.hpp"
+#include "simRun.hpp"
 
 #include <signal.h>
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <map>
 #include <regex>
-#include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,207 +21,10 @@
 using nlohmann::json;
 using testing::Contains;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using Events = std::multiset<std::pair<std::string, std::string>>;
+using namespace hwtopod::test;
 
 namespace
 {
-
-std::string environment(const char* name)
-{
-    const char* value = std::getenv(name);
-    return value == nullptr ? std::string() : std::string(value);
-}
-
-// What one run of the simulator left: its report, its progress lines, and
-// the processes and sandbox it said it made.
-struct SimRun
-{
-    int exitStatus = -1;
-    json report;
-    std::string progress;
-    std::vector<pid_t> pids;
-    std::string sandbox;
-};
-
-void parseProgress(SimRun& run)
-{
-    static const std::regex started("started (\\S+) pid (\\d+)");
-    static const std::regex sandbox("sandbox (\\S+)");
-    std::smatch match;
-    std::istringstream lines(run.progress);
-    std::string line;
-    while (std::getline(lines, line))
-    {
-        if (std::regex_search(line, match, started))
-        {
-            run.pids.push_back(std::stoi(match[2]));
-        }
-        else if (std::regex_search(line, match, sandbox))
-        {
-            run.sandbox = match[1];
-        }
-    }
-}
-
-hwtopod::test::Process simulator(const std::vector<std::string>& arguments)
-{
-    return hwtopod::test::Process(
-        environment("HWTOPOD_SOURCE_ROOT") + "/scripts/simulate.sh", arguments,
-        {{"HWTOPOD_BUILD_DIR", environment("HWTOPOD_BUILD_ROOT")},
-         {"HWTOPOD_SIM_TIMEOUT", "90"}});
-}
-
-// One simulator run per scenario, shared by the tests of that scenario.
-const SimRun& simulate(const std::string& scenario)
-{
-    static std::map<std::string, SimRun> runs;
-    auto found = runs.find(scenario);
-    if (found != runs.end())
-    {
-        return found->second;
-    }
-    SimRun run;
-    {
-        auto process = simulator({"--json", scenario});
-        run.exitStatus = process.waitForExit(std::chrono::minutes(4));
-        run.progress = process.standardError();
-        const auto out = process.standardOutput();
-        run.report = json::parse(out, nullptr, false);
-    }
-    parseProgress(run);
-    return runs.emplace(scenario, std::move(run)).first->second;
-}
-
-bool alive(pid_t pid)
-{
-    return ::kill(pid, 0) == 0 || errno != ESRCH;
-}
-
-void expectNothingLeft(const SimRun& run)
-{
-    EXPECT_FALSE(run.pids.empty()) << run.progress;
-    for (const auto pid : run.pids)
-    {
-        EXPECT_FALSE(alive(pid)) << "process " << pid << " still runs";
-    }
-    ASSERT_FALSE(run.sandbox.empty()) << run.progress;
-    EXPECT_FALSE(std::filesystem::exists(run.sandbox)) << run.sandbox;
-}
-
-Events events(const json& report)
-{
-    Events result;
-    for (const auto& event : report["events"])
-    {
-        result.emplace(event["id"].get<std::string>(),
-                       event["args"].is_null()
-                           ? "<none>"
-                           : event["args"].get<std::string>());
-    }
-    return result;
-}
-
-Events problems(const json& report)
-{
-    Events result;
-    for (const auto& event : report["events"])
-    {
-        if (event["problem"].get<bool>())
-        {
-            result.emplace(event["id"].get<std::string>(),
-                           event["args"].get<std::string>());
-        }
-    }
-    return result;
-}
-
-std::vector<std::string> votes(const json& report)
-{
-    return report["simulation"]["votes"].get<std::vector<std::string>>();
-}
-
-std::string log(const json& report)
-{
-    std::string text;
-    for (const auto& line : report["simulation"]["daemonLog"])
-    {
-        text += line.get<std::string>() + "\n";
-    }
-    return text;
-}
-
-std::size_t occurrences(const std::string& text, const std::string& part)
-{
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + 1))
-    {
-        ++count;
-    }
-    return count;
-}
-
-const json* riser(const json& report, unsigned number)
-{
-    for (const auto& entry : report["risers"])
-    {
-        if (entry["riser"] == number)
-        {
-            return &entry;
-        }
-    }
-    return nullptr;
-}
-
-std::size_t records(const json& report, const std::string& file,
-                    const std::string& key)
-{
-    const auto& content = report["resultFiles"][file];
-    return content.is_null() ? 0 : content[key].size();
-}
-
-// What every healthy machine publishes, whatever the way VPD arrived.
-void expectHealthyMachine(const json& report)
-{
-    const Events installs = {
-        {"TKRMBUN2026I", "<none>"},
-        {"TKRMBIO0032I", "Slot::1 Riser"},
-        {"TKRMBIO0032I", "PCIe Card::1"},
-        {"TKRMBIO0032I", "Slot::3 Riser"},
-        {"TKRMBIO0032I", "Slot::4 Riser"},
-        {"TKRMBIO0032I", "PCIe Card::4"},
-        {"TKRMBIO0032I", "Slot::5 Riser"},
-        {"TKRMBIO0032I", "OCP::1"},
-        {"TKRMBIO0034I", "PWR_1::Backplane::1"},
-        {"TKRMBIO0034I", "PWR_2::Backplane::2"},
-        {"TKRMBIO0034I", "PWR_5::Backplane::5"},
-        {"TKRMBIO0034I", "PWR_11::Slot::1 Riser"},
-        {"TKRMBIO0034I", "PWR_13::Slot::3 Riser"},
-        {"TKRMBIO0034I", "PWR_14::Slot::4 Riser"},
-        {"TKRMBIO0034I", "PWR_15::Slot::5 Riser"},
-    };
-    EXPECT_EQ(events(report), installs);
-    EXPECT_THAT(report["problems"], IsEmpty());
-    EXPECT_EQ(records(report, "risers_found.json", "risers"), 4U);
-    EXPECT_EQ(records(report, "backplanes_found.json", "backplanes"), 3U);
-    EXPECT_TRUE(report["resultFiles"]["midplanes_found.json"].is_null());
-    ASSERT_EQ(report["risers"].size(), 4U);
-    for (const auto& entry : report["risers"])
-    {
-        EXPECT_EQ(entry["cable"], "ok") << entry.dump();
-        EXPECT_EQ(entry["location"], "ok") << entry.dump();
-        EXPECT_EQ(entry["seenBy"], "FPGA and VPD");
-    }
-    EXPECT_EQ(report["platform"]["BackplaneStatus"],
-              json::parse(R"({"BP_1_INSTALLED": true, "BP_2_INSTALLED": true,
-                  "BP_3_INSTALLED": false, "BP_4_INSTALLED": false,
-                  "BP_5_INSTALLED": true})"));
-    EXPECT_EQ(votes(report),
-              (std::vector<std::string>{"Vote com.halvex.hwtopod 1 on",
-                                        "Vote com.halvex.hwtopod 1 on"}));
-    EXPECT_THAT(log(report), testing::Not(HasSubstr("Exception")));
-}
 
 class Simulator : public testing::Test
 {};
@@ -272,8 +68,8 @@ TEST_F(Simulator, InspectDocumentOfTheHealthyMachine)
     const auto& run = simulate("healthy");
     ASSERT_EQ(run.exitStatus, 0) << run.progress;
     auto report = run.report;
-    std::ifstream stream(
-        environment("HWTOPOD_SOURCE_ROOT") + "/tests/sim/healthy-inspect.json");
+    std::ifstream stream(std::string(std::getenv("HWTOPOD_SOURCE_ROOT")) +
+                         "/tests/sim/healthy-inspect.json");
     const auto expected = json::parse(stream);
 
     // What differs from run to run: the process, the sandbox, the order in
