@@ -147,6 +147,7 @@ in_log() { grep -qF -- "$2" "$sandbox/$1" 2>/dev/null; }
 count_in_log() { grep -cF -- "$2" "$sandbox/$1" 2>/dev/null || true; }
 # in_log_times <log> <text> <count>: the text is in the log count times.
 in_log_times() { [ "$(count_in_log "$1" "$2")" -ge "$3" ]; }
+ended() { ! kill -0 "$1" 2>/dev/null; }
 
 say "scenario $(basename "$scenario_dir"), sandbox $sandbox"
 python3 "$top/sim/scenario.py" "$scenario_dir" "$sandbox" "$top/data"
@@ -227,7 +228,7 @@ daemon_exit=""
 await_daemon_exit() {
     local pid=$daemon_pid
     daemon_pid=""
-    wait_for "the daemon to end" eval '! kill -0 "$pid" 2>/dev/null'
+    wait_for "the daemon to end" ended "$pid"
     wait "$pid" && daemon_exit=0 || daemon_exit=$?
     say "hwtopod ended with status $daemon_exit"
     if [ "$daemon_exit" != "$SCENARIO_DAEMON_EXIT" ]; then
@@ -246,9 +247,7 @@ follow_daemon() {
     if [ "$SCENARIO_VPDD_COMES_BACK" = 1 ]; then
         # The service ends halfway through and is started again, as its unit
         # would be.
-        local vpdd_pid=${pids[-1]}
-        wait_for "the VPD stand-in's end" in_log vpdd.out crashing
-        wait_for "the VPD stand-in's end" eval '! kill -0 "$vpdd_pid" 2>/dev/null'
+        wait_for "the VPD stand-in's end" ended "${pids[-1]}"
         start vpdd2 "$build/sim/vpdd/vpdd" "$sandbox/vpdd-again.json"
     fi
     if [ "$SCENARIO_COOLING" != 1 ] && [ -n "$SCENARIO_COOLING_WHEN" ]; then
