@@ -8,6 +8,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <cstdlib>
 #include <string>
 
 namespace hwtopod::fuzz
@@ -20,6 +21,15 @@ const std::string& setUpSandbox();
 
 // Writes bytes to the file at the logical path below the sandbox root.
 void writeSandboxFile(const std::string& logicalPath, const std::string& text);
+
+// Ends the run with a finding when an expectation on the output fails.
+inline void check(bool condition)
+{
+    if (!condition)
+    {
+        std::abort();
+    }
+}
 
 // One D-Bus value of any alternative the daemon reads from other services.
 DbusVariant consumeVariant(FuzzedDataProvider& data);

@@ -6,17 +6,11 @@
 
 #include <cstdlib>
 
+using hwtopod::fuzz::check;
+
 namespace
 {
 using Type = nlohmann::json::value_t;
-
-void check(bool condition)
-{
-    if (!condition)
-    {
-        std::abort();
-    }
-}
 
 // The value's own type, or its elements' common type; none for mixed.
 std::optional<Type> elementType(const nlohmann::json& value)

@@ -5,16 +5,7 @@
 
 #include <cstdlib>
 
-namespace
-{
-void check(bool condition)
-{
-    if (!condition)
-    {
-        std::abort();
-    }
-}
-} // namespace
+using hwtopod::fuzz::check;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
                                       std::size_t size)

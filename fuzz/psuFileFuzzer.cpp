@@ -8,15 +8,10 @@
 
 #include <cstdlib>
 
+using hwtopod::fuzz::check;
+
 namespace
 {
-void check(bool condition)
-{
-    if (!condition)
-    {
-        std::abort();
-    }
-}
 
 // publishPsuConfigs of a platform without a bus: everything up to the
 // object server, which is not there, runs.

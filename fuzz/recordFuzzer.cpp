@@ -8,6 +8,8 @@
 
 #include <cstdlib>
 
+using hwtopod::fuzz::check;
+
 namespace rules = hwtopod::rules;
 
 namespace
@@ -15,14 +17,6 @@ namespace
 nlohmann::json parseOrNull(const std::string& text)
 {
     return nlohmann::json::parse(text, nullptr, false);
-}
-
-void check(bool condition)
-{
-    if (!condition)
-    {
-        std::abort();
-    }
 }
 } // namespace
 

@@ -9,15 +9,10 @@
 #include <cstring>
 #include <limits>
 
+using hwtopod::fuzz::check;
+
 namespace
 {
-void check(bool condition)
-{
-    if (!condition)
-    {
-        std::abort();
-    }
-}
 
 // readVpdNumber as the table of the VPD cache says it.
 std::uint64_t expectedNumber(const hwtopod::DbusVariant& value)
