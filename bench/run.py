@@ -133,13 +133,18 @@ class Daemon:
     def stop(self):
         for process in (self.vpdd, self.process):
             if process is not None:
-                process.terminate()
-                try:
-                    process.wait(5)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+                stop_process(process)
         shutil.rmtree(self.sandbox, ignore_errors=True)
+
+
+def stop_process(process):
+    """SIGTERM, and SIGKILL for a process still there 5 s later."""
+    process.terminate()
+    try:
+        process.wait(5)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
 
 
 def add_objects(path, count):
@@ -311,8 +316,7 @@ def main():
                             max(measured))))
     finally:
         for process in services + [bus]:
-            process.terminate()
-            process.wait()
+            stop_process(process)
         shutil.rmtree(workdir, ignore_errors=True)
     print("| Measure | Result |")
     print("|---|---|")

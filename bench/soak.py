@@ -365,12 +365,7 @@ def main():
         if daemon is not None:
             daemon.stop()
         for process in reversed(processes):
-            process.terminate()
-            try:
-                process.wait(5)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait()
+            run.stop_process(process)
         shutil.rmtree(workdir, ignore_errors=True)
 
 
