@@ -1,7 +1,9 @@
 #include "logging.hpp"
 
+#include <unistd.h>
+
 #include <array>
-#include <iostream>
+#include <cerrno>
 
 namespace hwtopod
 {
@@ -26,9 +28,25 @@ LogLine::LogLine(LogLevel level)
 LogLine::~LogLine()
 {
     stream << '\n';
-    // A failed write to standard error is ignored: there is nowhere else to
-    // report it.
-    std::cerr << stream.str() << std::flush;
+    const std::string text = stream.str();
+    // Written straight to the descriptor: a stream would keep a failed
+    // write as sticky state and drop every later line of every thread. A
+    // failed write costs this line alone; there is nowhere to report it.
+    std::size_t written = 0;
+    while (written < text.size())
+    {
+        const auto result = ::write(STDERR_FILENO, text.data() + written,
+                                    text.size() - written);
+        if (result < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (result <= 0)
+        {
+            return;
+        }
+        written += static_cast<std::size_t>(result);
+    }
 }
 
 } // namespace hwtopod

@@ -7,6 +7,9 @@
 #include "platforms/platformInfo.hpp"
 #include "sandbox.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 
 #include <gmock/gmock.h>
@@ -37,6 +40,31 @@ TEST(LogLine, PrefixBlankTextNewline)
               "[CRITICAL] Exception in io running: x\n"
               "[DEBUG] d\n"
               "[DISABLED] z\n");
+
+    // A write that fails (here: a full non-blocking pipe) costs that line
+    // alone, not every later one.
+    int pipeEnds[2];
+    ASSERT_EQ(pipe2(pipeEnds, O_NONBLOCK), 0);
+    const int savedStderr = dup(STDERR_FILENO);
+    dup2(pipeEnds[1], STDERR_FILENO);
+    const std::string filler(4096, 'x');
+    while (write(pipeEnds[1], filler.data(), filler.size()) > 0 ||
+           write(pipeEnds[1], filler.data(), 1) > 0)
+    {}
+    logInfo() << "lost";
+    std::string drained(filler.size(), '\0');
+    while (read(pipeEnds[0], drained.data(), drained.size()) > 0)
+    {}
+    logInfo() << "kept";
+    std::string text(64, '\0');
+    const auto got = read(pipeEnds[0], text.data(), text.size());
+    dup2(savedStderr, STDERR_FILENO);
+    for (int fd : {savedStderr, pipeEnds[0], pipeEnds[1]})
+    {
+        close(fd);
+    }
+    EXPECT_EQ(text.substr(0, got > 0 ? static_cast<std::size_t>(got) : 0),
+              "[INFO] kept\n");
 }
 
 namespace
