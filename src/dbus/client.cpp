@@ -35,6 +35,13 @@ sdbus::Variant getProperty(const std::string& service, const std::string& path,
     return value;
 }
 
+// A failed call whose reply is ignored reports, as the daemon's log lines
+// quote it, "sd_bus_call noreply" and then the bus error's name and text.
+[[noreturn]] void throwNoReplyError(const sdbus::Error& e)
+{
+    throw Error("sd_bus_call noreply: " + e.getName() + ": " + e.getMessage());
+}
+
 sdbus::MethodCall makeCall(sdbus::IProxy& proxy, const std::string& interface,
                            const std::string& method,
                            const std::vector<Argument>& arguments)
@@ -191,7 +198,7 @@ void callMethod(const std::string& service, const std::string& path,
     }
     catch (const sdbus::Error& e)
     {
-        throw Error(e.what());
+        throwNoReplyError(e);
     }
 }
 
