@@ -57,16 +57,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
             check(hwtopod::isValidObjectPath(
                 "/com/halvex/platform/hardware/psus/" + object->name));
             check(hwtopod::isValidInterfaceName("com.halvex." + object->type));
-            check(object->properties.size() >= 2);
-            check(object->properties[0].first == "Name");
-            for (const auto& [key, value] : object->properties)
-            {
-                check(element.contains(key));
-            }
+            Platform::forEachPsuProperty(
+                element, [&](const std::string& key,
+                             const hwtopod::dbus::PropertyValue& value) {
+                    check(element.contains(key));
+                    check(hwtopod::dbus::signatureOf(value) != "t" ||
+                          element.at(key).is_number());
+                });
         }
-        catch (const nlohmann::json::exception&)
+        catch (const std::exception&)
         {
-            // A value of the wrong JSON type ends the file, as in the daemon.
+            // A value of the wrong JSON type or out of range ends the file,
+            // as in the daemon.
             break;
         }
     }

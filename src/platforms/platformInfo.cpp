@@ -8,6 +8,7 @@
 #include "platformHighvol.hpp"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -123,8 +124,44 @@ std::optional<PsuObject> psuObject(const nlohmann::json& element)
     {
         return std::nullopt;
     }
-    psu.properties.emplace_back("Name", psu.name);
-    psu.properties.emplace_back("Type", psu.type);
+    return psu;
+}
+
+namespace
+{
+std::uint64_t psuNumber(const std::string& key, const nlohmann::json& value)
+{
+    if (value.is_number_unsigned())
+    {
+        return value.get<std::uint64_t>();
+    }
+    // A whole float within range is the number it writes; a negative,
+    // fractional or too large one is refused as a value of the wrong type
+    // is, rather than wrapped or cut to some other address.
+    constexpr double limit = 18446744073709551616.0; // 2^64
+    if (value.is_number_float())
+    {
+        const double number = value.get<double>();
+        if (number >= 0 && number < limit && std::trunc(number) == number)
+        {
+            return static_cast<std::uint64_t>(number);
+        }
+    }
+    if (value.is_number())
+    {
+        throw std::out_of_range(key + " " + value.dump() +
+                                " is no number of the range 0 to 2^64-1");
+    }
+    // The JSON library's own type error, as for the other keys.
+    return value.get<std::uint64_t>();
+}
+} // namespace
+
+void forEachPsuProperty(
+    const nlohmann::json& element,
+    const std::function<void(const std::string& key,
+                             hwtopod::dbus::PropertyValue value)>& add)
+{
     for (const auto& [key, kind] : psuOptionalKeys)
     {
         if (!element.contains(key))
@@ -135,17 +172,16 @@ std::optional<PsuObject> psuObject(const nlohmann::json& element)
         switch (kind)
         {
             case PsuKey::boolean:
-                psu.properties.emplace_back(key, value.get<bool>());
+                add(key, value.get<bool>());
                 break;
             case PsuKey::text:
-                psu.properties.emplace_back(key, value.get<std::string>());
+                add(key, value.get<std::string>());
                 break;
             case PsuKey::number:
-                psu.properties.emplace_back(key, value.get<std::uint64_t>());
+                add(key, psuNumber(key, value));
                 break;
         }
     }
-    return psu;
 }
 
 void Base::platformInfoInit()
@@ -298,10 +334,16 @@ void Base::publishPsuConfigs()
             {
                 continue;
             }
-            for (auto& [key, value] : psu->properties)
-            {
+            interface->registerProperty("Name", psu->name);
+            interface->registerProperty("Type", psu->type);
+            // Each key is converted as it is registered: a value of the
+            // wrong type leaves this interface uninitialised and ends the
+            // file here.
+            forEachPsuProperty(element,
+                               [&](const std::string& key,
+                                   hwtopod::dbus::PropertyValue value) {
                 interface->registerProperty(key, std::move(value));
-            }
+            });
             interface->initialize();
         }
     }

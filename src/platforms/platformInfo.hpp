@@ -4,10 +4,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <functional>
 #include <optional>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace Platform
 {
@@ -20,20 +19,27 @@ std::string readBuildId();
 std::string miniVersionFor(const std::string& templateVersion,
                            const std::string& buildId);
 
-// One PSU object of the PSU file: its Name, its Type and the properties to
-// register, in their order.
+// Where one element of the PSU file is published: its Name and its Type.
 struct PsuObject
 {
     std::string name;
     std::string type;
-    std::vector<std::pair<std::string, hwtopod::dbus::PropertyValue>>
-        properties;
 };
 
-// What one element of the PSU file publishes: nothing for an element that
-// is no object or lacks Name or Type (quietly) or whose Name or Type would
-// leave its place (one ERROR line). Throws nlohmann::json::exception for a
-// value of the wrong JSON type. Needs no bus.
+// Nothing for an element that is no object or lacks Name or Type (quietly)
+// or whose Name or Type would leave its place (one ERROR line). Throws
+// nlohmann::json::exception for a Name or Type that is no string. Needs no
+// bus.
 std::optional<PsuObject> psuObject(const nlohmann::json& element);
+
+// Hands the further keys that the element holds to `add`, in the order they
+// are registered, each converted when it is reached. A value of the wrong
+// JSON type throws nlohmann::json::exception, a number that is no count of
+// 0 to 2^64-1 std::out_of_range naming the key and the value; the keys
+// before it have been handed over by then.
+void forEachPsuProperty(
+    const nlohmann::json& element,
+    const std::function<void(const std::string& key,
+                             hwtopod::dbus::PropertyValue value)>& add);
 
 } // namespace Platform

@@ -61,16 +61,16 @@ TEST_F(Publishing, ServiceObjectsAndPsuFileWithABadElement)
          "DeviceIdentifier": "CRPS", "BaseAddressCrps": 88, "FruId": 1,
          "Location": 1, "Ignored": "x"},
         {"Type": "NoName"},
-        {"Name": "PSU1", "Type": "PowerSupply", "Location": "rear"},
+        {"Name": "PSU1", "Type": "PowerSupply", "BaseAddressCff": 5,
+         "BaseAddressCrps": 8.9e31, "Location": 2},
         {"Name": "PSU2", "Type": "PowerSupply"}
     ])");
     auto log = startService();
     EXPECT_THAT(log, HasSubstr("[INFO] Set mini version:00W\n"));
     EXPECT_THAT(log, HasSubstr("[WARNING] GPIO LOW_SECURITY_JMP_Nnot found\n"));
     EXPECT_THAT(log, HasSubstr("[INFO] Set Chassis HeightU 1\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr("[CRITICAL] Exception in initPsuConfigs : psuConfigFiles "));
+    EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in initPsuConfigs : "
+                               "psuConfigFiles BaseAddressCrps 8.9e+31 "));
     EXPECT_THAT(log, HasSubstr("[INFO] Service is set\n"));
 
     auto version =
@@ -93,7 +93,14 @@ TEST_F(Publishing, ServiceObjectsAndPsuFileWithABadElement)
     EXPECT_EQ(psu.at("BaseAddressCrps").get<std::uint64_t>(), 88U);
     EXPECT_EQ(psu.at("Location").get<std::uint64_t>(), 1U);
 
-    // The element whose Location is no number stops the file there.
+    // The element with a number out of range stops the file there: it is
+    // added with the keys before that one, and never initialised.
+    auto psu1 = platform->findDbusInterface(
+        "/com/halvex/platform/hardware/psus/PSU1", "com.halvex.PowerSupply");
+    ASSERT_TRUE(psu1);
+    EXPECT_TRUE(psu1->hasProperty("BaseAddressCff"));
+    EXPECT_FALSE(psu1->hasProperty("Location"));
+    EXPECT_FALSE(psu1->isInitialized());
     auto objects = test::getManagedObjects(service);
     EXPECT_TRUE(objects.contains(
         sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU0")));
