@@ -169,12 +169,50 @@ std::thread::id Connection::loopThreadId()
     return loopThread;
 }
 
-void Connection::post(std::function<void()> task)
+void Connection::enqueue(std::function<void()> task,
+                         std::function<void(std::exception_ptr)> fail)
 {
-    boost::asio::post(io, [this, task = std::move(task)]() {
+    const auto number = nextTask++;
+    pending.emplace(number, std::move(fail));
+    boost::asio::post(io, [this, number, task = std::move(task)]() {
+        {
+            std::lock_guard lock(inlineMutex);
+            if (pending.erase(number) == 0)
+            {
+                return;
+            }
+        }
         task();
         flush();
     });
+}
+
+void Connection::endLoop()
+{
+    std::map<std::uint64_t, std::function<void(std::exception_ptr)>> failed;
+    {
+        std::lock_guard lock(inlineMutex);
+        loop = LoopState::ended;
+        loopThread = {};
+        failed.swap(pending);
+    }
+    for (auto& [number, fail] : failed)
+    {
+        fail(std::make_exception_ptr(Error(loopEndedText)));
+    }
+}
+
+void Connection::release(const std::function<void()>& function)
+{
+    try
+    {
+        run(function);
+    }
+    catch (const Error&)
+    {
+        std::lock_guard lock(inlineMutex);
+        function();
+    }
 }
 
 void Connection::flush()
@@ -240,16 +278,14 @@ void Connection::runLoop()
     {
         std::lock_guard lock(inlineMutex);
         loopThread = std::this_thread::get_id();
-        loopRunning = true;
+        loop = LoopState::running;
     }
     struct Stopped
     {
         Connection& connection;
         ~Stopped()
         {
-            std::lock_guard lock(connection.inlineMutex);
-            connection.loopRunning = false;
-            connection.loopThread = {};
+            connection.endLoop();
         }
     } stopped{*this};
     boost::asio::post(io, [this]() { process(); });
@@ -266,7 +302,7 @@ Interface::~Interface()
 {
     if (object)
     {
-        connection->run([this]() { object.reset(); });
+        connection->release([this]() { object.reset(); });
     }
 }
 
@@ -298,6 +334,9 @@ bool Interface::initialize()
         }
         translateErrors([this]() {
             object = sdbus::createObject(connection->raw(), objectPath);
+            // Declares the interface even when no property follows, so that
+            // an interface without members still goes on the bus.
+            object->setInterfaceFlags(interfaceName, sdbus::Flags{});
             for (std::size_t i = 0; i < properties.size(); ++i)
             {
                 const auto& [name, value] = properties[i];
@@ -367,7 +406,7 @@ ObjectServer::ObjectServer(std::shared_ptr<Connection> connection) :
 
 ObjectServer::~ObjectServer()
 {
-    connection->run([this]() { root.reset(); });
+    connection->release([this]() { root.reset(); });
 }
 
 std::shared_ptr<Interface> ObjectServer::addInterface(const std::string& path,
@@ -397,7 +436,7 @@ Match::Match(std::shared_ptr<Connection> connection, const std::string& rule,
 
 Match::~Match()
 {
-    connection->run([this]() { slot.reset(); });
+    connection->release([this]() { slot.reset(); });
 }
 
 } // namespace hwtopod::dbus

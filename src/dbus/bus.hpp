@@ -53,8 +53,10 @@ bool isValidMemberName(const std::string& name);
 // and time-out are waited for on that context. Only one thread at a time may
 // use the bus, so every operation goes through run(): on the loop thread it
 // runs at once; from another thread it is handed to the loop and the caller
-// waits; before the loop runs (start-up) or after it has stopped it runs on
-// the calling thread under a lock.
+// waits; before the loop runs (start-up) it runs on the calling thread under
+// a lock. Once the loop has ended, whether stopped or by an exception,
+// nothing would ever run the work handed to it: every caller still waiting
+// and every later one gets an Error at once instead of blocking for good.
 class Connection : public std::enable_shared_from_this<Connection>
 {
   public:
@@ -86,19 +88,32 @@ class Connection : public std::enable_shared_from_this<Connection>
         {
             return function();
         }
+        auto promise = std::make_shared<std::promise<Result>>();
+        auto future = promise->get_future();
         {
             std::unique_lock lock(inlineMutex);
-            if (!loopRunning)
+            if (loop == LoopState::notStarted)
             {
                 return function();
             }
+            if (loop == LoopState::ended)
+            {
+                throw Error(loopEndedText);
+            }
+            // The caller waits on the future, so the function outlives the
+            // task; a task failed at the loop's end is never run.
+            enqueue([promise, &function]() { fulfil(*promise, function); },
+                    [promise](std::exception_ptr error) {
+                promise->set_exception(std::move(error));
+            });
         }
-        auto task = std::make_shared<std::packaged_task<Result()>>(
-            std::forward<F>(function));
-        auto future = task->get_future();
-        post([task]() { (*task)(); });
         return future.get();
     }
+
+    // For the destructors of bus objects: as run(), but once the loop has
+    // ended the function runs on the calling thread under the lock, since no
+    // other thread uses the bus any more.
+    void release(const std::function<void()>& function);
 
     sdbus::IConnection& raw()
     {
@@ -113,7 +128,40 @@ class Connection : public std::enable_shared_from_this<Connection>
     explicit Connection(boost::asio::io_context& io,
                         std::unique_ptr<sdbus::IConnection> bus);
 
-    void post(std::function<void()> task);
+    enum class LoopState
+    {
+        notStarted,
+        running,
+        ended
+    };
+    static constexpr auto loopEndedText = "the D-Bus loop has ended";
+
+    template <typename Result, typename F>
+    static void fulfil(std::promise<Result>& promise, F& function)
+    {
+        try
+        {
+            if constexpr (std::is_void_v<Result>)
+            {
+                function();
+                promise.set_value();
+            }
+            else
+            {
+                promise.set_value(function());
+            }
+        }
+        catch (...)
+        {
+            promise.set_exception(std::current_exception());
+        }
+    }
+
+    // Hands the task to the loop; `fail` is called instead when the loop
+    // ends before the task has started. Called under inlineMutex.
+    void enqueue(std::function<void()> task,
+                 std::function<void(std::exception_ptr)> fail);
+    void endLoop();
     std::thread::id loopThreadId();
     void arm();
     void process();
@@ -124,8 +172,11 @@ class Connection : public std::enable_shared_from_this<Connection>
     std::unique_ptr<sdbus::IConnection> bus;
     std::unique_ptr<Waiter> waiter;
     std::mutex inlineMutex;
-    bool loopRunning = false;
+    LoopState loop = LoopState::notStarted;
     std::thread::id loopThread;
+    // Tasks handed to the loop and not started yet, by number.
+    std::map<std::uint64_t, std::function<void(std::exception_ptr)>> pending;
+    std::uint64_t nextTask = 0;
 };
 
 // One published interface on one path. Properties are registered before

@@ -178,10 +178,26 @@ void Base::serviceInit()
     stateChanged.notify_all();
     connection->requestName(serviceName, 3);
 
-    publishSoftwareConfig();
-    publishLowSecurityJumper();
-    publishChassisDimension();
-    publishPsuConfigs();
+    // A bus failure while one object goes out costs that object alone; the
+    // later ones are still tried.
+    const std::pair<const char*, void (Base::*)()> publications[] = {
+        {"Exception in publishSoftwareConfig: ", &Base::publishSoftwareConfig},
+        {"Exception in publishLowSecurityJumper: ",
+         &Base::publishLowSecurityJumper},
+        {"Exception in publishChassisDimension: ",
+         &Base::publishChassisDimension},
+        {"Exception in publishPsuConfigs: ", &Base::publishPsuConfigs}};
+    for (const auto& [prefix, publish] : publications)
+    {
+        try
+        {
+            (this->*publish)();
+        }
+        catch (const std::exception& e)
+        {
+            logCritical() << prefix << e.what();
+        }
+    }
 
     serviceSetup();
     {
@@ -218,6 +234,13 @@ void Base::serviceRun()
 
 void Base::waitForObjectServer()
 {
+    // No limit of our own. The object server comes right after the bus
+    // connection, so only a bus that never answers holds this up: serviceInit
+    // then fails when the bus gives up or closes, and the process ends; a bus
+    // that stays silent leaves the name unclaimed, and the unit (Type=dbus)
+    // is restarted after its start time-out. Going on without the object
+    // server would lose this thread's publications for the life of the
+    // process, and a second time-out here would only race the unit's.
     std::unique_lock lock(stateMutex);
     stateChanged.wait(lock, [this]() { return objectServer != nullptr; });
 }

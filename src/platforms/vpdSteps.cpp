@@ -262,14 +262,23 @@ void Base::matchVpdd()
     }
     // The old match, if any, goes before the new one is stored.
     dbusMatches.erase("matchVpdd");
-    dbusMatches["matchVpdd"] = std::make_unique<hwtopod::dbus::Match>(
-        connection, vpdMatchRule,
-        [this](const std::string& path,
-               const hwtopod::InterfaceProperties& interfaces) {
-        discoveryWorker->post([this, path, interfaces]() {
-            onVpdInterfacesAdded(path, interfaces);
-        });
-        });
+    try
+    {
+        dbusMatches["matchVpdd"] = std::make_unique<hwtopod::dbus::Match>(
+            connection, vpdMatchRule,
+            [this](const std::string& path,
+                   const hwtopod::InterfaceProperties& interfaces) {
+            discoveryWorker->post([this, path, interfaces]() {
+                onVpdInterfacesAdded(path, interfaces);
+            });
+            });
+    }
+    catch (const std::exception& e)
+    {
+        // Without the match a first start stays without discovery, as with
+        // missing rule files; the service itself goes on.
+        logCritical() << "Exception in matchVpdd: " << e.what();
+    }
 }
 
 void Base::onVpdInterfacesAdded(const std::string& path,

@@ -5,6 +5,12 @@
 #include "process.hpp"
 #include "sandbox.hpp"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -110,6 +116,36 @@ TEST(Daemon, ExitsWhenItCannotServe)
         EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
         EXPECT_THAT(daemon.standardError(),
                     HasSubstr("[CRITICAL] Exception in serviceInit: "));
+    }
+    {
+        // A bus that accepts and never answers holds start-up, the hardware
+        // thread's wait for the object server included, until it closes; then
+        // the process ends instead of waiting on.
+        const auto socketPath = root / "silent";
+        const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, socketPath.c_str(),
+                     sizeof(address.sun_path) - 1);
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address),
+                       sizeof(address)),
+                  0);
+        ASSERT_EQ(listen(listener, 1), 0);
+        auto environment = sandboxEnvironment(root);
+        environment["DBUS_SYSTEM_BUS_ADDRESS"] =
+            "unix:path=" + socketPath.string();
+        test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
+                             environment);
+        const int peer = accept(listener, nullptr, nullptr);
+        ASSERT_GE(peer, 0);
+        EXPECT_TRUE(daemon.running());
+        close(peer);
+        close(listener);
+        EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
+        EXPECT_THAT(daemon.standardError(),
+                    HasSubstr("[CRITICAL] Exception in serviceInit: "));
+        EXPECT_THAT(daemon.standardError(),
+                    testing::Not(HasSubstr("platform information added")));
     }
     {
         // The name is held by a process that does not let it go.

@@ -5,8 +5,12 @@
 #include "privateBus.hpp"
 #include "sandbox.hpp"
 
+#include <boost/asio/post.hpp>
+
 #include <condition_variable>
+#include <future>
 #include <mutex>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -38,10 +42,15 @@ class Publishing : public testing::Test
     }
 
     // serviceInit and serviceRun of a fresh platform; returns their log.
-    std::string startService()
+    std::string startService(
+        const std::function<void(Platform::Kelvane1u&)>& prepare = {})
     {
         CaptureStderr();
         platform = std::make_unique<Platform::Kelvane1u>();
+        if (prepare)
+        {
+            prepare(*platform);
+        }
         platform->serviceInit();
         platform->serviceRun();
         return GetCapturedStderr();
@@ -138,6 +147,14 @@ TEST_F(Publishing, JsonValuesBecomeTypedProperties)
         platform->addJsonProperty(interface, key, value);
     }
     interface->initialize();
+    // Every key dropped: the interface still goes out, empty.
+    auto empty =
+        platform->addDbusInterface("/chassis/empty", "com.halvex.hwtopod.test");
+    platform->addJsonProperty(empty, "Nested", values.at("Nested"));
+    EXPECT_TRUE(empty->initialize());
+    EXPECT_TRUE(test::getManagedObjects(service)
+                    .at(sdbus::ObjectPath("/chassis/empty"))
+                    .contains("com.halvex.hwtopod.test"));
     auto log = GetCapturedStderr();
     EXPECT_THAT(log, HasSubstr("[WARNING] dbus format error[1,-1]\n"));
     EXPECT_THAT(
@@ -244,4 +261,52 @@ TEST_F(Publishing, UpdatesAreSignalledAndPropertiesAreReadOnly)
                                 "com.halvex.hwtopod.hardware", "MaxCpu")
                   .get<std::uint32_t>(),
               2U);
+}
+
+TEST_F(Publishing, FailuresCostTheirObjectAndAnEndedLoopFailsItsCallers)
+{
+    // A string the bus refuses makes the software configuration's
+    // publication fail; the objects after it are still published.
+    auto log = startService([](Platform::Kelvane1u& machine) {
+        machine.miniVersion = "01\xff";
+    });
+    EXPECT_THAT(log,
+                HasSubstr("[CRITICAL] Exception in publishSoftwareConfig: "));
+    EXPECT_THAT(log, HasSubstr("[INFO] Service is set\n"));
+    auto chassis = platform->findDbusInterface(
+        "/com/halvex/platform/hardware/chassis",
+        "xyz.openbmc_project.Inventory.Decorator.Dimension");
+    ASSERT_TRUE(chassis);
+    EXPECT_TRUE(chassis->isInitialized());
+
+    // The loop ends by an exception while a call from another thread waits
+    // for it: that call, and every later one, fails at once.
+    std::promise<void> entered;
+    std::promise<void> release;
+    boost::asio::post(platform->io, [&]() {
+        entered.set_value();
+        release.get_future().wait();
+        throw std::runtime_error("handler failed");
+    });
+    entered.get_future().wait();
+    CaptureStderr();
+    auto waiting = std::async(std::launch::async, [&]() {
+        return chassis->isInitialized();
+    });
+    // Not a condition of the test: both orders must fail the call, this
+    // pause only makes it likely that the call is queued behind the handler.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    release.set_value();
+    platform->ioThread->join();
+    EXPECT_THROW(waiting.get(), dbus::Error);
+    EXPECT_THROW(chassis->setProperty("HeightU", std::int32_t{2}), dbus::Error);
+    // A match that cannot be installed is logged; the caller goes on.
+    platform->backplanesData = std::make_shared<nlohmann::json>();
+    platform->trdBackplanes = platform->backplanesData;
+    platform->matchVpdd();
+    log = GetCapturedStderr();
+    EXPECT_THAT(
+        log, HasSubstr("[CRITICAL] Exception in io running: handler failed\n"));
+    EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in matchVpdd: the D-Bus "
+                               "loop has ended\n"));
 }
