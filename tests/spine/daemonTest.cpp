@@ -138,14 +138,11 @@ TEST(Daemon, ExitsWhenItCannotServe)
                              environment);
         const int peer = accept(listener, nullptr, nullptr);
         ASSERT_GE(peer, 0);
-        EXPECT_TRUE(daemon.running());
         close(peer);
         close(listener);
         EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
         EXPECT_THAT(daemon.standardError(),
                     HasSubstr("[CRITICAL] Exception in serviceInit: "));
-        EXPECT_THAT(daemon.standardError(),
-                    testing::Not(HasSubstr("platform information added")));
     }
     {
         // The name is held by a process that does not let it go.

@@ -242,10 +242,6 @@ TEST_F(Publishing, UpdatesAreSignalledAndPropertiesAreReadOnly)
 
     auto hardware = test::getAllProperties(
         service, "/com/halvex/platform/basecfg", "com.halvex.hwtopod.hardware");
-    EXPECT_EQ(hardware.at("PlatformName").get<std::string>(), "kp100nx");
-    EXPECT_EQ(hardware.at("MaxCpu").peekValueType(), "u");
-    EXPECT_EQ(hardware.at("MaxFanMod").get<std::uint32_t>(), 8U);
-    EXPECT_EQ(hardware.at("HardwareRevision").get<std::uint64_t>(), 1U);
     EXPECT_EQ(hardware.size(), 14U);
 
     auto other = sdbus::createSystemBusConnection();
