@@ -39,9 +39,14 @@ const std::vector<std::string> resultFiles = {
 Json registryMessages(Json& errors)
 {
     const auto path = rootPath(dataFile("EventRegistry.1.0.0.json"));
+    std::ifstream stream(path);
+    if (!stream)
+    {
+        errors.push_back(path + ": " + std::strerror(errno));
+        return Json::object();
+    }
     try
     {
-        std::ifstream stream(path);
         auto messages = Json::parse(stream).at("Messages");
         if (messages.is_object())
         {
