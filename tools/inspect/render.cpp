@@ -264,8 +264,8 @@ std::string render(const Json& document)
     {
         if (event["problem"] == true)
         {
-            out << "  " << text(event["id"]) << "  " << text(event["text"])
-                << "\n";
+            out << "  " << text(event["id"]) << "  " << text(event["severity"])
+                << ": " << text(event["text"]) << "\n";
         }
     }
     section(out, "Other events");
