@@ -195,19 +195,6 @@ TEST(Events, RiserCableRecordsBuildTheirText)
     }
 }
 
-TEST(Events, ChassisClosedRecord)
-{
-    JournalReader reader;
-    sendChassisClosedEvent("Vantarack");
-    auto records = written(reader, 1);
-    ASSERT_EQ(records.size(), 1U);
-    EXPECT_EQ(records[0].at("REDFISH_MESSAGE_ID"), prefix + "TKRMBSE2000I");
-    EXPECT_EQ(records[0].at("PRIORITY"), "4");
-    EXPECT_EQ(records[0].at("MESSAGE"), message::chassisClosed);
-    EXPECT_EQ(args(records[0]), "Vantarack");
-    EXPECT_EQ(records[0].at("CODE_FUNC"), "remedyChassisCloseEvent");
-}
-
 // What a Redfish event log makes of the records: every record any emitter
 // writes, in every shape, must have its message in the shipped registry with
 // as many arguments as the record carries ("::"-separated; none for an absent
