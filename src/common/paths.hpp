@@ -12,8 +12,8 @@ namespace hwtopod
 std::string rootPath(std::string_view absolutePath);
 
 // Where the machine's rule files, PSU configuration and event registry are
-// installed, whatever the build's prefix: the image's other services look for
-// them here too.
+// read from. A fixed place, not the build's prefix: meson install puts them
+// here, and an image recipe knows where to find them.
 inline constexpr std::string_view dataDirectory =
     "/usr/share/vantarack-bmc-apps/hwtopod/";
 
