@@ -143,9 +143,10 @@ def build_vpdd(scenario, sandbox):
 def build_root(scenario, root, data_dir):
     rules = os.path.join(root, RULE_DIR)
     os.makedirs(rules, exist_ok=True)
-    for name in sorted(os.listdir(data_dir)):
-        if name.endswith(".json"):
-            shutil.copy(os.path.join(data_dir, name), rules)
+    for directory in (data_dir, os.path.join(data_dir, "registries")):
+        for name in sorted(os.listdir(directory)):
+            if name.endswith(".json"):
+                shutil.copy(os.path.join(directory, name), rules)
     for name, given in scenario.get("rules", {}).items():
         target = os.path.join(rules, name)
         if given is None:

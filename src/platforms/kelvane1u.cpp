@@ -38,10 +38,9 @@ Kelvane1u::Kelvane1u()
     maxFrontM2 = 0;
     maxRearM2 = 1;
     maxInternalM2 = 1;
-    backplanesFile =
-        "/usr/share/vantarack-bmc-apps/hwtopod/bhs_backplanes.json";
-    risersFile = "/usr/share/vantarack-bmc-apps/hwtopod/bhs_risers.json";
-    psuConfigFiles = "/usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json";
+    backplanesFile = hwtopod::dataFile("bhs_backplanes.json");
+    risersFile = hwtopod::dataFile("bhs_risers.json");
+    psuConfigFiles = hwtopod::dataFile("bhs_2p_2psus.json");
     daisyCardVpdPath = "/com/halvex/vpdd/phy_card_vpd";
     daisyCardFruName = "Mgt_Switch_Card";
 }

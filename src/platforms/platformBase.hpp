@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/logging.hpp"
+#include "common/paths.hpp"
 #include "common/records.hpp"
 #include "common/types.hpp"
 #include "common/worker.hpp"
@@ -153,8 +154,7 @@ class Base
     // Machine definition.
     std::string codeName;
     std::string platformName = "Platform Prototype";
-    std::string backplanesFile =
-        "/usr/share/vantarack-bmc-apps/hwtopod/bhs_backplanes.json";
+    std::string backplanesFile = hwtopod::dataFile("bhs_backplanes.json");
     std::string risersFile;
     std::string powerBackplanesFiles;
     std::string psuConfigFiles;

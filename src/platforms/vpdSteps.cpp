@@ -10,6 +10,7 @@
 // never waits on discovery. On a restart only waitForVpd starts discovery,
 // with everything the service holds; see onVpdInterfacesAdded.
 #include "common/names.hpp"
+#include "common/paths.hpp"
 #include "common/sleep.hpp"
 #include "dbus/client.hpp"
 #include "platformHighvol.hpp"
@@ -202,8 +203,7 @@ void checkDaisyCard(const Base& platform, const std::string& path)
 
 int Base::loadTrd()
 {
-    bpTrdRulesFile =
-        "/usr/share/vantarack-bmc-apps/hwtopod/kelvane80_1u_pass1_trd.json";
+    bpTrdRulesFile = hwtopod::dataFile("kelvane80_1u_pass1_trd.json");
     bpTrdRules =
         rules::loadRuleFile("bpTrdRules", bpTrdRulesFile, rules::TopLevel::any);
     if (bpTrdRules)

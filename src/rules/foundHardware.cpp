@@ -2,15 +2,58 @@
 #include "common/paths.hpp"
 #include "rules/rules.hpp"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 namespace hwtopod::rules
 {
+
+namespace
+{
+// Writes a new file and waits until it is on storage: renamed over the old
+// one before that, a power cut could leave an empty file in its place.
+bool writeToStorage(const std::filesystem::path& path, const std::string& text)
+{
+    const int fd =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+    {
+        return false;
+    }
+    bool good = true;
+    for (std::size_t done = 0; good && done < text.size();)
+    {
+        const ssize_t count =
+            ::write(fd, text.data() + done, text.size() - done);
+        if (count < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        good = count > 0;
+        done += good ? static_cast<std::size_t>(count) : 0;
+    }
+    good = good && ::fsync(fd) == 0;
+    return ::close(fd) == 0 && good;
+}
+
+// The rename is on storage once its directory is. A file system that cannot
+// sync a directory still has the new file whole, so a failure is not reported.
+void syncDirectory(const std::filesystem::path& directory)
+{
+    const int fd =
+        ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0)
+    {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+} // namespace
 
 void appendFound(nlohmann::json& document, const std::string& key,
                  nlohmann::json record)
@@ -44,20 +87,16 @@ bool saveFoundHardware(const nlohmann::json& document,
     try
     {
         const std::string text = foundHardwareText(document);
-        {
-            std::ofstream stream(temporary, std::ios::binary | std::ios::trunc);
-            if (stream.good())
-            {
-                stream << text;
-                stream.flush();
-                written = stream.good();
-            }
-        }
+        written = writeToStorage(temporary, text);
         if (written)
         {
             std::error_code error;
             std::filesystem::rename(temporary, target, error);
             written = !error;
+        }
+        if (written)
+        {
+            syncDirectory(target.parent_path());
         }
     }
     catch (const std::exception&)

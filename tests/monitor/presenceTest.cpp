@@ -132,6 +132,8 @@ TEST_F(SandboxTest, ChassisCloseSentOnceWhenTheStateReadsOne)
               "EventRegistry.1.0.TKRMBSE2000I");
     EXPECT_EQ(events[0].at("REDFISH_MESSAGE_ARGS"), "Vantarack");
     EXPECT_EQ(events[0].at("PRIORITY"), "4");
+    EXPECT_EQ(events[0].at("MESSAGE"), hwtopod::message::chassisClosed);
+    EXPECT_EQ(events[0].at("CODE_FUNC"), "remedyChassisCloseEvent");
 
     std::filesystem::remove_all(hwmon);
     {

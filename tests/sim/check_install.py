@@ -1,11 +1,14 @@
 #!/usr/bin/env python3
 """Installs the build into a fresh DESTDIR and checks the tree a BMC image
-recipe would package: the binaries, the rule files, the systemd unit with its
-start status helper, the tmpfiles.d entry, and nothing of the simulator.
+recipe would package: the binaries, the rule files and event registry where
+the daemon reads them, the systemd unit with its start status helper, the
+tmpfiles.d entry, and nothing of the simulator (the FPGA library stand-in
+included).
 
-Usage: check_install.py <build dir> <source dir> <prefix> <bindir> <libexecdir> <datadir>
+Usage: check_install.py <build dir> <source dir> <prefix> <bindir> <libexecdir>
 """
 
+import json
 import os
 import stat
 import subprocess
@@ -13,7 +16,8 @@ import sys
 import tempfile
 import unittest
 
-BUILD, SOURCE, PREFIX, BINDIR, LIBEXECDIR, DATADIR = sys.argv[1:7]
+BUILD, SOURCE, PREFIX, BINDIR, LIBEXECDIR = sys.argv[1:6]
+RULE_DIR = "usr/share/vantarack-bmc-apps/hwtopod"
 
 
 def under(root, *parts):
@@ -48,14 +52,42 @@ class InstalledTree(unittest.TestCase):
     def test_binaries_and_rule_files(self):
         self.assertExecutable(under(self.root, BINDIR, "hwtopod"))
         self.assertExecutable(under(self.root, BINDIR, "hwtopod-inspect"))
-        rules = under(self.root, DATADIR, "vantarack-bmc-apps/hwtopod")
-        shipped = sorted(n for n in os.listdir(os.path.join(SOURCE, "data"))
-                         if n.endswith(".json"))
-        self.assertEqual(sorted(os.listdir(rules)), shipped)
-        for name in shipped:
+        # The daemon's fixed directory, whatever the prefix.
+        rules = os.path.join(self.root, RULE_DIR)
+        shipped = {n: os.path.join(SOURCE, d, n)
+                   for d in ("data", "data/registries")
+                   for n in os.listdir(os.path.join(SOURCE, d))
+                   if n.endswith(".json")}
+        self.assertEqual(sorted(os.listdir(rules)), sorted(shipped))
+        for name, source_path in shipped.items():
             with open(os.path.join(rules, name), "rb") as installed, \
-                    open(os.path.join(SOURCE, "data", name), "rb") as source:
+                    open(source_path, "rb") as source:
                 self.assertEqual(installed.read(), source.read(), name)
+        dynamic = subprocess.run(
+            ["readelf", "-d", under(self.root, BINDIR, "hwtopod")],
+            check=True, capture_output=True, text=True).stdout
+        self.assertIn("[libfpga.so.0]", dynamic)
+        self.assertNotIn(BUILD, dynamic)
+
+    def test_inspector_status_without_the_daemon(self):
+        # No bus to ask, and a result file cut short: the report is no
+        # picture of the daemon, and the status says so.
+        results = os.path.join(self.root, "var/configuration")
+        os.makedirs(results, exist_ok=True)
+        with open(os.path.join(results, "risers_found.json"), "w") as f:
+            f.write('{"risers": [')
+        env = dict(os.environ, HWTOPOD_ROOT=self.root,
+                   DBUS_SYSTEM_BUS_ADDRESS="unix:path=" + self.root + "/none")
+        run = subprocess.run(
+            [under(self.root, BINDIR, "hwtopod-inspect"), "--json"],
+            env=env, capture_output=True, text=True)
+        self.assertEqual(run.returncode, 1, run.stderr)
+        self.assertIn("com.halvex.hwtopod is not on the system bus",
+                      run.stderr)
+        self.assertIn("cannot read " + results + "/risers_found.json",
+                      run.stderr)
+        # The installed registry is where the inspector looks for it.
+        self.assertNotIn("EventRegistry", json.dumps(json.loads(run.stdout)))
 
     def test_unit_starts_the_installed_daemon(self):
         unit = self.unit()
@@ -101,7 +133,7 @@ class InstalledTree(unittest.TestCase):
     def test_nothing_of_the_simulator_or_the_tests(self):
         for path in self.files:
             name = os.path.basename(path)
-            self.assertFalse(name.startswith("libgpiod"), path)
+            self.assertFalse(name.startswith(("libgpiod", "libfpga")), path)
             self.assertNotIn(name, ("vpdd", "hwtopod-sim-pwrmgt",
                                     "liquid-cooling"), path)
             self.assertFalse(name.endswith("-test"), path)

@@ -1,3 +1,4 @@
+#include "common/paths.hpp"
 #include "inspect.hpp"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -5,13 +6,16 @@
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -30,15 +34,32 @@ constexpr const char* messageIdPrefix = "EventRegistry.1.0.";
 const std::vector<std::string> resultFiles = {
     "backplanes_found.json", "risers_found.json", "midplanes_found.json"};
 
-// An absolute path as the daemon sees it: below HWTOPOD_ROOT when set.
-std::filesystem::path rooted(const std::string& absolute)
+// The message registry of the daemon's records, installed beside its rule
+// files; an empty one, with the reason under errors, when it cannot be read.
+Json registryMessages(Json& errors)
 {
-    const char* root = std::getenv("HWTOPOD_ROOT");
-    if (root == nullptr || *root == '\0')
+    const auto path = rootPath(dataFile("EventRegistry.1.0.0.json"));
+    std::ifstream stream(path);
+    if (!stream)
     {
-        return absolute;
+        errors.push_back(path + ": " + std::strerror(errno));
+        return Json::object();
     }
-    return std::filesystem::path(root) / absolute.substr(1);
+    try
+    {
+        auto messages = Json::parse(stream).at("Messages");
+        if (messages.is_object())
+        {
+            return messages;
+        }
+    }
+    catch (const Json::exception& e)
+    {
+        errors.push_back(path + ": " + e.what());
+        return Json::object();
+    }
+    errors.push_back(path + ": no message table");
+    return Json::object();
 }
 
 template <typename T>
@@ -117,7 +138,7 @@ std::string interfacesOf(const std::map<std::string, Properties>& interfaces)
 // Where /dev/<name> points, with the bus number of an "i2c-N" target.
 Json i2cLink(const std::string& name)
 {
-    const auto link = rooted("/dev/" + name);
+    const auto link = rootPath("/dev/" + name);
     Json result = {{"link", "/dev/" + name}};
     std::error_code error;
     const auto target = std::filesystem::read_symlink(link, error);
@@ -192,7 +213,7 @@ std::vector<std::string> splitArgs(const std::string& text)
 }
 
 // The daemon's Redfish records: this process, this boot, since it started.
-Json journalEvents(pid_t pid, Json& errors)
+Json journalEvents(pid_t pid, const Json& messages, Json& errors)
 {
     Json events = Json::array();
     sd_journal* journal = nullptr;
@@ -257,8 +278,13 @@ Json journalEvents(pid_t pid, Json& errors)
             event["args"] = nullptr;
         }
         event["priority"] = std::atoi(fields["PRIORITY"].c_str());
-        event["text"] = describeEvent(shortId, argList);
-        event["problem"] = isProblem(shortId);
+        const auto message = messages.find(shortId);
+        const auto known = message != messages.end();
+        event["text"] = describeEvent(known ? *message : Json(), argList);
+        event["severity"] = known ? message->value("MessageSeverity", Json())
+                                  : Json();
+        // An event the registry does not know is shown with the problems.
+        event["problem"] = event["severity"] != "OK";
         events.push_back(event);
     }
     sd_journal_close(journal);
@@ -391,6 +417,7 @@ Json collect(const Options& options)
     Json document = {{"service", {{"name", options.service}}},
                      {"errors", Json::array()}};
     Json& errors = document["errors"];
+    Json failures = Json::array();
 
     ManagedObjects objects;
     std::optional<pid_t> pid = options.pid;
@@ -411,11 +438,14 @@ Json collect(const Options& options)
     catch (const sdbus::Error& e)
     {
         errors.push_back("D-Bus: " + e.getName() + ": " + e.getMessage());
+        failures.push_back(
+            options.service + " is not on the system bus: " + e.getMessage());
     }
     document["service"]["onBus"] = onBus;
     document["service"]["pid"] = pid ? Json(*pid) : Json(nullptr);
 
-    Json events = pid ? journalEvents(*pid, errors) : Json::array();
+    const auto messages = registryMessages(errors);
+    Json events = pid ? journalEvents(*pid, messages, errors) : Json::array();
 
     // Platform facts.
     Json platform = Json::object();
@@ -549,20 +579,28 @@ Json collect(const Options& options)
     Json files = Json::object();
     for (const auto& file : resultFiles)
     {
-        std::ifstream stream(rooted("/var/configuration/" + file));
-        if (!stream)
+        // A file that is not there has not been written yet, or not at all
+        // on this machine (midplanes); one that is there must be readable.
+        const auto path = rootPath("/var/configuration/" + file);
+        files[file] = nullptr;
+        std::error_code error;
+        if (!std::filesystem::exists(path, error) && !error)
         {
-            files[file] = nullptr;
             continue;
         }
+        std::ifstream stream(path);
         try
         {
+            if (!stream)
+            {
+                throw std::runtime_error(std::strerror(errno));
+            }
             files[file] = Json::parse(stream);
         }
-        catch (const Json::exception& e)
+        catch (const std::exception& e)
         {
-            files[file] = nullptr;
             errors.push_back(file + ": " + e.what());
+            failures.push_back("cannot read " + path + ": " + e.what());
         }
     }
     document["resultFiles"] = files;
@@ -577,6 +615,7 @@ Json collect(const Options& options)
         }
     }
     document["problems"] = problems;
+    document["failures"] = failures;
     return document;
 }
 

@@ -10,6 +10,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace hwtopod::inspect
 {
@@ -23,17 +24,17 @@ struct Options
 };
 
 // Everything known of the daemon and the machine; parts that could not be
-// read are null and say why under "errors".
+// read are null and say why under "errors". What makes the report unfit to
+// rely on (the daemon not on the bus, a result file there but unreadable) is
+// also listed under "failures".
 nlohmann::json collect(const Options& options);
 
 // The readable picture of a collected document.
 std::string render(const nlohmann::json& document);
 
-// A journal record's arguments as a readable sentence, from its short id.
-std::string describeEvent(const std::string& id,
+// A record's message from its entry in the event message registry, %1 to %n
+// replaced by its arguments; without an entry, the arguments as they are.
+std::string describeEvent(const nlohmann::json& message,
                           const std::vector<std::string>& args);
-
-// Whether an event reports a problem rather than a plain fact.
-bool isProblem(const std::string& id);
 
 } // namespace hwtopod::inspect

@@ -5,14 +5,18 @@
 // Reads the daemon's objects from the system bus, its result files in
 // /var/configuration (below HWTOPOD_ROOT when that is set), its I2C links in
 // /dev and its event records in the journal, and prints them as text or, with
-// --json, as one JSON document.
+// --json, as one JSON document. The status is 1, with the reasons on standard
+// error after the report, when the daemon is not on the bus or a result file
+// it wrote cannot be read: the report is then not the daemon's picture.
 
 #include "inspect.hpp"
 
-#include <cstdlib>
+#include <charconv>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <string_view>
+#include <system_error>
 
 namespace
 {
@@ -36,7 +40,16 @@ int main(int argc, char** argv)
         }
         else if (arg == "--pid" && i + 1 < argc)
         {
-            options.pid = static_cast<pid_t>(std::atoi(argv[++i]));
+            const std::string_view text = argv[++i];
+            pid_t pid = 0;
+            const auto [end, error] =
+                std::from_chars(text.data(), text.data() + text.size(), pid);
+            if (error != std::errc() || end != text.data() + text.size() ||
+                pid <= 0)
+            {
+                return usage();
+            }
+            options.pid = pid;
         }
         else if (arg == "--service" && i + 1 < argc)
         {
@@ -57,6 +70,16 @@ int main(int argc, char** argv)
         else
         {
             std::cout << hwtopod::inspect::render(document);
+        }
+        std::cout.flush();
+        for (const auto& failure : document["failures"])
+        {
+            std::cerr << "hwtopod-inspect: " << failure.get<std::string>()
+                      << "\n";
+        }
+        if (!document["failures"].empty())
+        {
+            return 1;
         }
     }
     catch (const std::exception& e)

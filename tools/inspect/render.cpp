@@ -1,6 +1,7 @@
 #include "inspect.hpp"
 
-#include <map>
+#include <cctype>
+#include <charconv>
 #include <sstream>
 
 namespace hwtopod::inspect
@@ -10,41 +11,6 @@ namespace
 {
 
 using Json = nlohmann::json;
-
-// Sentences by short id; {n} is argument n.
-const std::map<std::string, std::string>& sentences()
-{
-    static const std::map<std::string, std::string> table = {
-        {"TKRMBIO0000I", "{0}: connected"},
-        {"TKRMBIO2000J", "{0}: disconnected"},
-        {"TKRMBIO0034I", "{1} {2} connected through power connector {0}"},
-        {"TKRMBIO0032I", "{0} {1} installed"},
-        {"TKRMBIO0033I", "{0} {1} removed"},
-        {"TKRMBPR0003I", "front panel present"},
-        {"TKRMBPR2003I", "front panel absent"},
-        {"TKRMBUN0026I", "low security jumper fitted"},
-        {"TKRMBUN2026I", "low security jumper not fitted"},
-        {"TKRMBIO0035G", "{0} sits in the wrong location"},
-        {"TKRMBIO0036G", "{0}: signal cables misconnected, should be {1}"},
-        {"TKRMBIO0037G", "{0}: signal cable misconnected, should go {1}"},
-        {"TKRMBCP0001G", "{0} does not fit the system"},
-        {"TKRMBSS0012G", "{1} is not detected by the {0}"},
-        {"TKRMBPU0009N", "CPU {0} configuration mismatch"},
-        {"TKRMBPU0015G", "processor feature flags differ from CPU 1"},
-        {"TKRMBIO0038G", "{0}: signal cable not connected, belongs on {1}"},
-        {"TKRMBIO0039G", "{0}: signal cable on {1}, belongs on {2}"},
-        {"TKRMBIO0040G", "{1}: cable {0} not connected, belongs on {2}"},
-        {"TKRMBIO0041G", "{1}: cable {0} on {2}, belongs on {3}"},
-        {"TKRMBPW0129N", "CPU {0} voltage regulator fault on {1}"},
-        {"TKRMBPW0131N", "power fault on {0}"},
-        {"TKRMBPW0132N", "fan {0} power fault"},
-        {"TKRMBPW0133N", "standby power of the board not ready"},
-        {"TKRMBPU0001N", "CPU {0} thermal trip"},
-        {"TKRMBPU2001I", "CPU {0} thermal trip ended"},
-        {"TKRMBSE2000I", "chassis of {0} closed"},
-    };
-    return table;
-}
 
 std::string text(const Json& value)
 {
@@ -219,42 +185,41 @@ void renderPresence(std::ostringstream& out, const Json& presence)
 
 } // namespace
 
-std::string describeEvent(const std::string& id,
+std::string describeEvent(const Json& message,
                           const std::vector<std::string>& args)
 {
-    auto found = sentences().find(id);
     std::string sentence;
-    if (found == sentences().end())
+    if (!message.is_object() || !message.contains("Message") ||
+        !message["Message"].is_string())
     {
         for (const auto& arg : args)
         {
-            sentence += (sentence.empty() ? "" : ", ") + arg;
+            sentence += (sentence.empty() ? "" : "::") + arg;
         }
         return sentence;
     }
-    const auto& pattern = found->second;
+    const auto pattern = message["Message"].get<std::string>();
     for (std::size_t i = 0; i < pattern.size(); ++i)
     {
-        if (pattern[i] == '{' && i + 2 < pattern.size() &&
-            pattern[i + 2] == '}')
+        std::size_t end = i + 1;
+        while (end < pattern.size() && end - i <= 2 &&
+               std::isdigit(static_cast<unsigned char>(pattern[end])) != 0)
         {
-            const auto index = static_cast<std::size_t>(pattern[i + 1] - '0');
-            sentence += index < args.size() ? args[index] : "?";
-            i += 2;
+            ++end;
         }
-        else
+        unsigned number = 0;
+        if (pattern[i] != '%' || std::from_chars(pattern.data() + i + 1,
+                                                 pattern.data() + end, number)
+                                         .ec != std::errc())
         {
             sentence += pattern[i];
+            continue;
         }
+        sentence +=
+            number >= 1 && number <= args.size() ? args[number - 1] : "?";
+        i = end - 1;
     }
     return sentence;
-}
-
-bool isProblem(const std::string& id)
-{
-    // The severity letter at the end: I informational, the others call for
-    // attention (G configuration, N fault, J disconnection).
-    return !id.empty() && id.back() != 'I';
 }
 
 std::string render(const Json& document)
@@ -299,8 +264,8 @@ std::string render(const Json& document)
     {
         if (event["problem"] == true)
         {
-            out << "  " << text(event["id"]) << "  " << text(event["text"])
-                << "\n";
+            out << "  " << text(event["id"]) << "  " << text(event["severity"])
+                << ": " << text(event["text"]) << "\n";
         }
     }
     section(out, "Other events");
