@@ -51,6 +51,17 @@ std::string readFile(const std::filesystem::path& file)
     return text.str();
 }
 
+std::size_t countInText(const std::string& text, const std::string& part)
+{
+    std::size_t found = 0;
+    for (auto at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + part.size()))
+    {
+        ++found;
+    }
+    return found;
+}
+
 namespace
 {
 std::filesystem::path fromEnvironment(const char* name)

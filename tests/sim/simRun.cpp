@@ -140,17 +140,6 @@ std::string log(const json& report)
     return text;
 }
 
-std::size_t occurrences(const std::string& text, const std::string& part)
-{
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + 1))
-    {
-        ++count;
-    }
-    return count;
-}
-
 const json* riser(const json& report, unsigned number)
 {
     for (const auto& entry : report["risers"])

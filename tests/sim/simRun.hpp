@@ -53,8 +53,6 @@ std::vector<std::string> votes(const nlohmann::json& report);
 // The daemon's log, one line each.
 std::string log(const nlohmann::json& report);
 
-std::size_t occurrences(const std::string& text, const std::string& part);
-
 // The riser entry of the report with that number, or null.
 const nlohmann::json* riser(const nlohmann::json& report, unsigned number);
 

@@ -210,7 +210,7 @@ TEST_F(Simulator, RestartWaitsForALateVpdService)
     const auto& report = run.report;
     expectHealthyMachine(report);
     // The service comes 12 s after the daemon, which asks every 5 s.
-    EXPECT_GE(occurrences(log(report), "VPDD is not ready, delay 5 seconds"),
+    EXPECT_GE(countInText(log(report), "VPDD is not ready, delay 5 seconds"),
               2U);
     EXPECT_THAT(report["simulation"]["vpdd"],
                 Contains("call GetManagedObjects"));
