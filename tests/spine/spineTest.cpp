@@ -132,8 +132,7 @@ TEST(MiniVersion, FollowsTheParityOfTheBuild)
 
 TEST(MiniVersion, BuildIdComesFromOsRelease)
 {
-    test::TempDir root;
-    setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
+    test::SandboxRoot root;
     EXPECT_EQ(Platform::readBuildId(), "QDM413B") << "no file";
 
     test::writeFile(
@@ -144,7 +143,6 @@ TEST(MiniVersion, BuildIdComesFromOsRelease)
     EXPECT_EQ(Platform::readBuildId(), "QDM502C");
     test::writeFile(root / "etc/os-release", " HALVEX_BUILDID=QDM502C\n");
     EXPECT_EQ(Platform::readBuildId(), "QDM413B") << "key not at line start";
-    unsetenv("HWTOPOD_ROOT");
 }
 
 TEST(Paths, RootPrefixesAbsolutePaths)
