@@ -69,10 +69,6 @@ class MonitorTest : public ::testing::Test
     {
         setFaultLineGpio(nullptr);
     }
-    MonitorTest(const MonitorTest&) = delete;
-    MonitorTest& operator=(const MonitorTest&) = delete;
-    MonitorTest(MonitorTest&&) = delete;
-    MonitorTest& operator=(MonitorTest&&) = delete;
 
     ScriptedLines* gpio = nullptr;
     Platform::Kelvane1u platform;
@@ -124,7 +120,6 @@ TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)
         const std::string log = GetCapturedStderr();
         EXPECT_THAT(sleeps.taken, ElementsAre(std::chrono::seconds(5),
                                               std::chrono::seconds(5)));
-        EXPECT_EQ(countInText(log, "FPGA GPIO device is not ready"), 2U);
         EXPECT_THAT(log, HasSubstr("[WARNING] FPGA GPIO device is not ready, "
                                    "retry = 5\n"));
         EXPECT_THAT(log, HasSubstr("[WARNING] FPGA GPIO device is not ready, "
