@@ -44,7 +44,7 @@ const SimRun& simulate(const std::string& scenario);
 void expectNothingLeft(const SimRun& run);
 
 // Event ids with their arguments ("<none>" for none); problems only.
-Events events(const nlohmann::json& report);
+Events events(const nlohmann::json& report, bool problemsOnly = false);
 Events problems(const nlohmann::json& report);
 
 // The votes the power management stand-in received, in order.
