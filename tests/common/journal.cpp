@@ -155,12 +155,20 @@ std::vector<JournalRecord> JournalReader::settledEvents(
     return readAfter(cursor, pid);
 }
 
-std::vector<std::string> ids(const std::vector<JournalRecord>& records)
+std::vector<std::string> summaries(const std::vector<JournalRecord>& records)
 {
+    static const std::string registry = "EventRegistry.1.0.";
     std::vector<std::string> result;
     for (const auto& record : records)
     {
-        result.push_back(record.at("REDFISH_MESSAGE_ID"));
+        std::string id = record.at("REDFISH_MESSAGE_ID");
+        if (id.starts_with(registry))
+        {
+            id.erase(0, registry.size());
+        }
+        const auto args = record.find("REDFISH_MESSAGE_ARGS");
+        result.push_back(
+            id + " " + (args == record.end() ? "<none>" : args->second));
     }
     return result;
 }

@@ -38,7 +38,8 @@ class JournalReader
     std::string cursor;
 };
 
-// The REDFISH_MESSAGE_ID values of records, in order.
-std::vector<std::string> ids(const std::vector<JournalRecord>& records);
+// "ID args" of each record in order: the id without its registry prefix,
+// "<none>" for a record without arguments.
+std::vector<std::string> summaries(const std::vector<JournalRecord>& records);
 
 } // namespace hwtopod::test

@@ -80,14 +80,7 @@ bool Process::waitForLog(const std::string& text,
 
 std::size_t Process::countInLog(const std::string& text) const
 {
-    const std::string log = standardError();
-    std::size_t count = 0;
-    for (auto pos = log.find(text); pos != std::string::npos;
-         pos = log.find(text, pos + text.size()))
-    {
-        ++count;
-    }
-    return count;
+    return countInText(standardError(), text);
 }
 
 bool Process::running()

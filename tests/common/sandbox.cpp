@@ -26,6 +26,16 @@ TempDir::~TempDir()
     std::filesystem::remove_all(root, ec);
 }
 
+SandboxRoot::SandboxRoot()
+{
+    setenv("HWTOPOD_ROOT", path().c_str(), 1);
+}
+
+SandboxRoot::~SandboxRoot()
+{
+    unsetenv("HWTOPOD_ROOT");
+}
+
 std::filesystem::path TempDir::operator/(const std::string& relative) const
 {
     std::string trimmed = relative;
@@ -49,6 +59,17 @@ std::string readFile(const std::filesystem::path& file)
     std::ostringstream text;
     text << stream.rdbuf();
     return text.str();
+}
+
+std::size_t countInText(const std::string& text, const std::string& part)
+{
+    std::size_t found = 0;
+    for (auto at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + part.size()))
+    {
+        ++found;
+    }
+    return found;
 }
 
 namespace

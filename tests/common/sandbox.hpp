@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 
@@ -28,9 +29,20 @@ class TempDir
     std::filesystem::path root;
 };
 
+// A temporary directory that HWTOPOD_ROOT names while it lives.
+class SandboxRoot : public TempDir
+{
+  public:
+    SandboxRoot();
+    ~SandboxRoot();
+};
+
 // Writes text to a file, making its directories.
 void writeFile(const std::filesystem::path& file, const std::string& text);
 std::string readFile(const std::filesystem::path& file);
+
+// Occurrences of part in text, none overlapping.
+std::size_t countInText(const std::string& text, const std::string& part);
 
 // The repository's source and build roots, as meson test gives them.
 std::filesystem::path sourceRoot();

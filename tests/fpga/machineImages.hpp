@@ -42,18 +42,6 @@ struct MachineImages
     }
 };
 
-// Occurrences of part in text.
-inline std::size_t countInText(const std::string& text, const std::string& part)
-{
-    std::size_t found = 0;
-    for (auto at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + part.size()))
-    {
-        ++found;
-    }
-    return found;
-}
-
 inline MachineImages kelvaneImages()
 {
     MachineImages m;

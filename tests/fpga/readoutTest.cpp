@@ -26,7 +26,6 @@ class ReadOut : public testing::Test
   protected:
     ReadOut()
     {
-        setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
         setenv("HALVEX_FPGA_IMAGES", images.path().c_str(), 1);
         fpgaImages().clear();
         // Waits take no time; each is recorded in seconds, and a limit stops
@@ -43,7 +42,6 @@ class ReadOut : public testing::Test
     ~ReadOut() override
     {
         setSleepFunction({});
-        unsetenv("HWTOPOD_ROOT");
         unsetenv("HALVEX_FPGA_IMAGES");
     }
 
@@ -58,20 +56,7 @@ class ReadOut : public testing::Test
         return testing::internal::GetCapturedStderr();
     }
 
-    // "ID args" of the records, oldest first.
-    static std::vector<std::string> summary(const test::JournalReader& journal,
-                                            std::size_t count)
-    {
-        std::vector<std::string> result;
-        for (const auto& record : journal.events(getpid(), count))
-        {
-            result.push_back(record.at("REDFISH_MESSAGE_ID").substr(18) + " " +
-                             record.at("REDFISH_MESSAGE_ARGS"));
-        }
-        return result;
-    }
-
-    test::TempDir root;
+    test::SandboxRoot root;
     test::TempDir images;
     std::vector<unsigned> sleeps;
     std::size_t sleepLimit = 100;
@@ -197,7 +182,7 @@ TEST_F(ReadOut, StatusOnlyRoadAfterDumpRetries)
     EXPECT_EQ(platform.fpgaMatchQueue.at(1), "Slot_1_Riser");
     EXPECT_FALSE(platform.fpgaDevices.at(18).state);
     // Riser 4's cable mismatch has no connector data: expected on "N/A".
-    EXPECT_EQ(summary(journal, 8),
+    EXPECT_EQ(test::summaries(journal.events(getpid(), 8)),
               (std::vector<std::string>{
                   "TKRMBIO0032I Slot::1 Riser", "TKRMBIO0032I PCIe Card::1",
                   "TKRMBIO0032I Slot::3 Riser", "TKRMBIO0032I Slot::4 Riser",
@@ -260,7 +245,7 @@ TEST_F(ReadOut, AdiRoadCableCageAndOcpJudgements)
               "SLOT_9_ADAPTER_PRSNT=0 SLOT_10_ADAPTER_PRSNT=0 "
               "SLOT_11_ADAPTER_PRSNT=0 ");
     // No riser 1 event: slot 1's entry already named riser 1.
-    EXPECT_EQ(summary(journal, 9),
+    EXPECT_EQ(test::summaries(journal.events(getpid(), 9)),
               (std::vector<std::string>{
                   "TKRMBIO0032I PCIe Card::1", "TKRMBIO0032I Slot::3 Riser",
                   "TKRMBIO0032I Slot::4 Riser", "TKRMBIO0032I PCIe Card::4",

@@ -11,6 +11,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
@@ -45,20 +46,6 @@ std::map<std::string, sdbus::Variant> waitForPresence()
         }
     }
     return {};
-}
-
-std::vector<JournalRecord> withId(const std::vector<JournalRecord>& records,
-                                  const std::string& shortId)
-{
-    std::vector<JournalRecord> found;
-    for (const auto& record : records)
-    {
-        if (record.at("REDFISH_MESSAGE_ID") == "EventRegistry.1.0." + shortId)
-        {
-            found.push_back(record);
-        }
-    }
-    return found;
 }
 
 TEST(MonitorDaemon, ReportsStandingFaultsEdgesAndDevicePresence)
@@ -160,18 +147,21 @@ TEST(MonitorDaemon, ReportsStandingFaultsEdgesAndDevicePresence)
     }
     EXPECT_TRUE(presence.contains("RISER_1_INSTALLED"));
 
-    const auto events = journal.settledEvents(daemon.pid());
-    const auto standing = withId(events, "TKRMBPW0129N");
-    ASSERT_EQ(standing.size(), 1U);
-    EXPECT_EQ(standing[0].at("REDFISH_MESSAGE_ARGS"), "1::P12V_MEM");
-    const auto trip = withId(events, "TKRMBPU0001N");
-    ASSERT_EQ(trip.size(), 1U);
-    EXPECT_EQ(trip[0].at("REDFISH_MESSAGE_ARGS"), "1::");
-    // Nothing else stood at its active level, and the chassis reads closed.
-    for (const auto* id : {"TKRMBPW0131N", "TKRMBPW0132N", "TKRMBPW0133N",
-                           "TKRMBPU2001I", "TKRMBSE2000I"})
+    // The standing fault and the trip once each; nothing else stood at its
+    // active level, and the chassis reads closed.
+    const auto events = summaries(journal.settledEvents(daemon.pid()));
+    EXPECT_EQ(std::ranges::count(events, "TKRMBPW0129N 1::P12V_MEM"), 1);
+    EXPECT_EQ(std::ranges::count(events, "TKRMBPU0001N 1::"), 1);
+    for (const std::string id : {"TKRMBPW0131N", "TKRMBPW0132N", "TKRMBPW0133N",
+                                 "TKRMBPU2001I", "TKRMBSE2000I"})
     {
-        EXPECT_TRUE(withId(events, id).empty()) << id;
+        EXPECT_EQ(std::ranges::count_if(
+                      events,
+                      [&id](const std::string& event) {
+            return event.starts_with(id);
+                      }),
+                  0)
+            << id;
     }
     EXPECT_EQ(daemon.countInLog("Thread for gpioMonitor is forked"), 1U);
     EXPECT_TRUE(daemon.running());

@@ -8,7 +8,6 @@
 #include "privateBus.hpp"
 #include "sandbox.hpp"
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -24,26 +23,6 @@ using ::testing::ElementsAre;
 constexpr const char* presencePath = "/com/halvex/platform/hardware/device";
 constexpr const char* presenceInterface = "com.halvex.hwtopod.device.presence";
 
-// HWTOPOD_ROOT on a temporary directory for one test.
-class SandboxTest : public ::testing::Test
-{
-  protected:
-    SandboxTest()
-    {
-        setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
-    }
-    ~SandboxTest() override
-    {
-        unsetenv("HWTOPOD_ROOT");
-    }
-    SandboxTest(const SandboxTest&) = delete;
-    SandboxTest& operator=(const SandboxTest&) = delete;
-    SandboxTest(SandboxTest&&) = delete;
-    SandboxTest& operator=(SandboxTest&&) = delete;
-
-    TempDir root;
-};
-
 std::map<std::string, bool> readPresence()
 {
     std::map<std::string, bool> states;
@@ -56,8 +35,9 @@ std::map<std::string, bool> readPresence()
     return states;
 }
 
-TEST_F(SandboxTest, DevicePresencePublishedOnceAfterDiscovery)
+TEST(Presence, DevicePresencePublishedOnceAfterDiscovery)
 {
+    SandboxRoot root;
     PrivateBus bus;
     Platform::Kelvane1u platform;
     platform.serviceInit();
@@ -96,8 +76,9 @@ TEST_F(SandboxTest, DevicePresencePublishedOnceAfterDiscovery)
     EXPECT_EQ(readPresence(), expected);
 }
 
-TEST_F(SandboxTest, ChassisCloseSentOnceWhenTheStateReadsOne)
+TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
 {
+    SandboxRoot root;
     RecordedSleeps sleeps;
     const auto hwmon =
         root / "sys/devices/platform/ahb/ahb:apb/1e6ef010.chassis/hwmon";
@@ -126,14 +107,10 @@ TEST_F(SandboxTest, ChassisCloseSentOnceWhenTheStateReadsOne)
         EXPECT_TRUE(platform.chassisCloseRemedied);
         EXPECT_THAT(sleeps.taken, ElementsAre(std::chrono::seconds(90)));
     }
-    auto events = journal.events(getpid(), 1);
-    ASSERT_EQ(events.size(), 1U);
-    EXPECT_EQ(events[0].at("REDFISH_MESSAGE_ID"),
-              "EventRegistry.1.0.TKRMBSE2000I");
-    EXPECT_EQ(events[0].at("REDFISH_MESSAGE_ARGS"), "Vantarack");
-    EXPECT_EQ(events[0].at("PRIORITY"), "4");
-    EXPECT_EQ(events[0].at("MESSAGE"), hwtopod::message::chassisClosed);
-    EXPECT_EQ(events[0].at("CODE_FUNC"), "remedyChassisCloseEvent");
+    const auto events = journal.events(getpid(), 1);
+    EXPECT_THAT(summaries(events), ElementsAre("TKRMBSE2000I Vantarack"));
+    EXPECT_EQ(events.at(0).at("MESSAGE"), hwtopod::message::chassisClosed);
+    EXPECT_EQ(events.at(0).at("CODE_FUNC"), "remedyChassisCloseEvent");
 
     std::filesystem::remove_all(hwmon);
     {

@@ -24,17 +24,6 @@ namespace
 {
 constexpr auto service = "com.halvex.hwtopod";
 
-std::size_t countOf(const std::string& text, const std::string& part)
-{
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + 1))
-    {
-        ++count;
-    }
-    return count;
-}
-
 VpdProperties backplane(std::uint16_t location)
 {
     return {{"VpdId", std::uint8_t{0x70}},
@@ -87,8 +76,8 @@ TEST_F(PublishedNames, PsuNamesAndTypesThatLeaveTheirPlaceAreRefused)
         {"Name": "PSU4", "Type": "PowerSupply", "FruId": 4}
     ])");
     const auto log = start();
-    EXPECT_EQ(countOf(log, "[ERROR] Refused PSU Name "), 4U) << log;
-    EXPECT_EQ(countOf(log, "[ERROR] Refused PSU Type "), 2U) << log;
+    EXPECT_EQ(test::countInText(log, "[ERROR] Refused PSU Name "), 4U) << log;
+    EXPECT_EQ(test::countInText(log, "[ERROR] Refused PSU Type "), 2U) << log;
     EXPECT_THAT(log, HasSubstr("[ERROR] Refused PSU Name \"../basecfg\": "));
     EXPECT_THAT(log,
                 HasSubstr("[ERROR] Refused PSU Type \"hwtopod.hardware\""));
@@ -123,8 +112,8 @@ TEST_F(PublishedNames, AnyCallerOfAddDbusInterfaceIsChecked)
     EXPECT_FALSE(platform->addDbusInterface("/chassis/bp/x", "com..halvex"));
     EXPECT_FALSE(platform->addDbusInterface("chassis", "a.b"));
     const auto log = GetCapturedStderr();
-    EXPECT_EQ(countOf(log, "\n"), 3U) << log;
-    EXPECT_EQ(countOf(log, "[ERROR] Refused "), 3U) << log;
+    EXPECT_EQ(test::countInText(log, "\n"), 3U) << log;
+    EXPECT_EQ(test::countInText(log, "[ERROR] Refused "), 3U) << log;
     // A refused pair is not held: the valid one can still be added.
     EXPECT_TRUE(platform->addDbusInterface("/chassis/bp/x", "com.halvex.x"));
 }
@@ -169,8 +158,11 @@ TEST_F(PublishedNames, TopologyNamesFromRuleFilesAndReadOnlyBoards)
     platform->discoveryWorker->run([this]() { platform->probeCachedVpdd(); });
     const auto log = GetCapturedStderr();
 
-    EXPECT_EQ(countOf(log, "[ERROR] Refused topology entry Name "), 2U) << log;
-    EXPECT_EQ(countOf(log, "[ERROR] Refused topology entry Interface "), 1U)
+    EXPECT_EQ(test::countInText(log, "[ERROR] Refused topology entry Name "),
+              2U)
+        << log;
+    EXPECT_EQ(
+        test::countInText(log, "[ERROR] Refused topology entry Interface "), 1U)
         << log;
     EXPECT_THAT(log, HasSubstr("Refused topology entry Name \"BP\\x0A3\""));
     EXPECT_THAT(log, Not(HasSubstr("Exception in probeCachedVpdd")));
@@ -219,7 +211,9 @@ TEST_F(PublishedNames, I2cLinksPointIntoSysOnly)
     EXPECT_FALSE(createI2cLink(DeviceType::Backplane, 2, 2));
     EXPECT_FALSE(createI2cLink(DeviceType::Backplane, 3, 3));
     const auto log = GetCapturedStderr();
-    EXPECT_EQ(countOf(log, "[ERROR] [ERR] CANNOT FIND THE PATH : "), 2U) << log;
+    EXPECT_EQ(test::countInText(log, "[ERROR] [ERR] CANNOT FIND THE PATH : "),
+              2U)
+        << log;
 
     // Whatever was made lies in /dev and points below /sys.
     for (const auto& link : fs::directory_iterator(root / "dev"))

@@ -111,7 +111,7 @@ TEST_F(Faults, BurstOfTenThousandSignals)
     EXPECT_THAT(run.report["simulation"]["vpdd"].dump(),
                 HasSubstr("burst 10000"));
     // Every signal was taken, none dropped, and the boards are found.
-    EXPECT_EQ(occurrences(log(run.report),
+    EXPECT_EQ(countInText(log(run.report),
                           "Get interface com.halvex.vpdd.Burst update on path: "
                           "/com/halvex/vpdd/BURST_"),
               10000U);
@@ -123,14 +123,14 @@ TEST_F(Faults, PowerManagementAbsentOrRefusing)
 {
     const auto& absent = simulate("pwrmgt-absent");
     expectStillServing(absent);
-    EXPECT_EQ(occurrences(log(absent.report), "power permission Exception:"),
+    EXPECT_EQ(countInText(log(absent.report), "power permission Exception:"),
               2U);
     expectHealthyMachine(absent.report, {});
     expectNothingLeft(absent);
 
     const auto& refusing = simulate("pwrmgt-refuses");
     expectStillServing(refusing);
-    EXPECT_EQ(occurrences(log(refusing.report),
+    EXPECT_EQ(countInText(log(refusing.report),
                           "power vote for vote id(1) fail, vote value: on"),
               2U);
     expectHealthyMachine(refusing.report);
@@ -187,10 +187,10 @@ TEST_F(Faults, ResultDirectoryReadOnlyOrFull)
         expectStillServing(run);
         const auto& report = run.report;
         const auto text = log(report);
-        EXPECT_EQ(occurrences(text, "hwtopod cannot write data at "
+        EXPECT_EQ(countInText(text, "hwtopod cannot write data at "
                                     "/var/configuration/risers_found.json"),
                   4U);
-        EXPECT_EQ(occurrences(text, "hwtopod cannot write data at "
+        EXPECT_EQ(countInText(text, "hwtopod cannot write data at "
                                     "/var/configuration/backplanes_found.json"),
                   3U);
         // The earlier files stay as they were, and every board is published

@@ -98,31 +98,25 @@ void expectNothingLeft(const SimRun& run)
     EXPECT_FALSE(std::filesystem::exists(run.sandbox)) << run.sandbox;
 }
 
-Events events(const json& report)
+Events events(const json& report, bool problemsOnly)
 {
     Events result;
     for (const auto& event : report["events"])
     {
-        result.emplace(event["id"].get<std::string>(),
-                       event["args"].is_null()
-                           ? "<none>"
-                           : event["args"].get<std::string>());
+        if (!problemsOnly || event["problem"].get<bool>())
+        {
+            result.emplace(event["id"].get<std::string>(),
+                           event["args"].is_null()
+                               ? "<none>"
+                               : event["args"].get<std::string>());
+        }
     }
     return result;
 }
 
 Events problems(const json& report)
 {
-    Events result;
-    for (const auto& event : report["events"])
-    {
-        if (event["problem"].get<bool>())
-        {
-            result.emplace(event["id"].get<std::string>(),
-                           event["args"].get<std::string>());
-        }
-    }
-    return result;
+    return events(report, true);
 }
 
 std::vector<std::string> votes(const json& report)
@@ -138,17 +132,6 @@ std::string log(const json& report)
         text += line.get<std::string>() + "\n";
     }
     return text;
-}
-
-std::size_t occurrences(const std::string& text, const std::string& part)
-{
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + 1))
-    {
-        ++count;
-    }
-    return count;
 }
 
 const json* riser(const json& report, unsigned number)

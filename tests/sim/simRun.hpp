@@ -44,7 +44,7 @@ const SimRun& simulate(const std::string& scenario);
 void expectNothingLeft(const SimRun& run);
 
 // Event ids with their arguments ("<none>" for none); problems only.
-Events events(const nlohmann::json& report);
+Events events(const nlohmann::json& report, bool problemsOnly = false);
 Events problems(const nlohmann::json& report);
 
 // The votes the power management stand-in received, in order.
@@ -52,8 +52,6 @@ std::vector<std::string> votes(const nlohmann::json& report);
 
 // The daemon's log, one line each.
 std::string log(const nlohmann::json& report);
-
-std::size_t occurrences(const std::string& text, const std::string& part);
 
 // The riser entry of the report with that number, or null.
 const nlohmann::json* riser(const nlohmann::json& report, unsigned number);

@@ -31,13 +31,11 @@ class Publishing : public testing::Test
   protected:
     void SetUp() override
     {
-        setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
         setenv("HWTOPOD_STATUS", "normal", 1);
     }
     void TearDown() override
     {
         platform.reset();
-        unsetenv("HWTOPOD_ROOT");
         unsetenv("HWTOPOD_STATUS");
     }
 
@@ -57,7 +55,7 @@ class Publishing : public testing::Test
     }
 
     test::PrivateBus bus;
-    test::TempDir root;
+    test::SandboxRoot root;
     std::unique_ptr<Platform::Kelvane1u> platform;
 };
 } // namespace

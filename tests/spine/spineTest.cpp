@@ -151,8 +151,7 @@ TEST(MiniVersion, FollowsTheParityOfTheBuild)
 
 TEST(MiniVersion, BuildIdComesFromOsRelease)
 {
-    test::TempDir root;
-    setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
+    test::SandboxRoot root;
     EXPECT_EQ(Platform::readBuildId(), "QDM413B") << "no file";
 
     test::writeFile(
@@ -163,7 +162,6 @@ TEST(MiniVersion, BuildIdComesFromOsRelease)
     EXPECT_EQ(Platform::readBuildId(), "QDM502C");
     test::writeFile(root / "etc/os-release", " HALVEX_BUILDID=QDM502C\n");
     EXPECT_EQ(Platform::readBuildId(), "QDM413B") << "key not at line start";
-    unsetenv("HWTOPOD_ROOT");
 }
 
 TEST(Paths, RootPrefixesAbsolutePaths)
@@ -186,32 +184,4 @@ TEST(Introspection, InterfaceNamesWithoutTheStandardOnes)
                 testing::ElementsAre("com.halvex.vpdd.Halvex_Fullv3",
                                      "com.halvex.vpdd.Other"));
     EXPECT_TRUE(dbus::interfacesOfIntrospection("<node/>").empty());
-}
-
-TEST(MachineDefinition, SkuAndSlotMap)
-{
-    Platform::Kelvane1u platform;
-    platform.initPcieSlotMap();
-    platform.initPcieSlotMap();
-    ASSERT_EQ(platform.pcieSlotMap.size(), 12U);
-    EXPECT_EQ(platform.pcieSlotMap[4].slot(), 4U);
-    EXPECT_EQ(platform.pcieSlotMap[4].riser(), 4U);
-    EXPECT_TRUE(platform.pcieSlotMap[4].checksCage());
-    EXPECT_TRUE(platform.pcieSlotMap[6].isOcp());
-    EXPECT_TRUE(platform.pcieSlotMap[9].isCff());
-
-    std::array<std::uint8_t, 1024> remote{};
-    remote[12 * 16 + 9] = 0x01;
-    for (std::uint64_t bits : {0x08ULL, 0x10ULL, 0x18ULL, 0x00ULL})
-    {
-        platform.riserPresence = bits;
-        platform.fpgaBlock1 = bits == 0 ? nullptr : remote.data();
-        CaptureStderr();
-        platform.getSkuConfig();
-        GetCapturedStderr();
-        EXPECT_EQ(platform.skuFrontConfig, bits == 0 ? 3 : 2);
-        EXPECT_EQ(platform.skuRearConfig, bits == 0 ? 0 : 1);
-        EXPECT_EQ(platform.skuNames["Front"], "NONE");
-        EXPECT_EQ(platform.skuNames["Rear"], "NONE");
-    }
 }
