@@ -3,24 +3,24 @@
 # called by install-deps.sh --armhf. Safe to run again: each step is skipped
 # when its result is there.
 #
-# - the cross compiler and the user-mode emulator, from the native archive;
+# - the cross compiler (through ccache, as the cross file names it) and the
+#   user-mode emulator, from the native archive;
 # - a sysroot with the armhf builds of every library the daemon, the tools
-#   and the tests link, at $HWTOPOD_ARMHF_SYSROOT (default
-#   /opt/hwtopod/sysroot-armhf, the path the cross file names). The armhf
-#   packages are not installed beside the native ones: their index is read
-#   by an apt of its own (its lists and its empty status file under
-#   $sysroot.apt), which resolves their dependencies, and each downloaded
-#   package is unpacked into the sysroot. That works whatever state the
-#   machine's own armhf index is in (one of its indexes may fail to fetch:
-#   what the others have is enough);
+#   and the tests link, at /opt/hwtopod/sysroot-armhf (the path the cross
+#   file names). The armhf packages are not installed beside the native
+#   ones: their index is read by an apt of its own (its lists and its empty
+#   status file under $sysroot.apt), which resolves their dependencies, and
+#   each downloaded package is unpacked into the sysroot. That works whatever
+#   state the machine's own armhf index is in (one of the indexes may fail
+#   to fetch: what the others have is enough);
 # - binfmt_misc, so that ARM programs started by the tests run under the
 #   emulator as any program does, their libraries found in the sysroot.
 set -euo pipefail
 
-sysroot=${HWTOPOD_ARMHF_SYSROOT:-/opt/hwtopod/sysroot-armhf}
+sysroot=/opt/hwtopod/sysroot-armhf
 say() { echo "install-armhf: $*"; }
 
-native=(crossbuild-essential-armhf qemu-user)
+native=(crossbuild-essential-armhf qemu-user ccache)
 missing=()
 for p in "${native[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

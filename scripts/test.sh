@@ -37,6 +37,8 @@ run_suite() {
         return
     fi
     echo "=== $name: tests"
+    # suite_test_args: more options for meson test, split into words.
+    # shellcheck disable=SC2086
     meson test -C "$dir" --print-errorlogs --num-processes 1 ${suite_test_args:-} 2>&1 | tee "$dir.test.log" | grep -E '^ *[0-9]+/[0-9]+ |^(Ok|Fail|Expected Fail|Unexpected Pass|Skipped|Timeout):'
     local ok fail timeout
     ok=$(grep -E '^Ok:' "$dir.test.log" | awk '{print $2}')
