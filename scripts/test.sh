@@ -76,7 +76,9 @@ fi
 
 # The 32-bit ARM target: cross-built against the armhf sysroot, its tests,
 # and the daemon and stand-ins they start, run under user-mode emulation
-# (the bus daemon and journald stay native).
+# (the bus daemon and journald stay native). The whole suite runs: emulated,
+# it takes about six minutes, most of them the simulator tests; the longer
+# time limits allow for a loaded machine.
 if sudo_if_needed bash scripts/install-deps.sh --armhf >build-armhf.deps.log 2>&1; then
     suite_test_args="--timeout-multiplier 4" run_suite "armhf (emulated)" \
         build-armhf --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true
