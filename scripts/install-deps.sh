@@ -1,7 +1,14 @@
 #!/usr/bin/env bash
 # Installs everything needed to build, run and test hwtopod on a fresh Debian
 # (bookworm) machine. Safe to run again: packages already present are skipped.
+# With --armhf also what the 32-bit ARM build and its emulated run need
+# (scripts/install-armhf.sh).
 set -euo pipefail
+
+armhf=0
+if [ "${1:-}" = --armhf ]; then
+    armhf=1
+fi
 
 packages=(
     meson ninja-build pkg-config g++ clang libclang-rt-dev clang-format
@@ -19,15 +26,17 @@ done
 
 if [ ${#missing[@]} -eq 0 ]; then
     echo "install-deps: all packages present"
-    exit 0
+else
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "install-deps: missing ${missing[*]}; run as root" >&2
+        exit 1
+    fi
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+    echo "install-deps: installed ${missing[*]}"
 fi
 
-if [ "$(id -u)" -ne 0 ]; then
-    echo "install-deps: missing ${missing[*]}; run as root" >&2
-    exit 1
+if [ "$armhf" = 1 ]; then
+    bash "$(dirname "$0")/install-armhf.sh"
 fi
-
-export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${missing[@]}"
-echo "install-deps: installed ${missing[*]}"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the real hwtopod on a simulated Kelvane1u and shows what it found.
 #
-#   scripts/simulate.sh [--json] [--list] [scenario]
+#   scripts/simulate.sh [--json] [--list] [--arch armhf] [scenario]
 #
 # The scenario is a name under sim/scenarios (default: healthy) or a
 # directory. The command builds what is missing, lays the scenario out in a
@@ -11,17 +11,27 @@
 # stand-ins saw) and tears everything down, also on Ctrl-C or a failure.
 #
 # HWTOPOD_BUILD_DIR names a build to use as it is (the tests set it); without
-# it the command builds ./build. HWTOPOD_SIM_TIMEOUT bounds each wait in
-# seconds (default 120). Progress goes to standard error, the report to
+# it the command builds ./build, or with --arch armhf the 32-bit ARM build
+# ./build-armhf, whose programs run under emulation. HWTOPOD_SIM_TIMEOUT
+# bounds each wait in seconds (default 120). Progress goes to standard error, the report to
 # standard output. docs/simulation.md tells the scenario format.
 set -euo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
 json=0
+arch=native
 scenario=healthy
 while [ $# -gt 0 ]; do
     case "$1" in
     --json) json=1 ;;
+    --arch)
+        arch=${2:-}
+        shift
+        if [ "$arch" != armhf ]; then
+            echo "simulate: --arch takes armhf" >&2
+            exit 2
+        fi
+        ;;
     --list)
         for dir in "$top"/sim/scenarios/*/; do
             name=$(basename "$dir")
@@ -30,7 +40,7 @@ while [ $# -gt 0 ]; do
         exit 0
         ;;
     -h | --help)
-        sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'
+        sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'
         exit 0
         ;;
     -*)
@@ -60,15 +70,25 @@ if [ -n "${HWTOPOD_BUILD_DIR:-}" ]; then
     build=$HWTOPOD_BUILD_DIR
 else
     build="$top/build"
-    if ! command -v meson >/dev/null || ! command -v dbus-daemon >/dev/null ||
-        ! pkg-config --exists sdbus-c++ libgpiodcxx nlohmann_json libsystemd 2>/dev/null; then
-        if [ "$(id -u)" -eq 0 ]; then
-            bash "$top/scripts/install-deps.sh" >&2
-        else
-            sudo bash "$top/scripts/install-deps.sh" >&2
+    setup=()
+    install=()
+    if [ "$arch" = armhf ]; then
+        build="$top/build-armhf"
+        setup=(--cross-file "$top/cross/arm-linux-gnueabihf.ini")
+        if [ ! -e /proc/sys/fs/binfmt_misc/qemu-arm ] || [ ! -e /etc/qemu-binfmt/arm ]; then
+            install=(--armhf)
         fi
     fi
-    [ -f "$build/build.ninja" ] || meson setup "$build" "$top" >/dev/null
+    if ! command -v meson >/dev/null || ! command -v dbus-daemon >/dev/null ||
+        ! pkg-config --exists sdbus-c++ libgpiodcxx nlohmann_json libsystemd 2>/dev/null ||
+        [ ${#install[@]} -gt 0 ]; then
+        if [ "$(id -u)" -eq 0 ]; then
+            bash "$top/scripts/install-deps.sh" "${install[@]}" >&2
+        else
+            sudo bash "$top/scripts/install-deps.sh" "${install[@]}" >&2
+        fi
+    fi
+    [ -f "$build/build.ninja" ] || meson setup "${setup[@]}" "$build" "$top" >/dev/null
     ninja -C "$build" >/dev/null || {
         say "build failed"
         exit 1

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every check CI runs: the test
 # suite in a normal build, again under AddressSanitizer and
-# UndefinedBehaviorSanitizer, and again under ThreadSanitizer; then each fuzz
-# target for a bounded time. Ends with one line "N passed, N failed".
+# UndefinedBehaviorSanitizer, and again under ThreadSanitizer, and again
+# cross-built for 32-bit ARM under emulation; then each fuzz target for a
+# bounded time. Ends with one line "N passed, N failed".
 set -uo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -36,7 +37,9 @@ run_suite() {
         return
     fi
     echo "=== $name: tests"
-    meson test -C "$dir" --print-errorlogs --num-processes 1 2>&1 | tee "$dir.test.log" | grep -E '^ *[0-9]+/[0-9]+ |^(Ok|Fail|Expected Fail|Unexpected Pass|Skipped|Timeout):'
+    # suite_test_args: more options for meson test, split into words.
+    # shellcheck disable=SC2086
+    meson test -C "$dir" --print-errorlogs --num-processes 1 ${suite_test_args:-} 2>&1 | tee "$dir.test.log" | grep -E '^ *[0-9]+/[0-9]+ |^(Ok|Fail|Expected Fail|Unexpected Pass|Skipped|Timeout):'
     local ok fail timeout
     ok=$(grep -E '^Ok:' "$dir.test.log" | awk '{print $2}')
     fail=$(grep -E '^Fail:' "$dir.test.log" | awk '{print $2}')
@@ -68,6 +71,20 @@ unset TSAN_OPTIONS
 if [ -n "$(ls -A "$tsan_reports")" ]; then
     cat "$tsan_reports"/* | head -200
     echo "=== thread sanitizer: reports in $tsan_reports"
+    failed=$((failed + 1))
+fi
+
+# The 32-bit ARM target: cross-built against the armhf sysroot, its tests,
+# and the daemon and stand-ins they start, run under user-mode emulation
+# (the bus daemon and journald stay native). The whole suite runs: emulated,
+# it takes about six minutes, most of them the simulator tests; the longer
+# time limits allow for a loaded machine.
+if sudo_if_needed bash scripts/install-deps.sh --armhf >build-armhf.deps.log 2>&1; then
+    suite_test_args="--timeout-multiplier 4" run_suite "armhf (emulated)" \
+        build-armhf --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true
+else
+    cat build-armhf.deps.log
+    echo "=== armhf: could not install the cross tools and sysroot"
     failed=$((failed + 1))
 fi
 
