@@ -7,6 +7,7 @@
 // /dev and its event records in the journal, and prints them as text or, with
 // --json, as one JSON document.
 
+#include "common/jsonNumber.hpp"
 #include "inspect.hpp"
 
 #include <cstdlib>
@@ -36,7 +37,12 @@ int main(int argc, char** argv)
         }
         else if (arg == "--pid" && i + 1 < argc)
         {
-            options.pid = static_cast<pid_t>(std::atoi(argv[++i]));
+            const auto pid = hwtopod::decimalInteger<pid_t>(argv[++i]);
+            if (!pid || *pid <= 0)
+            {
+                return usage();
+            }
+            options.pid = *pid;
         }
         else if (arg == "--service" && i + 1 < argc)
         {
