@@ -32,7 +32,6 @@ import argparse
 import ctypes
 import json
 import os
-import queue
 import select
 import shutil
 import socket
@@ -51,8 +50,8 @@ RESULTS = ("backplanes_found.json", "risers_found.json",
 
 
 class Daemon:
-    """The daemon on a fresh sandbox, its standard error read line by line
-    with the time each line arrived."""
+    """The daemon on a fresh sandbox, with what it logs and what its VPD
+    stand-in records."""
 
     def __init__(self, build, bus_address, votes_file, extra_objects=0):
         self.build = build
@@ -78,41 +77,41 @@ class Daemon:
                         HWTOPOD_SIM_GPIO=os.path.join(self.sandbox, "gpio"),
                         HWTOPOD_STATUS="normal",
                         LD_LIBRARY_PATH=os.path.join(build, "sim/gpiod"))
-        self.lines = queue.Queue()
+        # The log goes to a file that is looked at now and then, not to a
+        # pipe read at once: a reader woken by every line would take the CPU
+        # that the daemon discovers with.
+        err_path = os.path.join(self.sandbox, "hwtopod.err")
+        with open(err_path, "w") as err:
+            self.process = subprocess.Popen(
+                [os.path.join(build, "src/platforms/hwtopod")], env=self.env,
+                stdout=subprocess.DEVNULL, stderr=err)
+        self.err = open(err_path)
         self.log = []
-        self.process = subprocess.Popen(
-            [os.path.join(build, "src/platforms/hwtopod")], env=self.env,
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        self.reader = threading.Thread(target=self._read, daemon=True)
-        self.reader.start()
+        self.partial = ""
         self.vpdd = None
 
-    def _read(self):
-        for line in self.process.stderr:
-            self.lines.put((time.time(), line.rstrip("\n")))
+    def _poll(self):
+        *lines, self.partial = (self.partial + self.err.read()).split("\n")
+        self.log.extend(lines)
 
     def wait_for(self, text, timeout=120):
-        """Time at which a log line holding text arrived."""
-        for stamp, line in self.log:
-            if text in line:
-                return stamp
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            try:
-                stamp, line = self.lines.get(timeout=0.5)
-            except queue.Empty:
-                if self.process.poll() is not None:
-                    raise RuntimeError("hwtopod ended")
-                continue
-            self.log.append((stamp, line))
-            if text in line:
-                return stamp
-        raise RuntimeError("no log line with " + text)
+        """Waits for a log line holding text."""
+        deadline = time.monotonic() + timeout
+        seen = 0
+        while True:
+            self._poll()
+            if any(text in line for line in self.log[seen:]):
+                return
+            seen = len(self.log)
+            if self.process.poll() is not None:
+                raise RuntimeError("hwtopod ended")
+            if time.monotonic() > deadline:
+                raise RuntimeError("no log line with " + text)
+            time.sleep(0.01)
 
     def count(self, text):
-        while not self.lines.empty():
-            self.log.append(self.lines.get())
-        return sum(1 for _, line in self.log if text in line)
+        self._poll()
+        return sum(1 for line in self.log if text in line)
 
     def start_vpdd(self):
         self.vpdd = subprocess.Popen(
@@ -200,6 +199,7 @@ class Daemon:
             if process is not None:
                 stop_process(process)
         self.results.close()
+        self.err.close()
         shutil.rmtree(self.sandbox, ignore_errors=True)
 
 
@@ -217,9 +217,10 @@ class ResultWatch:
                 self.fd, directory.encode(), self.IN_MOVED_TO) < 0:
             raise OSError(ctypes.get_errno(), "inotify on " + directory)
         self.stamps = []
-        self.drain_asked = threading.Event()
+        # drain() wakes the thread through this pipe; nothing else does
+        # but the watch, so the thread costs the daemon no CPU meanwhile.
+        self.wake, self.asked = os.pipe()
         self.drained = threading.Event()
-        self.closing = False
         self.thread = threading.Thread(target=self._watch, daemon=True)
         self.thread.start()
 
@@ -238,28 +239,27 @@ class ResultWatch:
                 self.stamps.append(stamp)
 
     def _watch(self):
-        while not self.closing:
-            # A short timeout, so that a drain is answered soon.
-            ready, _, _ = select.select([self.fd], [], [], 0.01)
-            if ready:
-                self._read()
-            if self.drain_asked.is_set():
-                self._read()
-                self.drain_asked.clear()
+        while True:
+            ready, _, _ = select.select([self.fd, self.wake], [], [])
+            self._read()
+            if self.wake in ready:
+                if os.read(self.wake, 1) == b"q":
+                    return
                 self.drained.set()
 
     def drain(self):
         """Every stamp, after what is queued now has been read."""
         self.drained.clear()
-        self.drain_asked.set()
+        os.write(self.asked, b"d")
         if not self.drained.wait(10):
             raise RuntimeError("the result file watch does not answer")
         return list(self.stamps)
 
     def close(self):
-        self.closing = True
+        os.write(self.asked, b"q")
         self.thread.join()
-        os.close(self.fd)
+        for fd in (self.fd, self.wake, self.asked):
+            os.close(fd)
 
 
 def count_votes(path):
