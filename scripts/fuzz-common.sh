@@ -34,6 +34,5 @@ fuzz_targets() {
     done
 }
 
-# Options of every fuzzer run: no output of the code under test, generous
-# limits that a healthy input never comes near.
-fuzz_options=(-close_fd_mask=3 -timeout=25 -rss_limit_mb=2048)
+# Limits of every fuzzer run that a healthy input never comes near.
+fuzz_options=(-timeout=25 -rss_limit_mb=2048)

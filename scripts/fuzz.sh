@@ -37,9 +37,12 @@ for target in $targets; do
     log="$dir/explore-$target.log"
     mkdir -p "$explore"
     echo "=== $target for ${seconds}s (log $log)"
-    # Fork mode with one job: a finding is saved and fuzzing goes on.
+    # Fork mode with one job: a finding is saved and fuzzing goes on. The
+    # jobs' own output goes to files of libFuzzer's; standard error stays
+    # open so that the report of a finding reaches the log.
     "$dir/fuzz/fuzz-$target" -fork=1 -ignore_crashes=1 -ignore_timeouts=1 \
-        -ignore_ooms=1 -max_total_time="$seconds" "${fuzz_options[@]}" \
+        -ignore_ooms=1 -max_total_time="$seconds" -close_fd_mask=1 \
+        "${fuzz_options[@]}" \
         -artifact_prefix="$dir/findings/$target-" \
         "$explore" "fuzz/corpus/$target" >"$log" 2>&1
     # The last status line: executions, coverage, features, crashes.

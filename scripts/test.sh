@@ -87,17 +87,16 @@ run_fuzzers() {
         failed=$((failed + 1))
         return
     fi
-    local target scratch log
+    local target scratch log fuzzer
     for target in $(fuzz_targets "$dir"); do
         scratch=$(mktemp -d)
         log="$dir.$target.log"
+        fuzzer=("$dir/fuzz/fuzz-$target" -close_fd_mask=3 "${fuzz_options[@]}"
+            -artifact_prefix="$dir/fuzz-$target-")
         echo "=== fuzzing: $target, its corpus and $runs runs from seed 1"
-        if "$dir/fuzz/fuzz-$target" -runs=0 "${fuzz_options[@]}" \
-            -artifact_prefix="$dir/fuzz-$target-" "fuzz/corpus/$target" \
-            >"$log" 2>&1 &&
-            "$dir/fuzz/fuzz-$target" -runs="$runs" -seed=1 \
-                "${fuzz_options[@]}" -artifact_prefix="$dir/fuzz-$target-" \
-                "$scratch" "fuzz/corpus/$target" >>"$log" 2>&1; then
+        if "${fuzzer[@]}" -runs=0 "fuzz/corpus/$target" >"$log" 2>&1 &&
+            "${fuzzer[@]}" -runs="$runs" -seed=1 "$scratch" \
+                "fuzz/corpus/$target" >>"$log" 2>&1; then
             grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -1
             passed=$((passed + 1))
         else
