@@ -258,7 +258,14 @@ Json journalEvents(pid_t pid, Json& errors)
         {
             event["args"] = nullptr;
         }
-        event["priority"] = std::atoi(fields["PRIORITY"].c_str());
+        if (auto priority = decimalInteger<int>(fields["PRIORITY"]))
+        {
+            event["priority"] = *priority;
+        }
+        else
+        {
+            event["priority"] = nullptr;
+        }
         event["text"] = describeEvent(shortId, argList);
         event["problem"] = isProblem(shortId);
         events.push_back(event);
