@@ -1,15 +1,23 @@
 #!/usr/bin/env python3
 """Benchmarks of the real hwtopod on the simulated Kelvane1u.
 
-    python3 bench/run.py [--build DIR] [--runs N] [--idle SECONDS] [--edges N]
+    python3 bench/run.py [--build DIR] [--runs N] [--more-runs N]
+                         [--idle SECONDS] [--edges N]
 
 Measures, on the healthy scenario of sim/scenarios with the stand-in services
 on a private bus:
-  - discovery time: from the VPD ready signal reaching the daemon (its log
-    line "matchVpdd completed", stamped as it is read from the daemon's
-    standard error) to the modification time of the last result file
-    written; median of N runs (default 20) of a fresh daemon, and the same
-    with 100 and 1,000 VPD objects (boards the rules do not know, and DIMMs);
+  - discovery time: from the VPD stand-in's monotonic stamp taken right
+    before it sends the ready object's signal, to the monotonic time at which
+    the last result file was renamed into place (an inotify watch, read
+    after the daemon's "Board discovery has ended", which the discovery
+    worker logs after its last file); median of N runs (default 20) of a
+    fresh daemon, and of --more-runs runs (default 5) with 100 and with
+    1,000 more VPD objects (boards the rules do not know, and DIMMs);
+  - the floor of each run: the calls the daemon made in that time, counted
+    from the stand-ins' records (FRU name sets and property reads at the VPD
+    stand-in, votes at the power management stand-in), timed as plain round
+    trips on the same bus by bench/hwtopod-bench-floor, each on a connection
+    of its own as the daemon makes its client calls, and discovery / floor;
   - resident memory (VmRSS) after discovery, and after 1,000 objects;
   - CPU time used in 60 s of idling after discovery;
   - GPIO edge to journal record: edges written to the GPIO library stand-in's
@@ -21,12 +29,14 @@ Markdown table for docs/performance.md.
 """
 
 import argparse
+import ctypes
 import json
 import os
-import queue
+import select
 import shutil
 import socket
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
@@ -40,11 +50,12 @@ RESULTS = ("backplanes_found.json", "risers_found.json",
 
 
 class Daemon:
-    """The daemon on a fresh sandbox, its standard error read line by line
-    with the time each line arrived."""
+    """The daemon on a fresh sandbox, with what it logs and what its VPD
+    stand-in records."""
 
-    def __init__(self, build, bus_address, extra_objects=0):
+    def __init__(self, build, bus_address, votes_file, extra_objects=0):
         self.build = build
+        self.votes_file = votes_file
         self.sandbox = tempfile.mkdtemp(prefix="hwtopod-bench.")
         subprocess.run([sys.executable, os.path.join(TOP, "sim/scenario.py"),
                         SCENARIO, self.sandbox, os.path.join(TOP, "data")],
@@ -52,6 +63,13 @@ class Daemon:
         if extra_objects:
             add_objects(os.path.join(self.sandbox, "vpdd.json"),
                         extra_objects)
+        with open(os.path.join(self.sandbox, "vpdd.json")) as stream:
+            self.ready_path = json.load(stream)["objects"][-1]["path"]
+        self.vpdd_lines = []
+        self.calls = (0, 0)
+        results = os.path.join(self.sandbox, "root/var/configuration")
+        os.makedirs(results, exist_ok=True)
+        self.results = ResultWatch(results)
         self.env = dict(os.environ,
                         DBUS_SYSTEM_BUS_ADDRESS=bus_address,
                         HWTOPOD_ROOT=os.path.join(self.sandbox, "root"),
@@ -59,64 +77,110 @@ class Daemon:
                         HWTOPOD_SIM_GPIO=os.path.join(self.sandbox, "gpio"),
                         HWTOPOD_STATUS="normal",
                         LD_LIBRARY_PATH=os.path.join(build, "sim/gpiod"))
-        self.lines = queue.Queue()
+        # The log goes to a file that is looked at now and then, not to a
+        # pipe read at once: a reader woken by every line would take the CPU
+        # that the daemon discovers with.
+        err_path = os.path.join(self.sandbox, "hwtopod.err")
+        with open(err_path, "w") as err:
+            self.process = subprocess.Popen(
+                [os.path.join(build, "src/platforms/hwtopod")], env=self.env,
+                stdout=subprocess.DEVNULL, stderr=err)
+        self.err = open(err_path)
         self.log = []
-        self.process = subprocess.Popen(
-            [os.path.join(build, "src/platforms/hwtopod")], env=self.env,
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        self.reader = threading.Thread(target=self._read, daemon=True)
-        self.reader.start()
+        self.partial = ""
         self.vpdd = None
 
-    def _read(self):
-        for line in self.process.stderr:
-            self.lines.put((time.time(), line.rstrip("\n")))
+    def _poll(self):
+        *lines, self.partial = (self.partial + self.err.read()).split("\n")
+        self.log.extend(lines)
 
     def wait_for(self, text, timeout=120):
-        """Time at which a log line holding text arrived."""
-        for stamp, line in self.log:
-            if text in line:
-                return stamp
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            try:
-                stamp, line = self.lines.get(timeout=0.5)
-            except queue.Empty:
-                if self.process.poll() is not None:
-                    raise RuntimeError("hwtopod ended")
-                continue
-            self.log.append((stamp, line))
-            if text in line:
-                return stamp
-        raise RuntimeError("no log line with " + text)
+        """Waits for a log line holding text."""
+        deadline = time.monotonic() + timeout
+        seen = 0
+        while True:
+            self._poll()
+            if any(text in line for line in self.log[seen:]):
+                return
+            seen = len(self.log)
+            if self.process.poll() is not None:
+                raise RuntimeError("hwtopod ended")
+            if time.monotonic() > deadline:
+                raise RuntimeError("no log line with " + text)
+            time.sleep(0.01)
 
     def count(self, text):
-        while not self.lines.empty():
-            self.log.append(self.lines.get())
-        return sum(1 for _, line in self.log if text in line)
+        self._poll()
+        return sum(1 for line in self.log if text in line)
 
-    def start_vpdd(self, stdout=subprocess.DEVNULL):
+    def start_vpdd(self):
         self.vpdd = subprocess.Popen(
             [os.path.join(self.build, "sim/vpdd/vpdd"),
              os.path.join(self.sandbox, "vpdd.json")],
-            env=self.env, stdout=stdout)
+            env=self.env, stdout=subprocess.PIPE, text=True)
+        threading.Thread(target=self._read_vpdd, daemon=True).start()
+
+    def _read_vpdd(self):
+        for line in self.vpdd.stdout:
+            self.vpdd_lines.append(line.rstrip("\n"))
+
+    def vpdd_records(self, kind):
+        """(monotonic ns, rest) of the VPD stand-in's stamped lines that
+        begin with kind."""
+        records = []
+        for line in list(self.vpdd_lines):
+            rest, _, stamp = line.rpartition(" at ")
+            if line.startswith(kind + " ") and stamp.isdigit():
+                records.append((int(stamp), rest[len(kind) + 1:]))
+        return records
 
     def discovery_time(self):
+        """Milliseconds from the VPD ready object's signal leaving the VPD
+        stand-in to the last result file renamed into place; the calls the
+        daemon made to its peers in between are kept in self.calls."""
         self.wait_for("Service is set")
         # The FPGA read-out is over once the fan types are logged.
         self.wait_for("getFpgaFanInfo 1U fan 8")
+        votes_before = count_votes(self.votes_file)
         self.start_vpdd()
-        ready = self.wait_for("matchVpdd completed")
+        # Logged on the discovery worker after its last result file, so
+        # every rename of this discovery is in the watch's queue by now.
+        self.wait_for("Board discovery has ended")
+        written = self.results.drain()
+        self.sync_vpdd()
+        ready = [stamp for stamp, path in self.vpdd_records("published")
+                 if path == self.ready_path]
+        if not written or not ready:
+            raise RuntimeError("no result file or no ready signal")
+        end = max(written)
+        calls = [stamp for kind in ("set", "call Get")
+                 for stamp, _ in self.vpdd_records(kind)
+                 if ready[0] <= stamp <= end]
+        self.calls = (len(calls), count_votes(self.votes_file) - votes_before)
+        return (end - ready[0]) / 1e6
+
+    def sync_vpdd(self):
+        """Waits until every line the VPD stand-in has written so far has
+        been read: a call that it records, and then its record."""
         subprocess.run(["busctl", "--address=" + self.env[
-            "DBUS_SYSTEM_BUS_ADDRESS"], "--timeout=300", "call",
-            "com.halvex.hwtopod", "/", "org.freedesktop.DBus.Peer", "Ping"],
-            check=True, stdout=subprocess.DEVNULL)
-        written = [os.stat(os.path.join(self.sandbox, "root/var/configuration",
-                                        name)).st_mtime_ns
-                   for name in RESULTS
-                   if os.path.exists(os.path.join(
-                       self.sandbox, "root/var/configuration", name))]
-        return (max(written) / 1e9 - ready) * 1000.0
+            "DBUS_SYSTEM_BUS_ADDRESS"], "call", "com.halvex.vpdd", "/sync",
+            "org.freedesktop.DBus.Properties", "Get", "ss", "sync", "sync"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.monotonic() + 10
+        while not any(line.startswith("call Get /sync ")
+                      for line in list(self.vpdd_lines)):
+            if time.monotonic() > deadline:
+                raise RuntimeError("the VPD stand-in does not record calls")
+            time.sleep(0.005)
+
+    def floor(self, repeats=5):
+        """Median milliseconds of the same calls as plain round trips on the
+        same bus: (VPD calls, votes, ms)."""
+        out = subprocess.run(
+            [os.path.join(self.build, "bench/hwtopod-bench-floor"),
+             str(self.calls[0]), str(self.calls[1]), str(repeats)],
+            env=self.env, check=True, capture_output=True, text=True).stdout
+        return self.calls + (float(out.split()[1]),)
 
     def rss_kib(self):
         with open("/proc/%d/status" % self.process.pid) as status:
@@ -134,7 +198,74 @@ class Daemon:
         for process in (self.vpdd, self.process):
             if process is not None:
                 stop_process(process)
+        self.results.close()
+        self.err.close()
         shutil.rmtree(self.sandbox, ignore_errors=True)
+
+
+class ResultWatch:
+    """Monotonic times, in ns, at which result files were renamed into
+    place in a directory, stamped by a thread that waits on an inotify
+    watch of it (the rename is how the daemon writes them)."""
+
+    IN_MOVED_TO = 0x80
+
+    def __init__(self, directory):
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        self.fd = self.libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
+        if self.fd < 0 or self.libc.inotify_add_watch(
+                self.fd, directory.encode(), self.IN_MOVED_TO) < 0:
+            raise OSError(ctypes.get_errno(), "inotify on " + directory)
+        self.stamps = []
+        # drain() wakes the thread through this pipe; nothing else does
+        # but the watch, so the thread costs the daemon no CPU meanwhile.
+        self.wake, self.asked = os.pipe()
+        self.drained = threading.Event()
+        self.thread = threading.Thread(target=self._watch, daemon=True)
+        self.thread.start()
+
+    def _read(self):
+        try:
+            data = os.read(self.fd, 65536)
+        except BlockingIOError:
+            return
+        stamp = time.monotonic_ns()
+        offset = 0
+        while offset < len(data):
+            _, _, _, length = struct.unpack_from("iIII", data, offset)
+            name = data[offset + 16:offset + 16 + length].rstrip(b"\0")
+            offset += 16 + length
+            if name.decode() in RESULTS:
+                self.stamps.append(stamp)
+
+    def _watch(self):
+        while True:
+            ready, _, _ = select.select([self.fd, self.wake], [], [])
+            self._read()
+            if self.wake in ready:
+                if os.read(self.wake, 1) == b"q":
+                    return
+                self.drained.set()
+
+    def drain(self):
+        """Every stamp, after what is queued now has been read."""
+        self.drained.clear()
+        os.write(self.asked, b"d")
+        if not self.drained.wait(10):
+            raise RuntimeError("the result file watch does not answer")
+        return list(self.stamps)
+
+    def close(self):
+        os.write(self.asked, b"q")
+        self.thread.join()
+        for fd in (self.fd, self.wake, self.asked):
+            os.close(fd)
+
+
+def count_votes(path):
+    """Power votes the power management stand-in has logged so far."""
+    with open(path) as stream:
+        return sum(1 for line in stream if line.startswith("Vote "))
 
 
 def stop_process(process):
@@ -204,14 +335,17 @@ def start_bus(workdir):
     return bus, "unix:path=" + os.path.join(workdir, "bus")
 
 
-def start_services(build, address):
-    """The power management and liquid cooling stand-ins on the bus."""
-    return [subprocess.Popen(
-        [os.path.join(build, program)], env=dict(
-            os.environ, DBUS_SYSTEM_BUS_ADDRESS=address),
-        stdout=subprocess.DEVNULL)
-        for program in ("sim/pwrmgt/hwtopod-sim-pwrmgt",
-                        "sim/liquid_cooling/liquid-cooling")]
+def start_services(build, address, workdir):
+    """The power management and liquid cooling stand-ins on the bus; the
+    first one's record of votes goes to workdir/pwrmgt.out."""
+    env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=address)
+    with open(os.path.join(workdir, "pwrmgt.out"), "w") as votes:
+        return [subprocess.Popen([os.path.join(build, program)], env=env,
+                                 stdout=out)
+                for program, out in (
+                    ("sim/pwrmgt/hwtopod-sim-pwrmgt", votes),
+                    ("sim/liquid_cooling/liquid-cooling",
+                     subprocess.DEVNULL))]
 
 
 def percentile(values, fraction):
@@ -236,10 +370,75 @@ def ensure_journald():
         time.sleep(1)
 
 
+def idle_and_edges(daemon, args, rows):
+    """Idle CPU after discovery and the first passes of the service loop,
+    then GPIO edges through the stand-in to their journal records."""
+    daemon.wait_for("setLiquidCooling called successfully!")
+    time.sleep(11)
+    before = daemon.cpu_seconds()
+    time.sleep(args.idle)
+    idle = daemon.cpu_seconds() - before
+    rows.append(("Idle CPU over %d s after discovery" % args.idle,
+                 "%.2f s CPU = %.3f %% of one core"
+                 % (idle, 100.0 * idle / args.idle)))
+    daemon.wait_for("Setup VRs & powergoods in FPGA gpio")
+    fifo = os.path.join(daemon.sandbox, "gpio/edges")
+    sent = []
+    seen = daemon.count("found in fpga_gpio_table")
+    with open(fifo, "w") as edges:
+        for i in range(args.edges):
+            edge = "rising" if i % 2 == 0 else "falling"
+            sent.append(time.time())
+            edges.write("CPU1_THERMTRIP %s\n" % edge)
+            edges.flush()
+            seen += 1
+            while daemon.count("found in fpga_gpio_table") < seen:
+                time.sleep(0.0005)
+    received = journal_times(daemon.process.pid,
+                             ("TKRMBPU0001N", "TKRMBPU2001I"))
+    latency = [(r - s) * 1000 for s, r in zip(sent, received[-len(sent):])]
+    rows.append(("GPIO edge to journal record, %d edges" % len(latency),
+                 "median %.3f ms, worst %.3f ms"
+                 % (statistics.median(latency), max(latency))))
+
+
+def discovery_rows(build, address, votes, runs, extra, first):
+    """Rows of runs discoveries, each by a fresh daemon with extra more VPD
+    objects, and of the floor of each; first(daemon) is called on the first
+    daemon after its discovery."""
+    times = []
+    floors = []
+    for run in range(runs):
+        daemon = Daemon(build, address, votes, extra)
+        try:
+            times.append(daemon.discovery_time())
+            floors.append(daemon.floor())
+            if run == 0:
+                first(daemon)
+        finally:
+            daemon.stop()
+    what = "more VPD objects" if extra else ""
+    name = ("Discovery with %d %s" % (extra, what)) if extra else \
+        "Discovery, healthy machine"
+    ratios = [t / f[2] for t, f in zip(times, floors)]
+    calls = sorted(set((f[0] + f[1]) for f in floors))
+    return [
+        ("%s (%d runs)" % (name, runs), "median %.2f ms, min %.2f, max %.2f"
+         % (statistics.median(times), min(times), max(times))),
+        ("Its floor: %s calls, each on a connection of its own"
+         % " or ".join(str(c) for c in calls),
+         "median %.2f ms" % statistics.median(f[2] for f in floors)),
+        ("Its ratio discovery / floor", "median %.2f, min %.2f, max %.2f"
+         % (statistics.median(ratios), min(ratios), max(ratios))),
+    ]
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", default=os.path.join(TOP, "build"))
     parser.add_argument("--runs", type=int, default=20)
+    parser.add_argument("--more-runs", type=int, default=5,
+                        help="runs with 100 and with 1,000 more objects")
     parser.add_argument("--idle", type=int, default=60)
     parser.add_argument("--edges", type=int, default=1000)
     args = parser.parse_args()
@@ -248,72 +447,24 @@ def main():
 
     workdir = tempfile.mkdtemp(prefix="hwtopod-bench-bus.")
     bus, address = start_bus(workdir)
-    services = start_services(build, address)
+    services = start_services(build, address, workdir)
+    votes = os.path.join(workdir, "pwrmgt.out")
     rows = []
+    extra_rows = []
     try:
-        # Discovery of the healthy machine, a fresh daemon each time.
-        times = []
-        rss = None
-        for run in range(args.runs):
-            daemon = Daemon(build, address)
-            try:
-                times.append(daemon.discovery_time())
-                if run == 0:
-                    rss = daemon.rss_kib()
-                    # Idle CPU, after discovery and the first passes of the
-                    # service loop.
-                    daemon.wait_for("setLiquidCooling called successfully!")
-                    time.sleep(11)
-                    before = daemon.cpu_seconds()
-                    time.sleep(args.idle)
-                    idle = daemon.cpu_seconds() - before
-                    rows.append(("Idle CPU over %d s after discovery" %
-                                 args.idle, "%.2f s CPU = %.3f %% of one core"
-                                 % (idle, 100.0 * idle / args.idle)))
-                    # Edges through the GPIO stand-in.
-                    daemon.wait_for("Setup VRs & powergoods in FPGA gpio")
-                    fifo = os.path.join(daemon.sandbox, "gpio/edges")
-                    sent = []
-                    seen = daemon.count("found in fpga_gpio_table")
-                    with open(fifo, "w") as edges:
-                        for i in range(args.edges):
-                            edge = "rising" if i % 2 == 0 else "falling"
-                            sent.append(time.time())
-                            edges.write("CPU1_THERMTRIP %s\n" % edge)
-                            edges.flush()
-                            seen += 1
-                            while daemon.count("found in fpga_gpio_table") \
-                                    < seen:
-                                time.sleep(0.0005)
-                    received = journal_times(daemon.process.pid,
-                                             ("TKRMBPU0001N", "TKRMBPU2001I"))
-                    latency = [(r - s) * 1000 for s, r in
-                               zip(sent, received[-len(sent):])]
-                    rows.append(("GPIO edge to journal record, %d edges"
-                                 % len(latency),
-                                 "median %.3f ms, worst %.3f ms" %
-                                 (statistics.median(latency), max(latency))))
-            finally:
-                daemon.stop()
-        rows.insert(0, ("Discovery, healthy machine (%d runs)" % len(times),
-                        "median %.2f ms, min %.2f, max %.2f" %
-                        (statistics.median(times), min(times), max(times))))
-        rows.insert(1, ("Resident memory after discovery", "%d KiB" % rss))
-        for count, runs in ((100, 5), (1000, 5)):
-            measured = []
-            for run in range(runs):
-                daemon = Daemon(build, address, count)
-                try:
-                    measured.append(daemon.discovery_time())
-                    if count == 1000 and run == 0:
-                        rows.append(("Resident memory after %d more objects"
-                                     % count, "%d KiB" % daemon.rss_kib()))
-                finally:
-                    daemon.stop()
-            rows.append(("Discovery with %d more VPD objects (%d runs)"
-                         % (count, runs), "median %.2f ms, min %.2f, max %.2f"
-                         % (statistics.median(measured), min(measured),
-                            max(measured))))
+        def first(daemon):
+            extra_rows.append(("Resident memory after discovery",
+                               "%d KiB" % daemon.rss_kib()))
+            idle_and_edges(daemon, args, extra_rows)
+        rows += discovery_rows(build, address, votes, args.runs, 0, first)
+        rows += extra_rows
+        for count in (100, 1000):
+            def memory(daemon, count=count):
+                if count == 1000:
+                    rows.append(("Resident memory after %d more objects"
+                                 % count, "%d KiB" % daemon.rss_kib()))
+            rows += discovery_rows(build, address, votes, args.more_runs,
+                                   count, memory)
     finally:
         for process in services + [bus]:
             stop_process(process)

@@ -43,11 +43,9 @@ class SoakDaemon(run.Daemon):
     """The daemon whose VPD stand-in repeats its objects and reports the
     rounds on its standard output."""
 
-    def __init__(self, build, bus_address, vpd_interval):
-        super().__init__(build, bus_address)
+    def __init__(self, build, bus_address, votes_file, vpd_interval):
+        super().__init__(build, bus_address, votes_file)
         self.vpd_interval = vpd_interval
-        self.rounds = 0
-        self.vpdd_reader = None
 
     def start_vpdd(self):
         path = os.path.join(self.sandbox, "vpdd.json")
@@ -56,16 +54,14 @@ class SoakDaemon(run.Daemon):
         document["repeat"] = {"interval": self.vpd_interval, "count": 0}
         with open(path, "w") as stream:
             json.dump(document, stream)
-        super().start_vpdd(stdout=subprocess.PIPE)
-        self.vpdd_reader = threading.Thread(target=self._read_vpdd,
-                                            daemon=True)
-        self.vpdd_reader.start()
+        super().start_vpdd()
 
-    def _read_vpdd(self):
-        for line in self.vpdd.stdout:
-            fields = line.decode(errors="replace").split()
-            if len(fields) == 2 and fields[0] == "repeated":
-                self.rounds = int(fields[1])
+    @property
+    def rounds(self):
+        """VPD rounds the stand-in has reported."""
+        done = [line for line in list(self.vpdd_lines)
+                if line.startswith("repeated ")]
+        return int(done[-1].split()[1]) if done else 0
 
     def status(self):
         """VmRSS, VmHWM (KiB) and thread count from /proc/<pid>/status."""
@@ -345,8 +341,10 @@ def main():
         defer_signals(True)
         bus, address = run.start_bus(workdir)
         processes.append(bus)
-        processes.extend(run.start_services(build, address))
-        daemon = SoakDaemon(build, address, args.vpd_interval)
+        processes.extend(run.start_services(build, address, workdir))
+        daemon = SoakDaemon(build, address,
+                            os.path.join(workdir, "pwrmgt.out"),
+                            args.vpd_interval)
         defer_signals(False)
         print("soak: hwtopod pid %d, discovery %.2f ms" %
               (daemon.process.pid, daemon.discovery_time()), file=sys.stderr)

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every check CI runs: the test
 # suite in a normal build, again under AddressSanitizer and
-# UndefinedBehaviorSanitizer, and again under ThreadSanitizer, and again
-# cross-built for 32-bit ARM under emulation; then each fuzz target for a
-# bounded time. Ends with one line "N passed, N failed".
+# UndefinedBehaviorSanitizer, again under ThreadSanitizer, and again
+# cross-built for 32-bit ARM under emulation; then each fuzz target on its
+# corpus and a fixed number of runs. Ends with one line "N passed, N failed".
 set -uo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
+# shellcheck source=scripts/fuzz-common.sh
+. scripts/fuzz-common.sh
 
 sudo_if_needed() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
@@ -88,53 +90,48 @@ else
     failed=$((failed + 1))
 fi
 
-# run_fuzzers SECONDS: builds the fuzz targets with clang, libFuzzer and
-# AddressSanitizer+UndefinedBehaviorSanitizer (every finding aborts), and
-# runs each for SECONDS on its seed corpus in fuzz/corpus/<target>. New
-# inputs go to a scratch directory, so the repository's corpus stays as it
-# is. A crash, leak, time-out or sanitizer report fails the target; each
-# target counts as one test.
+# run_fuzzers RUNS: each fuzz target replays its whole seed corpus in
+# fuzz/corpus/<target>, then mutates it for RUNS executions from a fixed
+# seed, so that one commit always gets the same verdict; exploring for new
+# findings is scripts/fuzz.sh. New inputs go to a scratch directory, so the
+# repository's corpus stays as it is. A crash, leak, time-out or sanitizer
+# report fails the target; each target counts as one test.
 run_fuzzers() {
-    local seconds=$1 dir=build-fuzz
+    local runs=$1 dir=build-fuzz
     echo "=== fuzzing: configure and build ($dir)"
-    if [ ! -f "$dir/build.ninja" ]; then
-        if ! CC=clang CXX=clang++ meson setup "$dir" -Dwerror=true \
-            -Dfuzzing=true -Dtests=false -Dbuildtype=debugoptimized \
-            -Db_sanitize=address,undefined -Db_lundef=false \
-            "-Dcpp_args=-fsanitize=fuzzer-no-link -fno-sanitize-recover=all" \
-            >"$dir.setup.log" 2>&1; then
-            cat "$dir.setup.log"
-            echo "=== fuzzing: configure failed"
-            failed=$((failed + 1))
-            return
-        fi
-    fi
-    if ! ninja -C "$dir" >"$dir.build.log" 2>&1; then
-        tail -50 "$dir.build.log"
-        echo "=== fuzzing: build failed"
+    if ! build_fuzz_targets "$dir"; then
         failed=$((failed + 1))
         return
     fi
-    local target scratch
-    for target in record json-property psu-file os-release vpd-merge \
-        riser-readout; do
+    # What would make two runs differ: the corpus read back from the
+    # scratch directory at times given by the clock (-reload), and
+    # addresses, which reach the mutations through compared pointers (no
+    # address randomization where the kernel allows it to be turned off).
+    local fixed=()
+    if setarch "$(uname -m)" -R true 2>/dev/null; then
+        fixed=(setarch "$(uname -m)" -R)
+    fi
+    local target scratch log fuzzer
+    for target in $(fuzz_targets "$dir"); do
         scratch=$(mktemp -d)
-        echo "=== fuzzing: $target for ${seconds}s"
-        if "$dir/fuzz/fuzz-$target" -max_total_time="$seconds" \
-            -close_fd_mask=3 -timeout=25 -rss_limit_mb=2048 \
-            -artifact_prefix="$dir/fuzz-$target-" \
-            "$scratch" "fuzz/corpus/$target" >"$dir.$target.log" 2>&1; then
-            grep -E '^#[0-9]+[[:space:]]+DONE' "$dir.$target.log" | tail -1
+        log="$dir.$target.log"
+        fuzzer=("${fixed[@]}" "$dir/fuzz/fuzz-$target" -close_fd_mask=3
+            -reload=0 "${fuzz_options[@]}" -artifact_prefix="$dir/fuzz-$target-")
+        echo "=== fuzzing: $target, its corpus and $runs runs from seed 1"
+        if "${fuzzer[@]}" -runs=0 "fuzz/corpus/$target" >"$log" 2>&1 &&
+            "${fuzzer[@]}" -runs="$runs" -seed=1 "$scratch" \
+                "fuzz/corpus/$target" >>"$log" 2>&1; then
+            grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -1
             passed=$((passed + 1))
         else
-            tail -60 "$dir.$target.log"
+            tail -60 "$log"
             echo "=== fuzzing: $target FAILED (input in $dir/fuzz-$target-*)"
             failed=$((failed + 1))
         fi
         rm -rf "$scratch"
     done
 }
-run_fuzzers "${HWTOPOD_FUZZ_SECONDS:-50}"
+run_fuzzers "${HWTOPOD_FUZZ_RUNS:-20000}"
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -3,6 +3,8 @@
 //   Vote <voter> <id> on|off
 // Usage: hwtopod-sim-pwrmgt [--reply N]   (N is the answer, default 0)
 
+#include "common/jsonNumber.hpp"
+
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <cstdint>
@@ -17,7 +19,13 @@ int main(int argc, char** argv)
     {
         if (std::string(argv[i]) == "--reply")
         {
-            reply = std::atoi(argv[i + 1]);
+            auto given = hwtopod::decimalInteger<std::int32_t>(argv[i + 1]);
+            if (!given)
+            {
+                std::cerr << "pwrmgt: --reply takes a 32-bit integer\n";
+                return 2;
+            }
+            reply = *given;
         }
     }
     auto connection = sdbus::createSystemBusConnection("com.halvex.pwrmgt");

@@ -5,17 +5,23 @@
 // signal from the object manager at "/". IpmiFruName can be set through
 // org.freedesktop.DBus.Properties.Set. What it does is printed on standard
 // output, one line per event, for tests to read:
-//   published <path>
-//   set <path> <interface> IpmiFruName <value>
+//   published <path> at <ns>
+//   set <path> <interface> IpmiFruName <value> at <ns>
 //   call GetManagedObjects
+//   call Get <path> <interface> <property> at <ns>
 //   burst <count>
 //   crashing
 //   repeated <round>
 // An object marked "hold" waits for SIGUSR1 before it is published. For
+// <ns> is the CLOCK_MONOTONIC time in nanoseconds, for a published object
+// taken right before its signal is sent: benchmarks time the receiver
+// from it and count the calls it made. For
 // fault injection it can also send a burst of InterfacesAdded signals for
 // objects it does not hold, end abruptly after some objects, or announce its
 // objects again and again. The file's format is described in
 // docs/simulation.md.
+
+#include "common/jsonNumber.hpp"
 
 #include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -28,6 +34,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -92,6 +99,16 @@ void say(const std::string& line)
     std::cout << line << std::endl;
 }
 
+// " at " and the monotonic clock in nanoseconds.
+std::string stamp()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return " at " +
+           std::to_string(static_cast<std::int64_t>(now.tv_sec) * 1000000000 +
+                          now.tv_nsec);
+}
+
 std::chrono::milliseconds seconds(const nlohmann::json& holder, const char* key)
 {
     auto found = holder.find(key);
@@ -99,14 +116,27 @@ std::chrono::milliseconds seconds(const nlohmann::json& holder, const char* key)
     {
         return std::chrono::milliseconds(0);
     }
-    return std::chrono::milliseconds(
-        static_cast<std::int64_t>(found->get<double>() * 1000.0));
+    // Whole milliseconds of a day at most: enough for any scenario, and
+    // the conversion below stays in range.
+    const double given = found->is_number() ? found->get<double>() : -1.0;
+    if (!(given >= 0.0 && given <= 86400.0))
+    {
+        throw std::runtime_error(std::string(key) +
+                                 " is no number of seconds "
+                                 "up to a day: " +
+                                 found->dump());
+    }
+    return std::chrono::milliseconds(static_cast<std::int64_t>(given * 1000.0));
 }
 
 template <typename T>
 T number(const nlohmann::json& value)
 {
-    return value.get<T>();
+    if (auto checked = hwtopod::jsonInteger<T>(value))
+    {
+        return *checked;
+    }
+    throw std::runtime_error("value out of range: " + value.dump());
 }
 
 // A value given with its D-Bus type code.
@@ -220,14 +250,16 @@ Configuration readConfiguration(const std::string& file)
     Configuration configuration;
     configuration.startDelay = seconds(document, "startDelay");
     configuration.interval = seconds(document, "interval");
-    configuration.burst = document.value("burst", std::size_t{0});
+    configuration.burst =
+        number<std::size_t>(document.value("burst", nlohmann::json(0)));
     if (document.contains("crashAfter"))
     {
-        configuration.crashAfter = document["crashAfter"].get<std::size_t>();
+        configuration.crashAfter = number<std::size_t>(document["crashAfter"]);
     }
     const auto repeat = document.value("repeat", nlohmann::json::object());
     configuration.repeatInterval = seconds(repeat, "interval");
-    configuration.repeatCount = repeat.value("count", std::size_t{0});
+    configuration.repeatCount =
+        number<std::size_t>(repeat.value("count", nlohmann::json(0)));
     for (const auto& given : document.at("objects"))
     {
         FruObject object;
@@ -278,7 +310,7 @@ void registerProperty(sdbus::IObject& object, const std::string& interface,
                                  interface](const std::string& text) {
                         *cell = text;
                         say("set " + path + " " + interface + " IpmiFruName " +
-                            text);
+                            text + stamp());
                     });
                 return;
             }
@@ -303,12 +335,13 @@ std::unique_ptr<sdbus::IObject> publish(sdbus::IConnection& connection,
         }
     }
     object->finishRegistration();
+    const auto sent = stamp();
     // Only the FRU's own interfaces, as the VPD service announces them.
     if (!names.empty())
     {
         object->emitInterfacesAddedSignal(names);
     }
-    say("published " + fru.path);
+    say("published " + fru.path + sent);
     return object;
 }
 
@@ -391,6 +424,17 @@ int main(int argc, char** argv)
         "type='method_call',interface='org.freedesktop.DBus.ObjectManager',"
         "member='GetManagedObjects'",
         [](sdbus::Message&) { say("call GetManagedObjects"); },
+        sdbus::floating_slot);
+    connection->addMatch(
+        "type='method_call',interface='org.freedesktop.DBus.Properties',"
+        "member='Get'",
+        [](sdbus::Message& call) {
+        std::string interface;
+        std::string name;
+        call >> interface >> name;
+        say("call Get " + call.getPath() + " " + interface + " " + name +
+            stamp());
+        },
         sdbus::floating_slot);
     say("started");
 

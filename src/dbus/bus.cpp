@@ -309,50 +309,68 @@ Interface::~Interface()
 bool Interface::registerProperty(const std::string& name, PropertyValue value)
 {
     return connection->run([&]() {
-        if (initialized || !isValidMemberName(name))
-        {
-            return false;
-        }
-        auto found =
-            std::find_if(properties.begin(), properties.end(),
-                         [&](const auto& p) { return p.first == name; });
-        if (found != properties.end())
-        {
-            return false;
-        }
-        properties.emplace_back(name, std::move(value));
-        return true;
+        return addProperty(name, std::move(value));
     });
 }
 
 bool Interface::initialize()
 {
-    return connection->run([this]() {
-        if (initialized)
+    return connection->run([this]() { return announce(); });
+}
+
+bool Interface::initialize(
+    std::vector<std::pair<std::string, PropertyValue>> values)
+{
+    return connection->run([&]() {
+        for (auto& [name, value] : values)
         {
-            return false;
+            addProperty(name, std::move(value));
         }
-        translateErrors([this]() {
-            object = sdbus::createObject(connection->raw(), objectPath);
-            // Declares the interface even when no property follows, so that
-            // an interface without members still goes on the bus.
-            object->setInterfaceFlags(interfaceName, sdbus::Flags{});
-            for (std::size_t i = 0; i < properties.size(); ++i)
-            {
-                const auto& [name, value] = properties[i];
-                object->registerProperty(
-                    interfaceName, name, signatureOf(value),
-                    [this, i](sdbus::PropertyGetReply& reply) {
-                    std::visit([&reply](const auto& v) { reply << v; },
-                               properties[i].second);
-                    });
-            }
-            object->finishRegistration();
-            object->emitInterfacesAddedSignal({interfaceName});
-        });
-        initialized = true;
-        return true;
+        return announce();
     });
+}
+
+bool Interface::addProperty(const std::string& name, PropertyValue value)
+{
+    if (initialized || !isValidMemberName(name))
+    {
+        return false;
+    }
+    auto found = std::find_if(properties.begin(), properties.end(),
+                              [&](const auto& p) { return p.first == name; });
+    if (found != properties.end())
+    {
+        return false;
+    }
+    properties.emplace_back(name, std::move(value));
+    return true;
+}
+
+bool Interface::announce()
+{
+    if (initialized)
+    {
+        return false;
+    }
+    translateErrors([this]() {
+        object = sdbus::createObject(connection->raw(), objectPath);
+        // Declares the interface even when no property follows, so that an
+        // interface without members still goes on the bus.
+        object->setInterfaceFlags(interfaceName, sdbus::Flags{});
+        for (std::size_t i = 0; i < properties.size(); ++i)
+        {
+            const auto& [name, value] = properties[i];
+            object->registerProperty(interfaceName, name, signatureOf(value),
+                                     [this, i](sdbus::PropertyGetReply& reply) {
+                std::visit([&reply](const auto& v) { reply << v; },
+                           properties[i].second);
+            });
+        }
+        object->finishRegistration();
+        object->emitInterfacesAddedSignal({interfaceName});
+    });
+    initialized = true;
+    return true;
 }
 
 bool Interface::isInitialized() const

@@ -200,6 +200,10 @@ class Interface
     // Publishes the interface with the properties registered so far and
     // announces it with InterfacesAdded. A second call does nothing.
     bool initialize();
+    // registerProperty of each value in turn, then initialize(), in one turn
+    // of the loop thread: a caller on another thread waits for the loop once
+    // instead of once a property.
+    bool initialize(std::vector<std::pair<std::string, PropertyValue>> values);
     bool isInitialized() const;
 
     bool hasProperty(const std::string& name) const;
@@ -217,6 +221,10 @@ class Interface
     }
 
   private:
+    // The bodies of registerProperty and initialize, on the loop thread.
+    bool addProperty(const std::string& name, PropertyValue value);
+    bool announce();
+
     std::shared_ptr<Connection> connection;
     std::string objectPath;
     std::string interfaceName;

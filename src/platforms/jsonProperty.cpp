@@ -50,6 +50,8 @@ std::optional<hwtopod::dbus::PropertyValue> jsonPropertyValue(
         }
     }
 
+    // Each conversion below is of the JSON kind the value holds, so none
+    // narrows or leaves its range.
     switch (elementType)
     {
         case Type::object:
@@ -112,11 +114,18 @@ void Base::publishRecord(
     const std::string& file, std::string_view saveMessage)
 {
     hwtopod::rules::appendFound(document, key, std::move(record));
+    // All properties in one hand-over to the bus thread, not one each: the
+    // discovery worker would otherwise wait for that thread a dozen times a
+    // board.
+    std::vector<std::pair<std::string, hwtopod::dbus::PropertyValue>> values;
     for (const auto& [name, value] : document.at(key).back().items())
     {
-        addJsonProperty(interface, name, value);
+        if (auto typed = jsonPropertyValue(name, value))
+        {
+            values.emplace_back(name, std::move(*typed));
+        }
     }
-    interface->initialize();
+    interface->initialize(std::move(values));
     hwtopod::rules::saveFoundHardware(document, file, saveMessage);
 }
 

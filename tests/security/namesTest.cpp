@@ -3,9 +3,13 @@
 
 #include "common/names.hpp"
 
+#include "common/jsonNumber.hpp"
+
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -115,6 +119,34 @@ TEST(Names, RefusalIsOneLineWhateverTheValueHolds)
     EXPECT_THAT(log, testing::HasSubstr(
                          "[ERROR] Refused VPD object path \"/a/../b\": not a "
                          "valid D-Bus object path\n"));
+}
+
+// Numbers from rule files and VPD: at each edge of the target's range, and
+// JSON kinds whose plain conversion would be undefined or would wrap.
+TEST(Numbers, OnlyThoseTheTypeHoldsExactlyConvert)
+{
+    using hwtopod::jsonInteger;
+    using nlohmann::json;
+    EXPECT_EQ(jsonInteger<std::uint8_t>(json(255)), 255);
+    EXPECT_EQ(jsonInteger<std::uint8_t>(json(256)), std::nullopt);
+    EXPECT_EQ(jsonInteger<std::uint32_t>(json(-1)), std::nullopt);
+    EXPECT_EQ(jsonInteger<std::int32_t>(json(-2147483648)), INT32_MIN);
+    EXPECT_EQ(jsonInteger<std::int64_t>(json(UINT64_MAX)), std::nullopt);
+    EXPECT_EQ(jsonInteger<std::uint64_t>(json(8.88889e31)), std::nullopt);
+    EXPECT_EQ(jsonInteger<std::uint64_t>(json(18446744073709551616.0)),
+              std::nullopt);
+    EXPECT_EQ(jsonInteger<std::int64_t>(json(-9223372036854775808.0)),
+              INT64_MIN);
+    EXPECT_EQ(jsonInteger<int>(json(2.0)), 2);
+    EXPECT_EQ(jsonInteger<int>(json(2.5)), std::nullopt);
+    EXPECT_EQ(jsonInteger<int>(json(std::nan(""))), std::nullopt);
+    EXPECT_EQ(jsonInteger<int>(json("2")), std::nullopt);
+    EXPECT_EQ(jsonInteger<int>(json(true)), std::nullopt);
+    EXPECT_EQ(hwtopod::decimalInteger<unsigned>("12"), 12U);
+    for (const char* bad : {"", "12a", " 12", "-1", "4294967296"})
+    {
+        EXPECT_EQ(hwtopod::decimalInteger<unsigned>(bad), std::nullopt) << bad;
+    }
 }
 
 } // namespace

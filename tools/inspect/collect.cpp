@@ -1,3 +1,4 @@
+#include "common/jsonNumber.hpp"
 #include "common/paths.hpp"
 #include "inspect.hpp"
 
@@ -152,12 +153,13 @@ Json i2cLink(const std::string& name)
     const auto leaf = target.filename().string();
     if (leaf.starts_with("i2c-"))
     {
-        result["bus"] = std::strtoul(leaf.c_str() + 4, nullptr, 10);
+        if (auto bus = decimalInteger<unsigned>(leaf.substr(4)))
+        {
+            result["bus"] = *bus;
+            return result;
+        }
     }
-    else
-    {
-        result["bus"] = nullptr;
-    }
+    result["bus"] = nullptr;
     return result;
 }
 
@@ -173,12 +175,12 @@ std::uint64_t processStart(pid_t pid)
     // Fields after the command name, which is in parentheses.
     std::istringstream rest(text.substr(text.rfind(')') + 2));
     std::string field;
-    unsigned long long ticks = 0;
+    std::uint64_t ticks = 0;
     for (int index = 3; rest >> field; ++index)
     {
         if (index == 22)
         {
-            ticks = std::stoull(field);
+            ticks = decimalInteger<std::uint64_t>(field).value_or(0);
             break;
         }
     }
@@ -277,7 +279,14 @@ Json journalEvents(pid_t pid, const Json& messages, Json& errors)
         {
             event["args"] = nullptr;
         }
-        event["priority"] = std::atoi(fields["PRIORITY"].c_str());
+        if (auto priority = decimalInteger<int>(fields["PRIORITY"]))
+        {
+            event["priority"] = *priority;
+        }
+        else
+        {
+            event["priority"] = nullptr;
+        }
         const auto message = messages.find(shortId);
         const auto known = message != messages.end();
         event["text"] = describeEvent(known ? *message : Json(), argList);
@@ -308,9 +317,8 @@ std::optional<pid_t> daemonPid(sdbus::IConnection& connection,
 unsigned riserSlot(const Json& properties)
 {
     auto slot = properties.find("RiserSlot");
-    return slot != properties.end() && slot->is_number_unsigned()
-               ? slot->get<unsigned>()
-               : 0;
+    return slot == properties.end() ? 0
+                                    : jsonInteger<unsigned>(*slot).value_or(0);
 }
 
 std::string clean(std::string text)
@@ -392,7 +400,10 @@ std::vector<unsigned> risersOnlyFpgaSaw(const Json& events)
         if (args.size() == 2 && args[0] == "BMC" &&
             args[1].starts_with("Slot "))
         {
-            slots.push_back(std::strtoul(args[1].c_str() + 5, nullptr, 10));
+            if (auto slot = decimalInteger<unsigned>(args[1].substr(5)))
+            {
+                slots.push_back(*slot);
+            }
         }
     }
     return slots;
@@ -507,11 +518,12 @@ Json collect(const Options& options)
             {
                 for (const auto& s : properties["PCIeSlot"])
                 {
-                    if (!s.is_number_unsigned())
+                    const auto checked = jsonInteger<unsigned>(s);
+                    if (!checked)
                     {
                         continue;
                     }
-                    const auto number = s.get<unsigned>();
+                    const auto number = *checked;
                     Json entry = {{"slot", number}};
                     entry["i2c"] =
                         i2cLink("pcie_slot" + std::to_string(number) + "_i2c");
@@ -543,13 +555,12 @@ Json collect(const Options& options)
             Json bp = {{"path", name},
                        {"interface", interfacesOf(interfaces)},
                        {"properties", properties}};
-            if (properties.contains("BackplaneId") &&
-                properties["BackplaneId"].is_number())
+            const auto id = properties.contains("BackplaneId")
+                                ? jsonInteger<int>(properties["BackplaneId"])
+                                : std::nullopt;
+            if (id)
             {
-                bp["i2c"] = i2cLink(
-                    "bp" +
-                    std::to_string(properties["BackplaneId"].get<int>()) +
-                    "_i2c");
+                bp["i2c"] = i2cLink("bp" + std::to_string(*id) + "_i2c");
             }
             backplanes.push_back(bp);
         }

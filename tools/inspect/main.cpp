@@ -9,9 +9,9 @@
 // error after the report, when the daemon is not on the bus or a result file
 // it wrote cannot be read: the report is then not the daemon's picture.
 
+#include "common/jsonNumber.hpp"
 #include "inspect.hpp"
 
-#include <charconv>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -40,16 +40,12 @@ int main(int argc, char** argv)
         }
         else if (arg == "--pid" && i + 1 < argc)
         {
-            const std::string_view text = argv[++i];
-            pid_t pid = 0;
-            const auto [end, error] =
-                std::from_chars(text.data(), text.data() + text.size(), pid);
-            if (error != std::errc() || end != text.data() + text.size() ||
-                pid <= 0)
+            const auto pid = hwtopod::decimalInteger<pid_t>(argv[++i]);
+            if (!pid || *pid <= 0)
             {
                 return usage();
             }
-            options.pid = pid;
+            options.pid = *pid;
         }
         else if (arg == "--service" && i + 1 < argc)
         {
