@@ -400,7 +400,9 @@ std::vector<unsigned> risersOnlyFpgaSaw(const Json& events)
         if (args.size() == 2 && args[0] == "BMC" &&
             args[1].starts_with("Slot "))
         {
-            if (auto slot = decimalInteger<unsigned>(args[1].substr(5)))
+            // "Slot 3 Riser": the number is the word after "Slot ".
+            const auto word = args[1].substr(5, args[1].find(' ', 5) - 5);
+            if (auto slot = decimalInteger<unsigned>(word))
             {
                 slots.push_back(*slot);
             }
