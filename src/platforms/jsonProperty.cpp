@@ -112,11 +112,14 @@ void Base::publishRecord(
     const std::string& file, std::string_view saveMessage)
 {
     hwtopod::rules::appendFound(document, key, std::move(record));
-    for (const auto& [name, value] : document.at(key).back().items())
+    if (interface)
     {
-        addJsonProperty(interface, name, value);
+        for (const auto& [name, value] : document.at(key).back().items())
+        {
+            addJsonProperty(interface, name, value);
+        }
+        interface->initialize();
     }
-    interface->initialize();
     hwtopod::rules::saveFoundHardware(document, file, saveMessage);
 }
 

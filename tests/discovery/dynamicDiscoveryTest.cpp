@@ -337,3 +337,59 @@ TEST_F(DynamicDiscovery, MissingCpu1AndAnAbsentPowerService)
     EXPECT_TRUE(platform->cpuCheck.cpuPowerDenied);
     EXPECT_EQ(eventsSoFar().count({"TKRMBPU0009N", "1"}), 1U);
 }
+
+TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
+{
+    // Names the bus refuses cost the D-Bus object alone; riser 3 has no slot
+    // to link and no numeric BUS; riser 4 names the last slot a riser can
+    // carry, past the FPGA's status table.
+    auto& trdBackplanes = (*platform->trdBackplanes)["NormalBP"];
+    trdBackplanes[0]["Name"] = "Front-BP 1";
+    auto& trdRisers = *platform->trdRisers;
+    trdRisers[0]["Interface"] = "com.halvex.hwtopod.-riser";
+    trdRisers[1]["Properties"]["PCIeSlot"] = nlohmann::json::array();
+    trdRisers[1]["Properties"]["BUS"] = "forty";
+    trdRisers[2]["Properties"]["PCIeSlot"] = {30};
+    fpgaSees({1, 3, 4}, {});
+    for (auto [name, id, location] :
+         {std::tuple{"BP_1", 0x70, 1},
+          {"RISER_1", 0xE0, 1},
+          {"RISER_3", 0xE0, 3},
+          {"RISER_4", 0xE0, 4}})
+    {
+        auto vpd = board(static_cast<std::uint8_t>(id), id == 0x70 ? 112 : 224,
+                         static_cast<std::uint16_t>(location), name);
+        vpd.erase("VpdFormat");
+        platform->vpdObjects[std::string("/com/halvex/vpdd/") + name] = vpd;
+    }
+    auto log = discover();
+
+    EXPECT_TRUE(platform->fpgaMatchQueue.empty()) << log;
+    EXPECT_EQ(nlohmann::json::parse(
+                  test::readFile(root / rules::risersFoundFile))["risers"]
+                  .size(),
+              3U);
+    EXPECT_EQ(platform->backplanesFound["backplanes"].size(), 1U);
+    EXPECT_EQ(linkTarget("bp1_i2c"),
+              sandboxPath("sys/devices/platform/i2c/i2c-30"));
+    EXPECT_TRUE(platform->backplaneInstalled["BP_1_INSTALLED"]);
+    const Events events = eventsSoFar();
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_11::Backplane::1"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_23::Slot::3 Riser"}), 1U);
+    for (const char* mismatch :
+         {"TKRMBSS0012G", "TKRMBIO0035G", "TKRMBIO0036G", "TKRMBIO0037G"})
+    {
+        EXPECT_EQ(countId(events, mismatch), 0U) << mismatch;
+    }
+}
+
+TEST_F(DynamicDiscovery, NoFpgaReadoutDelaysDiscoveryForALimitedTime)
+{
+    platform->hardwareWaitLimit = std::chrono::seconds(0);
+    platform->vpdObjects["/com/halvex/vpdd/BP_1"] =
+        board(0x70, 112, 1, "Front BP");
+    EXPECT_THAT(discover(),
+                HasSubstr("[WARNING] Board discovery waited 0 seconds for the "
+                          "FPGA read-out and goes on without it\n"));
+    EXPECT_EQ(platform->backplanesFound["backplanes"].size(), 1U);
+}
