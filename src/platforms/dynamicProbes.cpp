@@ -393,7 +393,7 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
 void Highvol::checkRiserConnection(const nlohmann::json& riser,
                                    std::string riserName)
 {
-    const auto riserNumber = numberAs<std::uint64_t>(riser.at("RiserSlot"));
+    const auto riserNumber = numberAs<unsigned>(riser.at("RiserSlot"));
     if (!riser.contains("PCIeSlot") || !riser.contains("BUS"))
     {
         logError() << "Riser should has PCIeSlot and BUS configured!";
@@ -439,8 +439,7 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         "<PCIe Slot " + std::to_string(riserNumber) + " Riser>";
     if (!riser.contains("Connector"))
     {
-        hwtopod::sendPresentEvent(DeviceType::SlotRiser, true,
-                                  static_cast<unsigned>(riserNumber), "",
+        hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber, "",
                                   false);
         logError() << "Connector of " << displayName
                    << " was not found in setting ";
@@ -450,10 +449,9 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         "PWR_" + std::to_string(numberAs<unsigned>(riser.at("Connector")));
     logInfo() << "Power Connector of " << displayName
               << " was found in setting: " << connector;
-    hwtopod::sendPresentEvent(DeviceType::SlotRiser, true,
-                              static_cast<unsigned>(riserNumber), connector,
-                              false);
-    auto queued = fpgaMatchQueue.find(static_cast<std::uint32_t>(riserNumber));
+    hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber,
+                              connector, false);
+    auto queued = fpgaMatchQueue.find(riserNumber);
     if (queued != fpgaMatchQueue.end())
     {
         logInfo() << "FPGA also detected " << displayName;

@@ -282,12 +282,11 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
 
         if (record.contains("PCIeSlot") && record.contains("BUS"))
         {
-            unsigned offset = 1;
-            if (record.contains("BusOffset") &&
-                record.at("BusOffset").is_number())
-            {
-                offset = numberAs<unsigned>(record.at("BusOffset"));
-            }
+            const unsigned offset =
+                record.contains("BusOffset")
+                    ? rules::numberIf<unsigned>(record.at("BusOffset"))
+                          .value_or(1)
+                    : 1;
             const unsigned first =
                 numberAs<unsigned>(record.at("BUS")) + offset;
             const auto& slots = record.at("PCIeSlot");
@@ -295,11 +294,12 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
             {
                 for (std::size_t i = 0; i < slots.size(); ++i)
                 {
-                    if (slots[i].is_number() && slots[i].get<double>() > 0)
+                    // 0 or less, or no number: a position without a slot.
+                    const auto slot = rules::numberIf<unsigned>(slots[i]);
+                    if (slot && *slot > 0)
                     {
                         hwtopod::createI2cLink(
-                            hwtopod::DeviceType::PcieCard,
-                            numberAs<unsigned>(slots[i]),
+                            hwtopod::DeviceType::PcieCard, *slot,
                             first + static_cast<unsigned>(i));
                     }
                 }

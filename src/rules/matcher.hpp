@@ -14,6 +14,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -139,6 +140,25 @@ T numberAs(const nlohmann::json& value)
         throw std::out_of_range("number " + value.dump() + " is out of range");
     }
     return value.get<T>();
+}
+
+// value as T when it is a number in T's range, else none: for the places
+// that pass over a value of the wrong type.
+template <typename T>
+std::optional<T> numberIf(const nlohmann::json& value)
+{
+    if (!value.is_number())
+    {
+        return std::nullopt;
+    }
+    try
+    {
+        return numberAs<T>(value);
+    }
+    catch (const std::out_of_range&)
+    {
+        return std::nullopt;
+    }
 }
 
 } // namespace hwtopod::rules

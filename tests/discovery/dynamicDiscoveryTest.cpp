@@ -3,10 +3,7 @@
 
 #include "discoveryFixture.hpp"
 #include "platforms/kelvane1u.hpp"
-#include "process.hpp"
 #include "rules/rules.hpp"
-
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,20 +74,6 @@ VpdProperties board(std::uint8_t id, std::uint8_t posId, std::uint16_t location,
             {"VpdFound", true},
             {"VpdFormat", std::string("Halvex_Fullv3")},
             {"BUS", std::uint32_t{7}}};
-}
-
-VpdProperties cpu(std::uint16_t location, bool found, std::uint32_t stepping,
-                  std::uint64_t flags)
-{
-    return {{"VpdId", std::uint8_t{0x10}},
-            {"VpdName", "CPU_" + std::to_string(location)},
-            {"VpdLocation", location},
-            {"VpdFound", found},
-            {"CoreFeatureFlags", flags},
-            {"CpuId", std::uint32_t{0x806F8}},
-            {"Stepping", stepping},
-            {"SkuNumber", std::string("6538Y")},
-            {"SSpecOrQdfNumber", std::string("SRN6A")}};
 }
 
 class DynamicDiscovery : public DiscoveryFixture
@@ -275,67 +258,6 @@ TEST_F(DynamicDiscovery, RisersSeenByOneSideOnlyAndWrongLocations)
         events.count({"TKRMBIO0037G", "Slot 5 Riser::to correct location"}),
         1U);
     EXPECT_EQ(countId(events, "TKRMBSS0012G"), 2U);
-}
-
-TEST_F(DynamicDiscovery, CpuMismatchVotesAgainstPowerOn)
-{
-    test::Process pwrmgt(test::builtProgram("sim/pwrmgt/hwtopod-sim-pwrmgt"),
-                         {});
-    for (int i = 0;
-         i < 100 && pwrmgt.standardOutput().find("ready") == std::string::npos;
-         ++i)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    fpgaSees({}, {});
-    platform->vpdObjects["/com/halvex/vpdd/CPU_1"] = cpu(1, true, 8, 0xFF);
-    platform->vpdObjects["/com/halvex/vpdd/CPU_2"] = cpu(2, true, 6, 0xFE);
-    // Not a CPU by its path: no check, no vote.
-    platform->vpdObjects["/com/halvex/vpdd/Cpu_3"] = cpu(3, true, 1, 1);
-    auto log = discover();
-
-    EXPECT_THAT(
-        log,
-        HasSubstr("[INFO] CPU 1 is installed, store CPU 1 configuration \n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[WARNING] CPU 2 installed and different to CPU 1, set CPU 2 configuration mismatch\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] power vote for vote id(1) success, vote value: off\n"));
-    EXPECT_EQ(pwrmgt.standardOutput(),
-              "pwrmgt ready\n"
-              "Vote com.halvex.hwtopod 1 on\n"
-              "Vote com.halvex.hwtopod 1 on\n"
-              "Vote com.halvex.hwtopod 1 off\n");
-    const Events events = eventsSoFar();
-    EXPECT_EQ(events.count({"TKRMBPU0009N", "2"}), 1U);
-    EXPECT_EQ(events.count({"TKRMBPU0015G", ""}), 1U);
-
-    // After a mismatch no vote "on" is cast again.
-    const auto votes = pwrmgt.standardOutput();
-    CaptureStderr();
-    platform->probeCpu("/com/halvex/vpdd/CPU_1");
-    GetCapturedStderr();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(pwrmgt.standardOutput(), votes);
-}
-
-TEST_F(DynamicDiscovery, MissingCpu1AndAnAbsentPowerService)
-{
-    fpgaSees({}, {});
-    auto missing = cpu(1, false, 8, 0xFF);
-    platform->vpdObjects["/com/halvex/vpdd/CPU_1"] = missing;
-    auto log = discover();
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] CPU 1 is not installed, set CPU 1 configuration mismatch \n"));
-    EXPECT_THAT(log, HasSubstr("[ERROR] power permission Exception:"));
-    EXPECT_TRUE(platform->cpuCheck.cpuPowerDenied);
-    EXPECT_EQ(eventsSoFar().count({"TKRMBPU0009N", "1"}), 1U);
 }
 
 TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
