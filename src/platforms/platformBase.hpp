@@ -269,6 +269,9 @@ class Base
     static void publishStep(const std::string& vpdPath,
                             const std::function<void()>& step);
 
+    static void linkRiserSlots(const nlohmann::json& record);
+    static void sendRiserPresence(const nlohmann::json& record);
+
     // The I2C link of a backplane record, or the warning that it lacks the
     // keys for one.
     static void linkBackplane(const nlohmann::json& record);

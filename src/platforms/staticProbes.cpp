@@ -203,6 +203,56 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
                   "hwtopod start save json ");
 }
 
+// The I2C links of a riser's PCIe slots: consecutive buses from BUS and
+// BusOffset, a position without a slot using one up.
+void Base::linkRiserSlots(const nlohmann::json& record)
+{
+    if (record.contains("PCIeSlot") && record.contains("BUS"))
+    {
+        const unsigned offset =
+            record.contains("BusOffset")
+                ? rules::numberIf<unsigned>(record.at("BusOffset")).value_or(1)
+                : 1;
+        const unsigned first = numberAs<unsigned>(record.at("BUS")) + offset;
+        const auto& slots = record.at("PCIeSlot");
+        if (slots.is_array())
+        {
+            for (std::size_t i = 0; i < slots.size(); ++i)
+            {
+                // 0 or less, or no number: a position without a slot.
+                const auto slot = rules::numberIf<unsigned>(slots[i]);
+                if (slot && *slot > 0)
+                {
+                    hwtopod::createI2cLink(hwtopod::DeviceType::PcieCard, *slot,
+                                           first + static_cast<unsigned>(i));
+                }
+            }
+        }
+    }
+}
+
+// The presence event of a riser of the static road, naming its connector.
+void Base::sendRiserPresence(const nlohmann::json& record)
+{
+    const auto slot = numberAs<unsigned>(record.at("RiserSlot"));
+    if (record.contains("Connector"))
+    {
+        const std::string name =
+            "PWR_" + std::to_string(numberAs<unsigned>(record.at("Connector")));
+        hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true, slot,
+                                  name, false);
+        logInfo() << "Connector of RiserSlot[" << record.at("RiserSlot").dump()
+                  << "] was found in setting: " << name;
+    }
+    else
+    {
+        hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true, slot,
+                                  "", false);
+        logInfo() << "Connector of RiserSlot[" << record.at("RiserSlot").dump()
+                  << "] was not found in setting ";
+    }
+}
+
 void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
 {
     if (!risersData || !trdRisers)
@@ -280,52 +330,8 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
         rules::fillRecord(record, entryProperties(*entry), vpd,
                           rules::staticProbeLog("riserKey"));
 
-        if (record.contains("PCIeSlot") && record.contains("BUS"))
-        {
-            const unsigned offset =
-                record.contains("BusOffset")
-                    ? rules::numberIf<unsigned>(record.at("BusOffset"))
-                          .value_or(1)
-                    : 1;
-            const unsigned first =
-                numberAs<unsigned>(record.at("BUS")) + offset;
-            const auto& slots = record.at("PCIeSlot");
-            if (slots.is_array())
-            {
-                for (std::size_t i = 0; i < slots.size(); ++i)
-                {
-                    // 0 or less, or no number: a position without a slot.
-                    const auto slot = rules::numberIf<unsigned>(slots[i]);
-                    if (slot && *slot > 0)
-                    {
-                        hwtopod::createI2cLink(
-                            hwtopod::DeviceType::PcieCard, *slot,
-                            first + static_cast<unsigned>(i));
-                    }
-                }
-            }
-        }
-
-        const auto slot = numberAs<unsigned>(record.at("RiserSlot"));
-        if (record.contains("Connector"))
-        {
-            const std::string name =
-                "PWR_" +
-                std::to_string(numberAs<unsigned>(record.at("Connector")));
-            hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true,
-                                      slot, name, false);
-            logInfo() << "Connector of RiserSlot["
-                      << record.at("RiserSlot").dump()
-                      << "] was found in setting: " << name;
-        }
-        else
-        {
-            hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true,
-                                      slot, "", false);
-            logInfo() << "Connector of RiserSlot["
-                      << record.at("RiserSlot").dump()
-                      << "] was not found in setting ";
-        }
+        linkRiserSlots(record);
+        sendRiserPresence(record);
         publishRecord(interface, std::move(record), risersFound, "risers",
                       rules::risersFoundFile, "hwtopod start save json ");
         return;

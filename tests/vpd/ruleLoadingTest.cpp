@@ -2,8 +2,6 @@
 // missing or broken file costs its message and nothing more.
 
 #include "platforms/kelvane1u.hpp"
-#include "privateBus.hpp"
-#include "process.hpp"
 #include "sandbox.hpp"
 
 #include <cstdlib>
@@ -154,33 +152,6 @@ TEST_F(RuleLoading, EmptyBrokenAndWrongFiles)
     ASSERT_TRUE(platform->trdBackplanes && platform->trdMidplanes);
     EXPECT_TRUE(platform->trdBackplanes->is_null());
     EXPECT_TRUE(platform->trdRisers->is_array());
-}
-
-TEST(RuleLoadingDaemon, BrokenRuleFilesLeaveTheDaemonRunning)
-{
-    hwtopod::test::PrivateBus bus;
-    TempDir root;
-    place(root, {"{\"backplanes\": ", "[{", std::nullopt});
-    hwtopod::test::Process daemon(
-        hwtopod::test::builtProgram("src/platforms/hwtopod"), {},
-        {{"HWTOPOD_ROOT", root.path().string()}, {"HWTOPOD_STATUS", "normal"}});
-    ASSERT_TRUE(daemon.waitForLog("[INFO] Service is set\n"))
-        << daemon.standardError();
-    EXPECT_EQ(
-        daemon.countInLog("[CRITICAL] Exception in loadTrd : bpTrdRules "), 1U);
-    EXPECT_EQ(
-        daemon.countInLog("[CRITICAL] Exception in loadTrd : backplanesFile "),
-        1U);
-    EXPECT_EQ(daemon.countInLog(
-                  "[WARNING] [STATE0] CANNOT FIND THE JSON risersFile, PATH = "
-                  "/usr/share/vantarack-bmc-apps/hwtopod/bhs_risers.json\n"),
-              1U);
-    EXPECT_EQ(daemon.countInLog(powerWarning), 1U);
-    EXPECT_EQ(daemon.countInLog("[ERROR] [Base::matchVpdd] TRD files are not "
-                                "loaded\n"),
-              1U);
-    ASSERT_TRUE(daemon.waitForLog("[INFO] Thread for service is forked\n"));
-    EXPECT_TRUE(daemon.running());
 }
 
 } // namespace
