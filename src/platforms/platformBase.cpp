@@ -253,6 +253,9 @@ void Base::waitForHardwareDiscovery()
     // hardwareWaitLimit discovery goes on with the picture there is (riser
     // checks then see no FPGA riser); three minutes is well past a slow
     // FPGA start and short enough for a technician waiting on the boards.
+    // A read-out that still ends after the bound writes the riser fields
+    // while discovery reads them: the bound is for an FPGA that never
+    // comes, not for a slow one.
     std::unique_lock lock(stateMutex);
     if (!stateChanged.wait_for(lock, hardwareWaitLimit, [this]() {
             return hwDiscoveryDone.load();

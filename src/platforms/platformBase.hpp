@@ -265,7 +265,8 @@ class Base
         const std::string& interfaceName, bool& duplicate);
 
     // One step of publishing a board: an exception in it is reported for
-    // the VPD object and ends that step alone.
+    // the VPD object, in the words the walk uses for an object that fails,
+    // and ends that step alone.
     static void publishStep(const std::string& vpdPath,
                             const std::function<void()>& step);
 

@@ -61,7 +61,8 @@ class Highvol : public Base
 
     // No lock on the members below. The read-out fields, skuNames and
     // fpgaMatchQueue are written by the hardware thread before
-    // hwDiscoveryDone; VPD discovery waits for that flag in probeCachedVpdd
+    // hwDiscoveryDone; VPD discovery waits for that flag (for a bounded
+    // time, see waitForHardwareDiscovery) in probeCachedVpdd
     // and is from then on their only user (it takes risers off
     // fpgaMatchQueue and fills vpdRiserSlots, riserSlotsProbed and
     // cachedVpdDone).
