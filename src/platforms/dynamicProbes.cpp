@@ -7,6 +7,8 @@
 #include "probeHelpers.hpp"
 #include "rules/rules.hpp"
 
+#include <optional>
+
 namespace Platform
 {
 
@@ -27,94 +29,6 @@ std::uint64_t numberOrEnter(VpdProperties& vpd, const char* name)
     return readVpdNumber(vpd[name]);
 }
 
-bool hasLocation(const nlohmann::json& element)
-{
-    if (element.is_object() && !element.contains("Location"))
-    {
-        // A topology entry without a location fits nothing.
-        return false;
-    }
-    // at() throws for an element that is no object: the caller reports it.
-    (void)element.at("Location");
-    return true;
-}
-
-bool locationIs(const nlohmann::json& element, std::uint64_t location)
-{
-    return element.at("Location") == nlohmann::json(location);
-}
-
-bool containsName(const nlohmann::json& list, const std::string& name)
-{
-    return std::any_of(list.begin(), list.end(), [&](const auto& item) {
-        return item == nlohmann::json(name);
-    });
-}
-// Whether a riser topology entry fits the riser at location with posId,
-// with the machine's SKU names.
-bool riserEntryFits(const nlohmann::json& element, std::uint64_t location,
-                    std::uint64_t posId, const std::string& front,
-                    const std::string& rear)
-{
-    if (!element.is_object())
-    {
-        // Reported by the caller as a rule it cannot use.
-        throw std::invalid_argument(
-            "riser topology entry is no object: " + element.dump());
-    }
-    if (!element.contains("Location") || !element.contains("PosID") ||
-        !element.at("Location").is_number() || !element.at("PosID").is_number())
-    {
-        return false;
-    }
-    const bool located = locationIs(element, location);
-    const auto& posIdValue = element.at("PosID");
-    if ((rear == "NONE" && front == "NONE") || !element.contains("SkuConfig"))
-    {
-        return located && (posIdValue == nlohmann::json(posId) ||
-                           posIdValue == nlohmann::json(0));
-    }
-    const auto& skuConfig = element.at("SkuConfig");
-    if (skuConfig.is_string())
-    {
-        logInfo() << "riser[SkuConfig] is string";
-    }
-    else if (skuConfig.is_object())
-    {
-        logInfo() << "riser[SkuConfig] is object";
-    }
-    else if (!skuConfig.is_array())
-    {
-        return false;
-    }
-    std::string sku;
-    const nlohmann::json side =
-        element.contains("Properties") && element.at("Properties").is_object()
-            ? element.at("Properties").value("Location", nlohmann::json())
-            : nlohmann::json();
-    if (side == "Front" && front != "NONE")
-    {
-        sku = front;
-    }
-    else if (side == "Rear" && rear != "NONE")
-    {
-        sku = rear;
-    }
-    else
-    {
-        return false;
-    }
-    if (!located || posIdValue != nlohmann::json(posId))
-    {
-        return false;
-    }
-    if (skuConfig.is_array())
-    {
-        return containsName(skuConfig, sku);
-    }
-    return skuConfig == nlohmann::json(sku);
-}
-
 } // namespace
 
 void Highvol::probeCachedVpdd()
@@ -132,17 +46,7 @@ void Highvol::probeCachedVpdd()
         waitForHardwareDiscovery();
     }
 
-    backplaneType = "NormalBP";
-    for (const auto& [path, vpd] : vpdObjects)
-    {
-        auto pos = vpd.find("PosIdValue");
-        const auto value = pos == vpd.end() ? 0 : readVpdNumber(pos->second);
-        if (value == 0xDC || value == 0xDD || value == 0xE4)
-        {
-            backplaneType = "E3.S";
-            break;
-        }
-    }
+    backplaneType = backplaneTypeOf(vpdObjects);
 
     std::vector<std::string> paths;
     paths.reserve(vpdObjects.size());
@@ -187,6 +91,18 @@ void Highvol::probeCachedVpdd()
         }
     }
 
+    reportUnconfirmedRisers();
+    cachedVpdDone = true;
+    // Tells a watcher of the log (the simulator, a field engineer) that the
+    // boards have been walked and the books closed.
+    logInfo() << "Board discovery has ended";
+}
+
+// The closing check: each riser the FPGA reported and no VPD object
+// confirmed gets its not-detected event and the reasons the FPGA's status
+// gives for it.
+void Highvol::reportUnconfirmedRisers()
+{
     for (const auto& [riser, queued] : fpgaMatchQueue)
     {
         const std::string name = "Slot " + std::to_string(riser) + " Riser";
@@ -242,10 +158,35 @@ void Highvol::probeCachedVpdd()
             }
         }
     }
-    cachedVpdDone = true;
-    // Tells a watcher of the log (the simulator, a field engineer) that the
-    // boards have been walked and the books closed.
-    logInfo() << "Board discovery has ended";
+}
+
+// The presence event of a backplane, naming its power connector.
+void Highvol::sendBackplanePresence(const nlohmann::json& record)
+{
+    const auto backplaneId = numberAs<unsigned>(record.at("BackplaneId"));
+    std::string connector;
+    if (record.contains("Connector"))
+    {
+        connector = "PWR_" +
+                    std::to_string(numberAs<unsigned>(record.at("Connector")));
+    }
+    if (backplaneId == 0)
+    {
+        connector = "M.2_PWR";
+    }
+    hwtopod::sendPresentEvent(DeviceType::Backplane, true, backplaneId,
+                              connector, false);
+}
+
+rules::Selectors Highvol::selectors() const
+{
+    rules::Selectors result;
+    result.backplaneType = backplaneType;
+    for (const auto& [side, name] : skuNames)
+    {
+        (side == "Front" ? result.front : result.rear) = name;
+    }
+    return result;
 }
 
 void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
@@ -262,148 +203,46 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
         return;
     }
     const auto& vpd = found->second;
-    const nlohmann::json entries = trdBackplanes->at(backplaneType);
-    const bool openLoop = getFpgaDeviceState(89);
-    const nlohmann::json wanted(posId);
-
-    for (const auto& rule : *backplanesData)
+    auto select = selectors();
+    select.openLoop = getFpgaDeviceState(89);
+    auto match =
+        rules::matchDynamicBoard(rules::Board::backplane, *backplanesData,
+                                 *trdBackplanes, vpd, posId, select);
+    if (!acceptMatch(match))
     {
-        if (!keyEquals(rule, "POSID", wanted))
-        {
-            continue;
-        }
-        if (!vpd.contains("VpdLocation"))
-        {
-            logInfo() << "hwtopod no BP location found on "
-                      << vpdText(vpd, "VpdName");
-            continue;
-        }
-        const auto location = readVpdNumber(vpd.at("VpdLocation"));
-        logInfo() << "Found BP POSID:" << hex16(posId) << "(" << posId
-                  << ") location: " << location
-                  << " name: " << jsonText(rule, "Name");
-
-        const nlohmann::json* entry = nullptr;
-        nlohmann::json record;
-        try
-        {
-            const std::string front = skuNames["Front"];
-            const std::string rear = skuNames["Rear"];
-            for (const auto& element : entries)
-            {
-                if (!hasLocation(element))
-                {
-                    continue;
-                }
-                bool fits = false;
-                const bool located = locationIs(element, location);
-                if (element.contains("OpenLoop"))
-                {
-                    fits = located &&
-                           element.at("OpenLoop") == nlohmann::json(openLoop);
-                }
-                else if (element.contains("PosID"))
-                {
-                    fits = located && element.at("PosID") == wanted;
-                }
-                else if (element.contains("SkuConfig") &&
-                         element.at("SkuConfig").is_array() &&
-                         !element.at("SkuConfig").empty() && front != "NONE")
-                {
-                    fits = located &&
-                           containsName(element.at("SkuConfig"), front);
-                }
-                else if (element.contains("SkuConfig") &&
-                         element.at("SkuConfig").is_array() &&
-                         !element.at("SkuConfig").empty() && rear != "NONE")
-                {
-                    fits = located &&
-                           containsName(element.at("SkuConfig"), rear);
-                }
-                else
-                {
-                    fits = located;
-                }
-                if (fits)
-                {
-                    entry = &element;
-                    break;
-                }
-            }
-            if (entry == nullptr)
-            {
-                logInfo() << "probeBpVpddDynamic cannot find bp ";
-                continue;
-            }
-            record =
-                rules::recordTemplate(rule, "com.halvex.hwtopod.backplane");
-        }
-        catch (const std::exception& e)
-        {
-            logCritical() << "Exception in probeBpVpddDynamic: " << e.what();
-            continue;
-        }
-
-        const std::string name =
-            blanksToUnderscores(entry->at("Name").get<std::string>());
-        const std::string interfaceName =
-            entry->at("Interface").get<std::string>();
-        if (!acceptEntryNames(name, interfaceName))
-        {
-            return;
-        }
-        const std::string objectPath = "/chassis/bp/" + name;
-        logInfo() << "probeBpVpddDynamic set (" << name << ") dbus path to "
-                  << objectPath;
-        auto interface = addDbusInterface(objectPath, interfaceName);
-        if (!interface)
-        {
-            // Published already by an earlier probe of the same board: its
-            // link, event, FRU name and record are there, and are not made
-            // twice.
-            return;
-        }
-        rules::fillRecord(record, entryProperties(*entry), vpd,
-                          rules::dynamicBackplaneLog());
-
-        if (record.contains("BackplaneId") && record.contains("BusNumber"))
-        {
-            hwtopod::createI2cLink(DeviceType::Backplane,
-                                   numberAs<unsigned>(record.at("BackplaneId")),
-                                   numberAs<unsigned>(record.at("BusNumber")));
-        }
-        else
-        {
-            logWarning() << "BusNumber or BackplaneId did not find in setting ";
-        }
-        const auto backplaneId = numberAs<unsigned>(record.at("BackplaneId"));
-        std::string connector;
-        if (record.contains("Connector"))
-        {
-            connector =
-                "PWR_" +
-                std::to_string(numberAs<unsigned>(record.at("Connector")));
-        }
-        if (backplaneId == 0)
-        {
-            connector = "M.2_PWR";
-        }
-        hwtopod::sendPresentEvent(DeviceType::Backplane, true, backplaneId,
-                                  connector, false);
-
-        const auto id = numberAs<std::uint8_t>(record.at("BackplaneId"));
-        const std::string format = vpdText(vpd, "VpdFormat");
-        if (id != 0)
-        {
-            updateFruName(path, format, DeviceType::Backplane, id, "");
-            updateBackplaneStatus(id);
-        }
-
-        publishRecord(interface, std::move(record), backplanesFound,
-                      "backplanes", rules::backplanesFoundFile,
-                      "Finally save BP json.");
         return;
     }
+    const std::string name = blanksToUnderscores(match.name);
+    const std::string objectPath = "/chassis/bp/" + name;
+    logInfo() << "probeBpVpddDynamic set (" << name << ") dbus path to "
+              << objectPath;
+    bool duplicate = false;
+    auto interface =
+        addBoardInterface(objectPath, name, match.interface, duplicate);
+    if (duplicate)
+    {
+        // Published already by an earlier probe of the same board: its link,
+        // event, FRU name and record are there, and are not made twice.
+        return;
+    }
+    rules::logLines(match.recordLines);
+    const auto& record = match.record;
+    publishStep(path, [&]() { linkBackplane(record); });
+    publishStep(path, [&]() { sendBackplanePresence(record); });
+    publishStep(path, [&]() {
+        const auto id = numberAs<std::uint8_t>(record.at("BackplaneId"));
+        if (id != 0)
+        {
+            publishStep(path, [&]() {
+                updateFruName(path, vpdText(vpd, "VpdFormat"),
+                              DeviceType::Backplane, id, "");
+            });
+            updateBackplaneStatus(id);
+        }
+    });
+    publishRecord(interface, std::move(match.record), backplanesFound,
+                  "backplanes", rules::backplanesFoundFile,
+                  "Finally save BP json.");
 }
 
 void Highvol::updateBackplaneStatus(std::uint8_t id)
@@ -441,108 +280,120 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
         return;
     }
     const auto& vpd = found->second;
-    const nlohmann::json wanted(posId);
-
-    for (const auto& rule : *risersData)
+    auto match = rules::matchDynamicBoard(rules::Board::riser, *risersData,
+                                          *trdRisers, vpd, posId, selectors());
+    if (!acceptMatch(match))
     {
-        if (!keyEquals(rule, "POSID", wanted))
-        {
-            continue;
-        }
-        if (!vpd.contains("VpdLocation"))
-        {
-            logInfo() << "hwtopod no RISER location found on "
-                      << vpdText(vpd, "VpdName");
-            continue;
-        }
-        const auto location = readVpdNumber(vpd.at("VpdLocation"));
-        logInfo() << "Found Riser POSID:" << hex16(posId) << "(" << posId
-                  << ") location: " << location
-                  << " name: " << jsonText(rule, "Name");
-
-        const nlohmann::json* entry = nullptr;
-        nlohmann::json record;
-        try
-        {
-            const std::string rear = skuNames["Rear"];
-            const std::string front = skuNames["Front"];
-            for (const auto& element : *trdRisers)
-            {
-                if (riserEntryFits(element, location, posId, front, rear))
-                {
-                    entry = &element;
-                    break;
-                }
-            }
-            if (entry == nullptr)
-            {
-                logError() << "Probe dynamic riser vpd, cannot find riser ";
-                continue;
-            }
-            record = rules::recordTemplate(rule, "com.halvex.hwtopod.riser");
-        }
-        catch (const std::exception& e)
-        {
-            logCritical() << "Exception when probing dynamic riser vpd: "
-                          << e.what();
-            continue;
-        }
-
-        const std::string name = entry->at("Name").get<std::string>();
-        const std::string interfaceName =
-            entry->at("Interface").get<std::string>();
-        if (!acceptEntryNames(nonAlnumToUnderscores(name), interfaceName))
-        {
-            return;
-        }
-        const std::string objectPath =
-            "/chassis/riser/" + nonAlnumToUnderscores(name);
-        logInfo() << "Probe dynamic Riser vpd, set (" << name
-                  << ") dbus path to " << objectPath;
-        auto interface = addDbusInterface(objectPath, interfaceName);
-        rules::fillRecord(record, entryProperties(*entry), vpd,
-                          rules::dynamicRiserLog());
-        if (!record.contains("RiserSlot"))
-        {
-            logError() << "Unable found RiserSlot of TRD obj: " << name;
-            return;
-        }
-        const auto slot = numberAs<std::uint64_t>(record.at("RiserSlot"));
-        if (slot > 31)
-        {
-            logError() << "Riser slot index error";
-            return;
-        }
-        if (slot > 0)
-        {
-            if (riserSlotsProbed.test(slot - 1))
-            {
-                logError()
-                    << "Riser slot index error, need review TRD, conflected to "
-                    << slot;
-                return;
-            }
-            riserSlotsProbed.set(slot - 1);
-        }
-        if (!interface)
-        {
-            // The object is on the bus already; its checks, FRU name and
-            // record were made with it and are not made twice.
-            return;
-        }
-        checkRiserConnection(record, name);
-        updateFruName(path, vpdText(vpd, "VpdFormat"), DeviceType::PcieRiser,
-                      static_cast<std::uint8_t>(slot), name);
-        publishRecord(interface, std::move(record), risersFound, "risers",
-                      rules::risersFoundFile, "Finally save riser json.");
         return;
     }
+    const std::string& name = match.name;
+    const std::string element = nonAlnumToUnderscores(name);
+    const std::string objectPath = "/chassis/riser/" + element;
+    logInfo() << "Probe dynamic Riser vpd, set (" << name << ") dbus path to "
+              << objectPath;
+    bool duplicate = false;
+    auto interface =
+        addBoardInterface(objectPath, element, match.interface, duplicate);
+    rules::logLines(match.recordLines);
+    const auto& record = match.record;
+    const auto slot = claimRiserSlot(record, name);
+    if (!slot)
+    {
+        return;
+    }
+    if (duplicate)
+    {
+        // The object is on the bus already; its checks, FRU name and record
+        // were made with it and are not made twice.
+        return;
+    }
+    publishStep(path, [&]() { checkRiserConnection(record, name); });
+    publishStep(path, [&]() {
+        updateFruName(path, vpdText(vpd, "VpdFormat"), DeviceType::PcieRiser,
+                      static_cast<std::uint8_t>(*slot), name);
+    });
+    publishRecord(interface, std::move(match.record), risersFound, "risers",
+                  rules::risersFoundFile, "Finally save riser json.");
+}
+
+// The riser number of a record, taken once: none when the record lacks it,
+// it is out of range, or another riser has taken it already.
+std::optional<std::uint64_t> Highvol::claimRiserSlot(
+    const nlohmann::json& record, const std::string& name)
+{
+    if (!record.contains("RiserSlot"))
+    {
+        logError() << "Unable found RiserSlot of TRD obj: " << name;
+        return std::nullopt;
+    }
+    const auto slot = numberAs<std::uint64_t>(record.at("RiserSlot"));
+    if (slot > 31)
+    {
+        logError() << "Riser slot index error";
+        return std::nullopt;
+    }
+    if (slot > 0)
+    {
+        if (riserSlotsProbed.test(slot - 1))
+        {
+            logError()
+                << "Riser slot index error, need review TRD, conflected to "
+                << slot;
+            return std::nullopt;
+        }
+        riserSlotsProbed.set(slot - 1);
+    }
+    return slot;
+}
+
+// The location and cable status the FPGA gives for one slot of a riser
+// that the rules know.
+void Highvol::checkSlotStatus(const nlohmann::json& riser,
+                              const std::string& riserName, std::uint64_t slot,
+                              bool riserPresent)
+{
+    const auto& status = riserTopology[slot - 1];
+    if (status.cageMatch() == 0)
+    {
+        if (!riserPresent)
+        {
+            return;
+        }
+        hwtopod::sendConfigMismatchEvent(DeviceType::SlotRiser,
+                                         ConfigMismatchKind::WrongLocation,
+                                         riserName, "");
+        logError() << riserName << " with wrong location ";
+    }
+    if (status.cableMatch() == 1 || !riserPresent || !riser.contains("MCIO") ||
+        !riser.at("MCIO").is_array() || riser.at("MCIO").empty())
+    {
+        return;
+    }
+    const auto& cables = riser.at("MCIO");
+    std::string text;
+    if (cables.size() == 1)
+    {
+        text = "to " + cables[0].get<std::string>();
+    }
+    else if (cables.size() == 2)
+    {
+        text = "CEMA::" + cables[0].get<std::string>() +
+               "::CEMB::" + cables[1].get<std::string>();
+    }
+    if (oldRisers.test(slot - 1))
+    {
+        hwtopod::sendConfigMismatchEvent(DeviceType::SlotRiser,
+                                         ConfigMismatchKind::CableMisconnected,
+                                         riserName, text);
+    }
+    logError() << " Signal cable of old " << riserName
+               << " is misconnected, should connect " << text;
 }
 
 void Highvol::checkRiserConnection(const nlohmann::json& riser,
                                    std::string riserName)
 {
-    const auto riserNumber = numberAs<std::uint64_t>(riser.at("RiserSlot"));
+    const auto riserNumber = numberAs<unsigned>(riser.at("RiserSlot"));
     if (!riser.contains("PCIeSlot") || !riser.contains("BUS"))
     {
         logError() << "Riser should has PCIeSlot and BUS configured!";
@@ -554,7 +405,6 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         logError() << "Riser should has PCIeSlot configured!";
         return;
     }
-    const auto bus = numberAs<unsigned>(riser.at("BUS"));
     const bool riserPresent = riserNumber >= 1 && riserNumber <= 64 &&
                               riserPresence.test(riserNumber - 1);
     for (std::size_t i = 0; i < slots.size(); ++i)
@@ -571,55 +421,25 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
             logWarning() << "Pcie slot index error: " << slot;
             continue;
         }
-        hwtopod::createI2cLink(DeviceType::PcieCard,
-                               static_cast<unsigned>(slot),
-                               bus + 1 + static_cast<unsigned>(i));
+        // BUS is read only when a link is made: a riser without slots to
+        // link still reaches its connector steps.
+        hwtopod::createI2cLink(
+            DeviceType::PcieCard, static_cast<unsigned>(slot),
+            numberAs<unsigned>(riser.at("BUS")) + 1 + static_cast<unsigned>(i));
         vpdRiserSlots.set(slot - 1);
-        const auto& status = riserTopology[slot - 1];
-        if (status.cageMatch() == 0)
+        if (slot > riserTopology.size())
         {
-            if (!riserPresent)
-            {
-                continue;
-            }
-            hwtopod::sendConfigMismatchEvent(DeviceType::SlotRiser,
-                                             ConfigMismatchKind::WrongLocation,
-                                             riserName, "");
-            logError() << riserName << " with wrong location ";
-        }
-        if (status.cableMatch() == 1 || !riserPresent ||
-            !riser.contains("MCIO") || !riser.at("MCIO").is_array() ||
-            riser.at("MCIO").empty())
-        {
+            // A slot the FPGA has no status for: nothing to hold against it.
             continue;
         }
-        const auto& cables = riser.at("MCIO");
-        std::string text;
-        if (cables.size() == 1)
-        {
-            text = "to " + cables[0].get<std::string>();
-        }
-        else if (cables.size() == 2)
-        {
-            text = "CEMA::" + cables[0].get<std::string>() +
-                   "::CEMB::" + cables[1].get<std::string>();
-        }
-        if (oldRisers.test(slot - 1))
-        {
-            hwtopod::sendConfigMismatchEvent(
-                DeviceType::SlotRiser, ConfigMismatchKind::CableMisconnected,
-                riserName, text);
-        }
-        logError() << " Signal cable of old " << riserName
-                   << " is misconnected, should connect " << text;
+        checkSlotStatus(riser, riserName, slot, riserPresent);
     }
 
     const std::string displayName =
         "<PCIe Slot " + std::to_string(riserNumber) + " Riser>";
     if (!riser.contains("Connector"))
     {
-        hwtopod::sendPresentEvent(DeviceType::SlotRiser, true,
-                                  static_cast<unsigned>(riserNumber), "",
+        hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber, "",
                                   false);
         logError() << "Connector of " << displayName
                    << " was not found in setting ";
@@ -629,10 +449,9 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         "PWR_" + std::to_string(numberAs<unsigned>(riser.at("Connector")));
     logInfo() << "Power Connector of " << displayName
               << " was found in setting: " << connector;
-    hwtopod::sendPresentEvent(DeviceType::SlotRiser, true,
-                              static_cast<unsigned>(riserNumber), connector,
-                              false);
-    auto queued = fpgaMatchQueue.find(static_cast<std::uint32_t>(riserNumber));
+    hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber,
+                              connector, false);
+    auto queued = fpgaMatchQueue.find(riserNumber);
     if (queued != fpgaMatchQueue.end())
     {
         logInfo() << "FPGA also detected " << displayName;

@@ -114,18 +114,22 @@ void Base::publishRecord(
     const std::string& file, std::string_view saveMessage)
 {
     hwtopod::rules::appendFound(document, key, std::move(record));
-    // All properties in one hand-over to the bus thread, not one each: the
-    // discovery worker would otherwise wait for that thread a dozen times a
-    // board.
-    std::vector<std::pair<std::string, hwtopod::dbus::PropertyValue>> values;
-    for (const auto& [name, value] : document.at(key).back().items())
+    if (interface)
     {
-        if (auto typed = jsonPropertyValue(name, value))
+        // All properties in one hand-over to the bus thread, not one each:
+        // the discovery worker would otherwise wait for that thread a dozen
+        // times a board.
+        std::vector<std::pair<std::string, hwtopod::dbus::PropertyValue>>
+            values;
+        for (const auto& [name, value] : document.at(key).back().items())
         {
-            values.emplace_back(name, std::move(*typed));
+            if (auto typed = jsonPropertyValue(name, value))
+            {
+                values.emplace_back(name, std::move(*typed));
+            }
         }
+        interface->initialize(std::move(values));
     }
-    interface->initialize(std::move(values));
     hwtopod::rules::saveFoundHardware(document, file, saveMessage);
 }
 

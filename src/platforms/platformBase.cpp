@@ -131,7 +131,16 @@ void Base::probeCachedVpdd()
     }
     for (const auto& path : paths)
     {
-        probeVpdd(path);
+        // An error ends the probing of this one object, not the walk.
+        try
+        {
+            probeVpdd(path);
+        }
+        catch (const std::exception& e)
+        {
+            logCritical() << "Exception in probeCachedVpdd for VPDD path "
+                          << path << ": " << e.what();
+        }
     }
 }
 
@@ -262,8 +271,22 @@ void Base::markHardwareDiscovered()
 
 void Base::waitForHardwareDiscovery()
 {
+    // Bounded: an FPGA whose device node never appears must not keep every
+    // board off the bus and let VPD signals pile up behind discovery. After
+    // hardwareWaitLimit discovery goes on with the picture there is (riser
+    // checks then see no FPGA riser); three minutes is well past a slow
+    // FPGA start and short enough for a technician waiting on the boards.
+    // A read-out that still ends after the bound writes the riser fields
+    // while discovery reads them: the bound is for an FPGA that never
+    // comes, not for a slow one.
     std::unique_lock lock(stateMutex);
-    stateChanged.wait(lock, [this]() { return hwDiscoveryDone.load(); });
+    if (!stateChanged.wait_for(lock, hardwareWaitLimit, [this]() {
+            return hwDiscoveryDone.load();
+        }))
+    {
+        logWarning() << "Board discovery waited " << hardwareWaitLimit.count()
+                     << " seconds for the FPGA read-out and goes on without it";
+    }
 }
 
 std::shared_ptr<hwtopod::dbus::Interface> Base::addDbusInterface(

@@ -8,13 +8,17 @@
 #include "dbus/bus.hpp"
 #include "events/events.hpp"
 #include "monitor/faultTable.hpp"
+#include "rules/matcher.hpp"
+#include "rules/vpdValue.hpp"
 
 #include <boost/asio/io_context.hpp>
 #include <nlohmann/json.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -26,6 +30,10 @@
 
 namespace Platform
 {
+
+// "E3.S" when any VPD object has the position id of such a backplane,
+// else "NormalBP".
+std::string backplaneTypeOf(const hwtopod::VpdCache& objects);
 
 using hwtopod::DbusVariant;
 using hwtopod::DeviceState;
@@ -105,6 +113,7 @@ class Base
     // discovery that waits for it.
     void markHardwareDiscovered();
     void waitForHardwareDiscovery();
+    std::chrono::seconds hardwareWaitLimit{180};
 
     // VPD discovery runs on this one thread: the match callback hands each
     // signal to it, and a restart hands it the objects read at start. So the
@@ -194,6 +203,8 @@ class Base
     bool normalStart = true;
     // VPD discovery only (one thread at a time, see vpdObjects).
     bool vpdMatchCompleted = false;
+    // On a restart: waitForVpd has read the service and run discovery.
+    bool vpdReadoutDone = false;
     std::string daisyCardVpdPath;
     std::string daisyCardFruName;
     boost::asio::io_context io;
@@ -241,9 +252,35 @@ class Base
     std::shared_ptr<hwtopod::dbus::Interface> addEntryInterface(
         const std::string& prefix, const nlohmann::json& entry);
 
+    // Logs what the matcher said. A match that failed on the VPD object
+    // throws, to be reported for that object; false when there is no match.
+    static bool acceptMatch(const hwtopod::rules::BoardMatch& match);
+
+    // The D-Bus object of a matched board. Names the bus cannot take are
+    // refused with one line and give null: the board goes on without its
+    // object. duplicate is set when the object exists already (or there is
+    // no object server yet): the board has been published and is not again.
+    std::shared_ptr<hwtopod::dbus::Interface> addBoardInterface(
+        const std::string& objectPath, const std::string& element,
+        const std::string& interfaceName, bool& duplicate);
+
+    // One step of publishing a board: an exception in it is reported for
+    // the VPD object, in the words the walk uses for an object that fails,
+    // and ends that step alone.
+    static void publishStep(const std::string& vpdPath,
+                            const std::function<void()>& step);
+
+    static void linkRiserSlots(const nlohmann::json& record);
+    static void sendRiserPresence(const nlohmann::json& record);
+
+    // The I2C link of a backplane record, or the warning that it lacks the
+    // keys for one.
+    static void linkBackplane(const nlohmann::json& record);
+
     // The end of every probe that accepts a board: the record joins its
     // found-hardware document, its keys become the interface's properties,
     // the interface goes on the bus, and the result file is written anew.
+    // A null interface (names refused) leaves out the D-Bus part alone.
     void publishRecord(
         const std::shared_ptr<hwtopod::dbus::Interface>& interface,
         nlohmann::json record, nlohmann::json& document, const std::string& key,

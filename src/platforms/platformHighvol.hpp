@@ -3,6 +3,7 @@
 #include "platformBase.hpp"
 
 #include <array>
+#include <optional>
 
 namespace Platform
 {
@@ -44,6 +45,15 @@ class Highvol : public Base
 
     void checkRiserConnection(const nlohmann::json& riser,
                               std::string riserName);
+    void checkSlotStatus(const nlohmann::json& riser,
+                         const std::string& riserName, std::uint64_t slot,
+                         bool riserPresent);
+    void reportUnconfirmedRisers();
+    void sendBackplanePresence(const nlohmann::json& record);
+    std::optional<std::uint64_t> claimRiserSlot(const nlohmann::json& record,
+                                                const std::string& name);
+    // The machine's selectors of topology entries, but for the open loop.
+    hwtopod::rules::Selectors selectors() const;
     // Sets BP_<id>_INSTALLED on the backplane status object.
     void updateBackplaneStatus(std::uint8_t id);
 
@@ -51,7 +61,8 @@ class Highvol : public Base
 
     // No lock on the members below. The read-out fields, skuNames and
     // fpgaMatchQueue are written by the hardware thread before
-    // hwDiscoveryDone; VPD discovery waits for that flag in probeCachedVpdd
+    // hwDiscoveryDone; VPD discovery waits for that flag (for a bounded
+    // time, see waitForHardwareDiscovery) in probeCachedVpdd
     // and is from then on their only user (it takes risers off
     // fpgaMatchQueue and fills vpdRiserSlots, riserSlotsProbed and
     // cachedVpdDone).

@@ -6,12 +6,29 @@
 #include "probeHelpers.hpp"
 #include "rules/rules.hpp"
 
+#include <stdexcept>
+
 namespace Platform
 {
 
 using hwtopod::readVpdNumber;
 using namespace probe;
 namespace rules = hwtopod::rules;
+
+std::string backplaneTypeOf(const hwtopod::VpdCache& objects)
+{
+    for (const auto& [objectPath, properties] : objects)
+    {
+        auto pos = properties.find("PosIdValue");
+        const auto value =
+            pos == properties.end() ? 0 : readVpdNumber(pos->second);
+        if (value == 0xDC || value == 0xDD || value == 0xE4)
+        {
+            return "E3.S";
+        }
+    }
+    return "NormalBP";
+}
 
 std::shared_ptr<hwtopod::dbus::Interface> Base::addEntryInterface(
     const std::string& prefix, const nlohmann::json& entry)
@@ -82,6 +99,58 @@ void Base::probeVpdd(const std::string& path)
     }
 }
 
+bool Base::acceptMatch(const rules::BoardMatch& match)
+{
+    rules::logLines(match.lines);
+    if (!match.failure.empty())
+    {
+        throw std::runtime_error(match.failure);
+    }
+    return match.found();
+}
+
+std::shared_ptr<hwtopod::dbus::Interface> Base::addBoardInterface(
+    const std::string& objectPath, const std::string& element,
+    const std::string& interfaceName, bool& duplicate)
+{
+    duplicate = false;
+    if (!acceptEntryNames(element, interfaceName))
+    {
+        return nullptr;
+    }
+    auto interface = addDbusInterface(objectPath, interfaceName);
+    duplicate = !interface;
+    return interface;
+}
+
+void Base::publishStep(const std::string& vpdPath,
+                       const std::function<void()>& step)
+{
+    try
+    {
+        step();
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "Exception in probeCachedVpdd for VPDD path "
+                      << vpdPath << ": " << e.what();
+    }
+}
+
+void Base::linkBackplane(const nlohmann::json& record)
+{
+    if (record.contains("BackplaneId") && record.contains("BusNumber"))
+    {
+        hwtopod::createI2cLink(hwtopod::DeviceType::Backplane,
+                               numberAs<unsigned>(record.at("BackplaneId")),
+                               numberAs<unsigned>(record.at("BusNumber")));
+    }
+    else
+    {
+        logWarning() << "BusNumber or BackplaneId did not find in setting ";
+    }
+}
+
 void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
 {
     if (!backplanesData || !trdBackplanes)
@@ -95,92 +164,92 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         logError() << "probeBpVpddStatic: path " << path << " was not found";
         return;
     }
-    const auto& vpd = found->second;
-
     if (bpTypeKeyed && backplaneType == "NONE")
     {
-        backplaneType = "NormalBP";
-        for (const auto& [objectPath, properties] : vpdObjects)
-        {
-            auto pos = properties.find("PosIdValue");
-            const auto value =
-                pos == properties.end() ? 0 : readVpdNumber(pos->second);
-            if (value == 0xDC || value == 0xDD || value == 0xE4)
-            {
-                backplaneType = "E3.S";
-                break;
-            }
-        }
+        backplaneType = backplaneTypeOf(vpdObjects);
     }
-
-    const nlohmann::json wanted(posId);
-    for (const auto& rule : *backplanesData)
+    rules::Selectors select;
+    if (bpTypeKeyed)
     {
-        logInfo() << "Check with " << jsonText(rule, "Name");
-        if (!keyEquals(rule, "POSID", wanted))
-        {
-            logInfo() << "probeBpVpddStatic PosIdValue not match: " << posId
-                      << "->" << jsonText(rule, "POSID");
-            continue;
-        }
-        logInfo() << "probeBpVpddStatic PosIdValue found: " << posId;
-        if (!vpd.contains("VpdLocation"))
-        {
-            logWarning() << "hwtopod no BP location found on "
-                         << vpdText(vpd, "VpdName");
-            continue;
-        }
-        const auto location = readVpdNumber(vpd.at("VpdLocation"));
-        logInfo() << "probeBpVpddStatic check location: " << location;
-
-        const nlohmann::json candidates =
-            bpTypeKeyed ? trdBackplanes->at(backplaneType) : *trdBackplanes;
-        const nlohmann::json* entry = nullptr;
-        for (const auto& candidate : candidates)
-        {
-            if (keyEquals(candidate, "Location", nlohmann::json(location)) &&
-                (!candidate.contains("PosID") ||
-                 candidate.at("PosID") == wanted))
-            {
-                entry = &candidate;
-                break;
-            }
-        }
-        if (entry == nullptr)
-        {
-            logWarning() << "hwtopod cannot find bp ";
-            continue;
-        }
-        logInfo() << "hwtopod find bp ";
-
-        auto interface = addEntryInterface("/chassis/bp/", *entry);
-        if (!interface)
-        {
-            return;
-        }
-        auto record =
-            rules::composeRecord(rule, "com.halvex.hwtopod.backplane", *entry,
-                                 vpd, rules::staticProbeLog("bpKey"));
-        if (record.contains("BackplaneId") && record.contains("BusNumber"))
-        {
-            hwtopod::createI2cLink(hwtopod::DeviceType::Backplane,
-                                   numberAs<unsigned>(record.at("BackplaneId")),
-                                   numberAs<unsigned>(record.at("BusNumber")));
-        }
-        else
-        {
-            logWarning() << "BusNumber or BackplaneId did not find in setting ";
-        }
-        if (!record.contains("VirtualBP"))
-        {
+        select.backplaneType = backplaneType;
+    }
+    auto match = rules::matchStaticBackplane(*backplanesData, *trdBackplanes,
+                                             found->second, posId, select);
+    if (!acceptMatch(match))
+    {
+        return;
+    }
+    const std::string element = blanksToUnderscores(match.name);
+    bool duplicate = false;
+    auto interface = addBoardInterface("/chassis/bp/" + element, element,
+                                       match.interface, duplicate);
+    if (duplicate)
+    {
+        return;
+    }
+    rules::logLines(match.recordLines);
+    const auto& record = match.record;
+    publishStep(path, [&]() { linkBackplane(record); });
+    if (!record.contains("VirtualBP"))
+    {
+        publishStep(path, [&]() {
             hwtopod::sendPresentEvent(
                 hwtopod::DeviceType::Backplane, true,
                 numberAs<unsigned>(record.at("BackplaneId")), "", false);
+        });
+    }
+    publishRecord(interface, std::move(match.record), backplanesFound,
+                  "backplanes", rules::backplanesFoundFile,
+                  "hwtopod start save json ");
+}
+
+// The I2C links of a riser's PCIe slots: consecutive buses from BUS and
+// BusOffset, a position without a slot using one up.
+void Base::linkRiserSlots(const nlohmann::json& record)
+{
+    if (record.contains("PCIeSlot") && record.contains("BUS"))
+    {
+        const unsigned offset =
+            record.contains("BusOffset")
+                ? rules::numberIf<unsigned>(record.at("BusOffset")).value_or(1)
+                : 1;
+        const unsigned first = numberAs<unsigned>(record.at("BUS")) + offset;
+        const auto& slots = record.at("PCIeSlot");
+        if (slots.is_array())
+        {
+            for (std::size_t i = 0; i < slots.size(); ++i)
+            {
+                // 0 or less, or no number: a position without a slot.
+                const auto slot = rules::numberIf<unsigned>(slots[i]);
+                if (slot && *slot > 0)
+                {
+                    hwtopod::createI2cLink(hwtopod::DeviceType::PcieCard, *slot,
+                                           first + static_cast<unsigned>(i));
+                }
+            }
         }
-        publishRecord(interface, std::move(record), backplanesFound,
-                      "backplanes", rules::backplanesFoundFile,
-                      "hwtopod start save json ");
-        return;
+    }
+}
+
+// The presence event of a riser of the static road, naming its connector.
+void Base::sendRiserPresence(const nlohmann::json& record)
+{
+    const auto slot = numberAs<unsigned>(record.at("RiserSlot"));
+    if (record.contains("Connector"))
+    {
+        const std::string name =
+            "PWR_" + std::to_string(numberAs<unsigned>(record.at("Connector")));
+        hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true, slot,
+                                  name, false);
+        logInfo() << "Connector of RiserSlot[" << record.at("RiserSlot").dump()
+                  << "] was found in setting: " << name;
+    }
+    else
+    {
+        hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true, slot,
+                                  "", false);
+        logInfo() << "Connector of RiserSlot[" << record.at("RiserSlot").dump()
+                  << "] was not found in setting ";
     }
 }
 
@@ -261,52 +330,8 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
         rules::fillRecord(record, entryProperties(*entry), vpd,
                           rules::staticProbeLog("riserKey"));
 
-        if (record.contains("PCIeSlot") && record.contains("BUS"))
-        {
-            unsigned offset = 1;
-            if (record.contains("BusOffset") &&
-                record.at("BusOffset").is_number())
-            {
-                offset = numberAs<unsigned>(record.at("BusOffset"));
-            }
-            const unsigned first =
-                numberAs<unsigned>(record.at("BUS")) + offset;
-            const auto& slots = record.at("PCIeSlot");
-            if (slots.is_array())
-            {
-                for (std::size_t i = 0; i < slots.size(); ++i)
-                {
-                    if (slots[i].is_number() && slots[i].get<double>() > 0)
-                    {
-                        hwtopod::createI2cLink(
-                            hwtopod::DeviceType::PcieCard,
-                            numberAs<unsigned>(slots[i]),
-                            first + static_cast<unsigned>(i));
-                    }
-                }
-            }
-        }
-
-        const auto slot = numberAs<unsigned>(record.at("RiserSlot"));
-        if (record.contains("Connector"))
-        {
-            const std::string name =
-                "PWR_" +
-                std::to_string(numberAs<unsigned>(record.at("Connector")));
-            hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true,
-                                      slot, name, false);
-            logInfo() << "Connector of RiserSlot["
-                      << record.at("RiserSlot").dump()
-                      << "] was found in setting: " << name;
-        }
-        else
-        {
-            hwtopod::sendPresentEvent(hwtopod::DeviceType::PcieRiser, true,
-                                      slot, "", false);
-            logInfo() << "Connector of RiserSlot["
-                      << record.at("RiserSlot").dump()
-                      << "] was not found in setting ";
-        }
+        linkRiserSlots(record);
+        sendRiserPresence(record);
         publishRecord(interface, std::move(record), risersFound, "risers",
                       rules::risersFoundFile, "hwtopod start save json ");
         return;

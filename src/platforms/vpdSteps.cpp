@@ -7,8 +7,7 @@
 // it. The two writers of the cache thus run one after the other, in the
 // order their work reaches the worker, and neither the cache nor the
 // documents need a lock; the io thread, which serves the daemon's objects,
-// never waits on discovery. On a restart only waitForVpd starts discovery,
-// with everything the service holds; see onVpdInterfacesAdded.
+// never waits on discovery.
 #include "common/names.hpp"
 #include "common/paths.hpp"
 #include "common/sleep.hpp"
@@ -140,7 +139,7 @@ void checkFruName(Base& platform, const std::string& path,
         // A record without its name or index key throws here and leaves the
         // FRU name alone.
         std::string name = record.at(nameKey).get<std::string>();
-        const auto index = record.at(indexKey).get<std::uint8_t>();
+        const auto index = rules::numberAs<std::uint8_t>(record.at(indexKey));
         if (type == hwtopod::DeviceType::Backplane)
         {
             for (auto& c : name)
@@ -235,15 +234,14 @@ int Base::loadTrd()
         }
     }
 
-    // The three rule files are arrays of rules. A file of another kind is
-    // refused at the load, with the stage's message, so that the probes find
-    // it "not loaded" instead of walking something that holds no rules.
+    // The three rule files are arrays of rules; one of another kind loads,
+    // and the probes find no rule with a POSID in it.
     backplanesData = rules::loadRuleFile("backplanesFile", backplanesFile,
-                                         rules::TopLevel::array);
+                                         rules::TopLevel::any);
     risersData =
-        rules::loadRuleFile("risersFile", risersFile, rules::TopLevel::array);
+        rules::loadRuleFile("risersFile", risersFile, rules::TopLevel::any);
     powerBackplanesData = rules::loadRuleFile(
-        "powerBackplanesFiles", powerBackplanesFiles, rules::TopLevel::array);
+        "powerBackplanesFiles", powerBackplanesFiles, rules::TopLevel::any);
     return 0;
 }
 
@@ -296,11 +294,12 @@ void Base::onVpdInterfacesAdded(const std::string& path,
                 probeVpdd(path);
                 continue;
             }
-            // On a restart waitForVpd starts discovery once it has read the
-            // whole service; a ready signal then only feeds the cache, so
-            // that discovery never runs on the part of it that signals
-            // brought.
-            if (normalStart && path == vpdReadyPath && !vpdMatchCompleted)
+            // On a restart a ready signal counts once waitForVpd has read
+            // the service: one that comes before would start discovery on
+            // the part of the cache that signals brought, and every board
+            // published before the daemon listened would be lost.
+            if (path == vpdReadyPath && !vpdMatchCompleted &&
+                (normalStart || vpdReadoutDone))
             {
                 vpdMatchCompleted = true;
                 logInfo() << "matchVpdd completed";
@@ -333,6 +332,10 @@ void Base::waitForVpd()
         hwtopod::sleepSeconds(5);
     }
 
+    // Emptied before the call: a signal the worker merges after this is
+    // kept, and the reply is merged on top of it, as if the signal had come
+    // first.
+    discoveryWorker->run([this]() { vpdObjects.clear(); });
     hwtopod::dbus::ManagedObjects objects;
     try
     {
@@ -345,13 +348,12 @@ void Base::waitForVpd()
         logCritical() << "Failed to get vpdd " << e.what();
     }
 
-    // See the top of this file: the cache is written on the worker.
-    // From here on signals keep FRU names in line, as after a first start.
+    // See the top of this file: the cache is written on the worker. FRU
+    // names are left alone until a ready signal comes.
     discoveryWorker->run([this, &objects]() {
-        vpdObjects.clear();
         hwtopod::mergeVpdObjects(vpdObjects, objects);
         probeCachedVpdd();
-        vpdMatchCompleted = true;
+        vpdReadoutDone = true;
     });
 }
 
@@ -359,12 +361,6 @@ void Base::updateFruName(const std::string& path, const std::string& format,
                          hwtopod::DeviceType type, std::uint8_t index,
                          const std::string& name)
 {
-    // The format becomes part of an interface name on the VPD service.
-    if (!hwtopod::acceptInterfaceElement("VPD format", format))
-    {
-        return;
-    }
-    const std::string interface = vpdInterfacePrefix + format;
     std::string newName = name;
     if (newName.empty())
     {
@@ -381,7 +377,14 @@ void Base::updateFruName(const std::string& path, const std::string& format,
             return;
         }
     }
-    hwtopod::dbus::setPropertyValue(path, interface, newName);
+    // The format becomes part of an interface name on the VPD service. One
+    // the bus cannot take is not sent: its refusal stands for the failed
+    // set, and the rename's line follows as after any failed set.
+    if (hwtopod::acceptInterfaceElement("VPD format", format))
+    {
+        hwtopod::dbus::setPropertyValue(path, vpdInterfacePrefix + format,
+                                        newName);
+    }
     logInfo() << "Update fru name: (" << path << ")==>(" << newName << ")";
 }
 

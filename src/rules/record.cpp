@@ -1,4 +1,5 @@
 #include "common/logging.hpp"
+#include "rules/matcher.hpp"
 #include "rules/rules.hpp"
 
 #include <stdexcept>
@@ -9,19 +10,33 @@ namespace hwtopod::rules
 
 namespace
 {
-CompositionLog dynamicLog(std::string keyWord, std::string basedWord)
+// An INFO line, into sink when there is one, else to the log.
+void say(MatchLines* sink, std::string text)
+{
+    if (sink != nullptr)
+    {
+        sink->push_back({LogLevel::info, std::move(text)});
+    }
+    else
+    {
+        logInfo() << text;
+    }
+}
+
+CompositionLog dynamicLog(std::string keyWord, std::string basedWord,
+                          MatchLines* sink)
 {
     CompositionLog log;
-    log.placeholderReplaced =
-        [keyWord](const std::string& placeholder, const nlohmann::json& value) {
-        logInfo() << "Update " << keyWord << " instance key " << placeholder
-                  << " => " << value.dump();
+    log.placeholderReplaced = [keyWord, sink](const std::string& placeholder,
+                                              const nlohmann::json& value) {
+        say(sink, "Update " + keyWord + " instance key " + placeholder +
+                      " => " + value.dump());
     };
-    log.afterProperties = [basedWord]() {
-        logInfo() << "Update " << basedWord << " instance based on VPDD";
+    log.afterProperties = [basedWord, sink]() {
+        say(sink, "Update " + basedWord + " instance based on VPDD");
     };
-    log.vpdMissing = [](const std::string& propertyName) {
-        logInfo() << "Unable to find propertyName " << propertyName;
+    log.vpdMissing = [sink](const std::string& propertyName) {
+        say(sink, "Unable to find propertyName " + propertyName);
     };
     return log;
 }
@@ -36,29 +51,29 @@ void report(const Callback& callback, const Args&... args)
 }
 } // namespace
 
-CompositionLog staticProbeLog(std::string_view sectionKey)
+CompositionLog staticProbeLog(std::string_view sectionKey, MatchLines* sink)
 {
     CompositionLog log;
     log.beforeProperty =
-        [section = std::string(sectionKey)](const std::string& placeholder,
-                                            const std::string& key) {
-        logInfo() << "[STATE] placeholder " << placeholder << " " << section
-                  << " " << key;
+        [section = std::string(sectionKey),
+         sink](const std::string& placeholder, const std::string& key) {
+        say(sink,
+            "[STATE] placeholder " + placeholder + " " + section + " " + key);
     };
-    log.vpdFound = [](const std::string& propertyName) {
-        logInfo() << "[STATE] propertyName " << propertyName;
+    log.vpdFound = [sink](const std::string& propertyName) {
+        say(sink, "[STATE] propertyName " + propertyName);
     };
     return log;
 }
 
-CompositionLog dynamicBackplaneLog()
+CompositionLog dynamicBackplaneLog(MatchLines* sink)
 {
-    return dynamicLog("BP", "BP");
+    return dynamicLog("BP", "BP", sink);
 }
 
-CompositionLog dynamicRiserLog()
+CompositionLog dynamicRiserLog(MatchLines* sink)
 {
-    return dynamicLog("Riser", "riser");
+    return dynamicLog("Riser", "riser", sink);
 }
 
 nlohmann::json recordTemplate(const nlohmann::json& rule,

@@ -5,6 +5,7 @@
 // object, and writing a found-hardware document.
 
 #include "common/types.hpp"
+#include "rules/matcher.hpp"
 #include "rules/vpdValue.hpp"
 
 #include <nlohmann/json.hpp>
@@ -70,16 +71,18 @@ struct CompositionLog
 
 // Static probes: INFO "[STATE] placeholder $k <sectionKey> k" per Properties
 // key and "[STATE] propertyName <name>" per resolved VPD reference.
-// sectionKey is "bpKey", "riserKey" or "midplaneKey".
-CompositionLog staticProbeLog(std::string_view sectionKey);
+// sectionKey is "bpKey", "riserKey" or "midplaneKey". The lines go into sink
+// when one is given, else to the log; so for the two below.
+CompositionLog staticProbeLog(std::string_view sectionKey,
+                              MatchLines* sink = nullptr);
 
 // Dynamic backplane probe: "Update BP instance key $k => <value>",
 // "Update BP instance based on VPDD", "Unable to find propertyName <name>".
-CompositionLog dynamicBackplaneLog();
+CompositionLog dynamicBackplaneLog(MatchLines* sink = nullptr);
 
 // Dynamic riser probe: "Update Riser instance key $k => <value>",
 // "Update riser instance based on VPDD", "Unable to find propertyName <name>".
-CompositionLog dynamicRiserLog();
+CompositionLog dynamicRiserLog(MatchLines* sink = nullptr);
 
 // The start of a record: a copy of rule[templateKey] when the rule is an
 // object holding that key, else JSON null.

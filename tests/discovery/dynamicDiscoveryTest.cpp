@@ -3,10 +3,7 @@
 
 #include "discoveryFixture.hpp"
 #include "platforms/kelvane1u.hpp"
-#include "process.hpp"
 #include "rules/rules.hpp"
-
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,20 +74,6 @@ VpdProperties board(std::uint8_t id, std::uint8_t posId, std::uint16_t location,
             {"VpdFound", true},
             {"VpdFormat", std::string("Halvex_Fullv3")},
             {"BUS", std::uint32_t{7}}};
-}
-
-VpdProperties cpu(std::uint16_t location, bool found, std::uint32_t stepping,
-                  std::uint64_t flags)
-{
-    return {{"VpdId", std::uint8_t{0x10}},
-            {"VpdName", "CPU_" + std::to_string(location)},
-            {"VpdLocation", location},
-            {"VpdFound", found},
-            {"CoreFeatureFlags", flags},
-            {"CpuId", std::uint32_t{0x806F8}},
-            {"Stepping", stepping},
-            {"SkuNumber", std::string("6538Y")},
-            {"SSpecOrQdfNumber", std::string("SRN6A")}};
 }
 
 class DynamicDiscovery : public DiscoveryFixture
@@ -277,63 +260,58 @@ TEST_F(DynamicDiscovery, RisersSeenByOneSideOnlyAndWrongLocations)
     EXPECT_EQ(countId(events, "TKRMBSS0012G"), 2U);
 }
 
-TEST_F(DynamicDiscovery, CpuMismatchVotesAgainstPowerOn)
+TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
 {
-    test::Process pwrmgt(test::builtProgram("sim/pwrmgt/hwtopod-sim-pwrmgt"),
-                         {});
-    for (int i = 0;
-         i < 100 && pwrmgt.standardOutput().find("ready") == std::string::npos;
-         ++i)
+    // Names the bus refuses cost the D-Bus object alone; riser 3 has no slot
+    // to link and no numeric BUS; riser 4 names the last slot a riser can
+    // carry, past the FPGA's status table.
+    auto& trdBackplanes = (*platform->trdBackplanes)["NormalBP"];
+    trdBackplanes[0]["Name"] = "Front-BP 1";
+    auto& trdRisers = *platform->trdRisers;
+    trdRisers[0]["Interface"] = "com.halvex.hwtopod.-riser";
+    trdRisers[1]["Properties"]["PCIeSlot"] = nlohmann::json::array();
+    trdRisers[1]["Properties"]["BUS"] = "forty";
+    trdRisers[2]["Properties"]["PCIeSlot"] = {30};
+    fpgaSees({1, 3, 4}, {});
+    for (auto [name, id, location] :
+         {std::tuple{"BP_1", 0x70, 1},
+          {"RISER_1", 0xE0, 1},
+          {"RISER_3", 0xE0, 3},
+          {"RISER_4", 0xE0, 4}})
     {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        auto vpd = board(static_cast<std::uint8_t>(id), id == 0x70 ? 112 : 224,
+                         static_cast<std::uint16_t>(location), name);
+        vpd.erase("VpdFormat");
+        platform->vpdObjects[std::string("/com/halvex/vpdd/") + name] = vpd;
     }
-    fpgaSees({}, {});
-    platform->vpdObjects["/com/halvex/vpdd/CPU_1"] = cpu(1, true, 8, 0xFF);
-    platform->vpdObjects["/com/halvex/vpdd/CPU_2"] = cpu(2, true, 6, 0xFE);
-    // Not a CPU by its path: no check, no vote.
-    platform->vpdObjects["/com/halvex/vpdd/Cpu_3"] = cpu(3, true, 1, 1);
     auto log = discover();
 
-    EXPECT_THAT(
-        log,
-        HasSubstr("[INFO] CPU 1 is installed, store CPU 1 configuration \n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[WARNING] CPU 2 installed and different to CPU 1, set CPU 2 configuration mismatch\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] power vote for vote id(1) success, vote value: off\n"));
-    EXPECT_EQ(pwrmgt.standardOutput(),
-              "pwrmgt ready\n"
-              "Vote com.halvex.hwtopod 1 on\n"
-              "Vote com.halvex.hwtopod 1 on\n"
-              "Vote com.halvex.hwtopod 1 off\n");
+    EXPECT_TRUE(platform->fpgaMatchQueue.empty()) << log;
+    EXPECT_EQ(nlohmann::json::parse(
+                  test::readFile(root / rules::risersFoundFile))["risers"]
+                  .size(),
+              3U);
+    EXPECT_EQ(platform->backplanesFound["backplanes"].size(), 1U);
+    EXPECT_EQ(linkTarget("bp1_i2c"),
+              sandboxPath("sys/devices/platform/i2c/i2c-30"));
+    EXPECT_TRUE(platform->backplaneInstalled["BP_1_INSTALLED"]);
     const Events events = eventsSoFar();
-    EXPECT_EQ(events.count({"TKRMBPU0009N", "2"}), 1U);
-    EXPECT_EQ(events.count({"TKRMBPU0015G", ""}), 1U);
-
-    // After a mismatch no vote "on" is cast again.
-    const auto votes = pwrmgt.standardOutput();
-    CaptureStderr();
-    platform->probeCpu("/com/halvex/vpdd/CPU_1");
-    GetCapturedStderr();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(pwrmgt.standardOutput(), votes);
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_11::Backplane::1"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_23::Slot::3 Riser"}), 1U);
+    for (const char* mismatch :
+         {"TKRMBSS0012G", "TKRMBIO0035G", "TKRMBIO0036G", "TKRMBIO0037G"})
+    {
+        EXPECT_EQ(countId(events, mismatch), 0U) << mismatch;
+    }
 }
 
-TEST_F(DynamicDiscovery, MissingCpu1AndAnAbsentPowerService)
+TEST_F(DynamicDiscovery, NoFpgaReadoutDelaysDiscoveryForALimitedTime)
 {
-    fpgaSees({}, {});
-    auto missing = cpu(1, false, 8, 0xFF);
-    platform->vpdObjects["/com/halvex/vpdd/CPU_1"] = missing;
-    auto log = discover();
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] CPU 1 is not installed, set CPU 1 configuration mismatch \n"));
-    EXPECT_THAT(log, HasSubstr("[ERROR] power permission Exception:"));
-    EXPECT_TRUE(platform->cpuCheck.cpuPowerDenied);
-    EXPECT_EQ(eventsSoFar().count({"TKRMBPU0009N", "1"}), 1U);
+    platform->hardwareWaitLimit = std::chrono::seconds(0);
+    platform->vpdObjects["/com/halvex/vpdd/BP_1"] =
+        board(0x70, 112, 1, "Front BP");
+    EXPECT_THAT(discover(),
+                HasSubstr("[WARNING] Board discovery waited 0 seconds for the "
+                          "FPGA read-out and goes on without it\n"));
+    EXPECT_EQ(platform->backplanesFound["backplanes"].size(), 1U);
 }

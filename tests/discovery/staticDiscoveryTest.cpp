@@ -149,6 +149,19 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
     log = probe(*platform, "/com/halvex/vpdd/PDB", object(0x81, 129, 0));
     EXPECT_THAT(log, testing::Not(HasSubstr("midplane")));
 
+    // A walk of the whole cache: an object that cannot be probed is
+    // reported, and the walk goes on.
+    VpdProperties odd = object(0x70, 112, 1);
+    odd.erase("VpdLocation");
+    odd["VpdName"] = std::uint32_t{7};
+    platform->vpdObjects["/com/halvex/vpdd/A_ODD"] = odd;
+    CaptureStderr();
+    platform->probeCachedVpdd();
+    log = GetCapturedStderr();
+    EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in probeCachedVpdd for "
+                               "VPDD path /com/halvex/vpdd/A_ODD: "));
+    EXPECT_THAT(log, HasSubstr("[INFO] probeVpdd: VPDID 129, POSID 129\n"));
+
     const auto events = eventsSoFar();
     EXPECT_EQ(events.count({"TKRMBIO0000I", "links with Backplane 3"}), 1U);
     EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_7::PCIe Riser::2"}), 1U);

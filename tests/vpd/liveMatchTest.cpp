@@ -37,6 +37,8 @@ constexpr auto dataDir = "usr/share/vantarack-bmc-apps/hwtopod";
 class CountingPlatform : public Platform::Kelvane1u
 {
   public:
+    using Kelvane1u::onVpdInterfacesAdded;
+
     void probeCachedVpdd() override
     {
         std::lock_guard lock(mutex);
@@ -253,7 +255,8 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
         {
             if (line.starts_with("set "))
             {
-                lines += line + "\n";
+                // Without the stand-in's time stamp.
+                lines += line.substr(0, line.rfind(" at ")) + "\n";
             }
         }
         return lines;
@@ -287,12 +290,18 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
                             hwtopod::DeviceType::PcieRiser, 3, "");
     platform->updateFruName("/com/halvex/vpdd/Riser_1", "Halvex_Riser",
                             hwtopod::DeviceType::Cpu, 3, "");
+    platform->updateFruName("/com/halvex/vpdd/Riser_1", "",
+                            hwtopod::DeviceType::PcieRiser, 4, "");
     log = GetCapturedStderr();
+    // A format the bus cannot take is not sent; the rename's line follows.
+    EXPECT_THAT(log,
+                HasSubstr("[INFO] Update fru name: "
+                          "(/com/halvex/vpdd/Riser_1)==>(PCIe_Riser_4)\n"));
     EXPECT_EQ(platform->getProductName(), "Vantarack KP100");
     EXPECT_THAT(log, HasSubstr("[INFO] MKT Name = Vantarack KP100\n"));
     EXPECT_TRUE(waitForOutput(*vpdd, "set /com/halvex/vpdd/Riser_1 "
                                      "com.halvex.vpdd.Halvex_Riser "
-                                     "IpmiFruName PCIe_Riser_3\n"));
+                                     "IpmiFruName PCIe_Riser_3 at "));
     EXPECT_EQ(count(vpdd->standardOutput(), "set "), 4U);
 }
 
@@ -319,6 +328,15 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
             // The service gets ready during the third wait.
             ::kill(vpdd->pid(), SIGUSR1);
             waitForOutput(*vpdd, "published /com/halvex/vpdd/DIMM_32");
+            // Its signal is handled before the read-out, and starts nothing.
+            for (bool seen = false; !seen;)
+            {
+                platform->discoveryWorker->run([&]() {
+                    seen = platform->vpdObjects.contains(
+                        "/com/halvex/vpdd/DIMM_32");
+                });
+                std::this_thread::sleep_for(10ms);
+            }
         }
     });
 
@@ -344,7 +362,16 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
     EXPECT_FALSE(atCall.at("/com/halvex/vpdd/BP_1").contains("Interfaces"));
     EXPECT_EQ(atCall.at("/com/halvex/vpdd/BP_1").size(), 3U);
     EXPECT_EQ(cached.size(), 3U);
+
+    // FRU names are left alone until a ready signal comes; it then starts
+    // discovery again, which has nothing left to do.
+    EXPECT_FALSE(platform->vpdMatchCompleted);
+    platform->discoveryWorker->run([this]() {
+        platform->onVpdInterfacesAdded("/com/halvex/vpdd/DIMM_32",
+                                       {{"com.halvex.vpdd.Halvex_Fullv3", {}}});
+    });
     EXPECT_TRUE(platform->vpdMatchCompleted);
+    EXPECT_EQ(platform->calls(), 2U);
 }
 
 } // namespace

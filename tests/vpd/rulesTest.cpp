@@ -130,36 +130,6 @@ TEST(RecordComposition, PlaceholdersThenVpdReferences)
                  std::runtime_error);
 }
 
-TEST(RecordComposition, ThreeWordings)
-{
-    const json rule = {
-        {"t", {{"Id", "$Id"}, {"Name", "$VpdName"}, {"Bus", "$Missing"}}}};
-    const json entry = {{"Properties", {{"Id", 4}, {"Zed", 1}}}};
-    const VpdProperties vpd{{"VpdName", DbusVariant(std::string("n"))}};
-
-    testing::internal::CaptureStderr();
-    rules::composeRecord(rule, "t", entry, vpd,
-                         rules::staticProbeLog("riserKey"));
-    std::string text = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(text, "[INFO] [STATE] placeholder $Id riserKey Id\n"
-                    "[INFO] [STATE] placeholder $Zed riserKey Zed\n"
-                    "[INFO] [STATE] propertyName VpdName\n");
-
-    testing::internal::CaptureStderr();
-    rules::composeRecord(rule, "t", entry, vpd, rules::dynamicBackplaneLog());
-    text = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(text, "[INFO] Update BP instance key $Id => 4\n"
-                    "[INFO] Update BP instance based on VPDD\n"
-                    "[INFO] Unable to find propertyName Missing\n");
-
-    testing::internal::CaptureStderr();
-    rules::composeRecord(rule, "t", entry, vpd, rules::dynamicRiserLog());
-    text = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(text, "[INFO] Update Riser instance key $Id => 4\n"
-                    "[INFO] Update riser instance based on VPDD\n"
-                    "[INFO] Unable to find propertyName Missing\n");
-}
-
 TEST(FoundHardware, FileTextAndFailedWrites)
 {
     Sandbox sandbox;

@@ -1,0 +1,164 @@
+#pragma once
+
+// The board matcher: which rule and which topology entry describe one VPD
+// object, and the record they compose. It reads its inputs only: no lock,
+// no bus, no file, no journal, and no exception for any data. The lines a
+// probe logs while matching come back with the result, in their order, for
+// the caller to log.
+
+#include "common/logging.hpp"
+#include "common/types.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace hwtopod::rules
+{
+
+struct MatchLine
+{
+    LogLevel level;
+    std::string text;
+
+    bool operator==(const MatchLine&) const = default;
+};
+using MatchLines = std::vector<MatchLine>;
+
+// Logs the lines in order.
+void logLines(const MatchLines& lines);
+
+// What the machine tells the matcher besides the VPD object.
+struct Selectors
+{
+    // Key of the topology's backplane section; empty when that section is
+    // one array of entries.
+    std::string backplaneType;
+    std::string front = "NONE";
+    std::string rear = "NONE";
+    // State of the open-loop leak device, compared with an entry's OpenLoop.
+    bool openLoop = false;
+};
+
+enum class Board
+{
+    backplane,
+    riser,
+};
+
+struct BoardMatch
+{
+    // Logged while the rules were walked, up to the match or the end.
+    MatchLines lines;
+    const nlohmann::json* rule = nullptr;
+    const nlohmann::json* entry = nullptr;
+    // The entry's Name and Interface; empty when they are not strings.
+    std::string name;
+    std::string interface;
+    nlohmann::json record;
+    // Lines of the record's composition, logged once the object is made.
+    MatchLines recordLines;
+    // Set when the VPD object itself cannot be probed (a VpdName that is no
+    // string); the probe reports it as an error of that object.
+    std::string failure;
+
+    bool found() const
+    {
+        return entry != nullptr;
+    }
+};
+
+// The walk of the dynamic probes: rules by POSID, then an entry of the
+// topology section by location and the selectors, then the record.
+BoardMatch matchDynamicBoard(
+    Board board, const nlohmann::json& rules, const nlohmann::json& topology,
+    const VpdProperties& vpd, std::uint64_t posId, const Selectors& selectors);
+
+// The walk of the static backplane probe, with its own lines; the record is
+// composed with the static wording.
+BoardMatch matchStaticBackplane(
+    const nlohmann::json& rules, const nlohmann::json& topology,
+    const VpdProperties& vpd, std::uint64_t posId, const Selectors& selectors);
+
+// True when the object holds the key and its value equals expected, by JSON
+// equality (an integer, an unsigned and a float of one value are equal). An
+// element that is no object, or lacks the key, does not match.
+bool keyEquals(const nlohmann::json& element, const char* key,
+               const nlohmann::json& expected);
+
+// The value of key as JSON text, "null" when it is not there.
+std::string jsonText(const nlohmann::json& element, const char* key);
+
+// "0x" and four upper-case hex digits of the low 16 bits.
+std::string hex16(std::uint64_t value);
+
+// A string property: absent gives the empty string; another type throws
+// std::bad_variant_access.
+std::string vpdText(const VpdProperties& vpd, const char* name);
+
+// A JSON number as T: integers and floats alike must lie in T's range, else
+// std::out_of_range; any other JSON type throws nlohmann::json::type_error,
+// as a conversion to the wrong type does.
+template <typename T>
+T numberAs(const nlohmann::json& value)
+{
+    static_assert(std::is_integral_v<T> && std::is_unsigned_v<T>);
+    if (value.is_number_float())
+    {
+        const double number = value.get<double>();
+        const double limit = std::ldexp(1.0, std::numeric_limits<T>::digits);
+        if (!(number > -1.0 && number < limit))
+        {
+            throw std::out_of_range(
+                "number " + value.dump() + " is out of range");
+        }
+        return static_cast<T>(number);
+    }
+    if (value.is_number_integer())
+    {
+        if (value.is_number_unsigned())
+        {
+            const auto number = value.get<std::uint64_t>();
+            if (number <= std::numeric_limits<T>::max())
+            {
+                return static_cast<T>(number);
+            }
+        }
+        else if (const auto number = value.get<std::int64_t>();
+                 number >= 0 && static_cast<std::uint64_t>(number) <=
+                                    std::numeric_limits<T>::max())
+        {
+            return static_cast<T>(number);
+        }
+        throw std::out_of_range("number " + value.dump() + " is out of range");
+    }
+    return value.get<T>();
+}
+
+// value as T when it is a number in T's range, else none: for the places
+// that pass over a value of the wrong type.
+template <typename T>
+std::optional<T> numberIf(const nlohmann::json& value)
+{
+    if (!value.is_number())
+    {
+        return std::nullopt;
+    }
+    try
+    {
+        return numberAs<T>(value);
+    }
+    catch (const std::out_of_range&)
+    {
+        return std::nullopt;
+    }
+}
+
+} // namespace hwtopod::rules
