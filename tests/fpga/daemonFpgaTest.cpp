@@ -70,8 +70,6 @@ TEST(DaemonFpga, ReadsOutTheMachineAndAsksForLiquidCoolingOnce)
              "[INFO] Riser 4:Prsnt:1,New. PCIe:4, stat:0x46(RsrID:0x04,CageID:"
              "0x01,CageM:0x01,CableM:0x00),A_Exp:0x03,A_Act:0x03,B_Exp:0x04,"
              "B_Act:0x06\n",
-             "[INFO] Riser 4 for PCIe slot 4 configuration is mismatched, "
-             "connectors error\n",
              "[INFO] [kelvane1u] getSkuConfig skuRearConfig: 1\n",
              "[INFO] [kelvane1u] getSkuConfig skuFrontConfig: 2\n",
              "[INFO] [platformHighvol] getFpgaFanInfo 1U fan 8 fantype 1\n",

@@ -2,11 +2,11 @@
 // analysis and fan types of the platform object, on register images served
 // by the library stand-in; events are read back from the journal.
 
-#include "common/sleep.hpp"
 #include "fpga/fpgaImages.hpp"
 #include "journal.hpp"
 #include "machineImages.hpp"
 #include "platforms/kelvane1u.hpp"
+#include "recordedSleeps.hpp"
 
 #include <unistd.h>
 
@@ -28,20 +28,10 @@ class ReadOut : public testing::Test
     {
         setenv("HALVEX_FPGA_IMAGES", images.path().c_str(), 1);
         fpgaImages().clear();
-        // Waits take no time; each is recorded in seconds, and a limit stops
-        // an endless wait.
-        setSleepFunction([this](std::chrono::milliseconds duration) {
-            sleeps.push_back(static_cast<unsigned>(duration.count() / 1000));
-            if (sleeps.size() >= sleepLimit)
-            {
-                throw std::runtime_error("sleep limit");
-            }
-        });
         platform.initPcieSlotMap();
     }
     ~ReadOut() override
     {
-        setSleepFunction({});
         unsetenv("HALVEX_FPGA_IMAGES");
     }
 
@@ -58,8 +48,14 @@ class ReadOut : public testing::Test
 
     test::SandboxRoot root;
     test::TempDir images;
-    std::vector<unsigned> sleeps;
+    // Waits take no time; a limit stops an endless one.
     std::size_t sleepLimit = 100;
+    test::RecordedSleeps sleeps{[this](std::size_t count) {
+        if (count >= sleepLimit)
+        {
+            throw std::runtime_error("sleep limit");
+        }
+    }};
     Platform::Kelvane1u platform;
 };
 } // namespace
@@ -84,11 +80,11 @@ TEST_F(ReadOut, WaitForFpgaTestsEachNodeFiveTimes)
               missing("/dev/fpga-cdev") +
                   "[INFO] [INIT] FIND THE FPGA DEV, PATH = /dev/fpga-r0\n" +
                   missing("/dev/fpga-r0-adi"));
-    EXPECT_EQ(sleeps, std::vector<unsigned>(10, 5));
+    EXPECT_EQ(sleeps.taken, std::vector<unsigned>(10, 5));
 
     // No node: 15 tests 5 seconds apart, 10 seconds, a new pass.
     std::filesystem::remove(root / "dev/fpga-r0");
-    sleeps.clear();
+    sleeps.taken.clear();
     sleepLimit = 20;
     testing::internal::CaptureStderr();
     EXPECT_THROW(platform.waitForFpga(), std::runtime_error);
@@ -96,7 +92,7 @@ TEST_F(ReadOut, WaitForFpgaTestsEachNodeFiveTimes)
     std::vector<unsigned> expected(15, 5);
     expected.push_back(10);
     expected.insert(expected.end(), 4, 5);
-    EXPECT_EQ(sleeps, expected);
+    EXPECT_EQ(sleeps.taken, expected);
     EXPECT_THAT(log, testing::Not(HasSubstr("[INIT] FIND")));
 }
 
@@ -157,7 +153,7 @@ TEST_F(ReadOut, StatusOnlyRoadAfterDumpRetries)
 
     // One failure of the local FPGA, ten of the ADI space; a second after
     // each failure and after each device.
-    EXPECT_EQ(sleeps, std::vector<unsigned>(14, 1));
+    EXPECT_EQ(sleeps.taken, std::vector<unsigned>(14, 1));
     EXPECT_EQ(test::countInText(log,
                                 "[INFO] Failed to read FPGA: 0x00000000 error "
                                 "-5\n[INFO] Dumpping FPGA registors,ID:"
@@ -202,7 +198,7 @@ TEST_F(ReadOut, AdiRoadCableCageAndOcpJudgements)
     test::JournalReader journal;
     const auto log = readOut();
 
-    EXPECT_EQ(sleeps, std::vector<unsigned>(3, 1));
+    EXPECT_EQ(sleeps.taken, std::vector<unsigned>(3, 1));
     EXPECT_THAT(log, HasSubstr("[INFO] Old Riser " + std::string(40, '0') +
                                std::string(19, '1') + "00100\n"));
     EXPECT_THAT(log, HasSubstr("\n4: 0x03 0x04 0x50 0x44 \n5: 0x09 0x00 "

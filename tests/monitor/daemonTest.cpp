@@ -121,13 +121,8 @@ TEST(MonitorDaemon, ReportsStandingFaultsEdgesAndDevicePresence)
         {"CPU_1", true},
         {"CPU_2", false},
         {"OCP_0", true},
-        {"OCP_1", false},
-        {"x8_FRONT_OCP", false},
-        {"x16_FRONT_OCP", false},
         {"FRONT_PANEL", true},
-        {"PONG", false},
         {"INTRUSSION_CONN", true},
-        {"FRONT_IO_CABLE", false},
         // Slot 6 is OCP 0's.
         {"SLOT_6_ADAPTER_PRSNT", true},
     };
@@ -141,7 +136,7 @@ TEST(MonitorDaemon, ReportsStandingFaultsEdgesAndDevicePresence)
         EXPECT_THAT(name, Not(HasSubstr(" ")));
         if (!named.contains(name))
         {
-            // No riser and no other adapter in these images.
+            // Nothing else is present in these images.
             EXPECT_FALSE(value.get<bool>()) << name;
         }
     }
@@ -152,16 +147,15 @@ TEST(MonitorDaemon, ReportsStandingFaultsEdgesAndDevicePresence)
     const auto events = summaries(journal.settledEvents(daemon.pid()));
     EXPECT_EQ(std::ranges::count(events, "TKRMBPW0129N 1::P12V_MEM"), 1);
     EXPECT_EQ(std::ranges::count(events, "TKRMBPU0001N 1::"), 1);
-    for (const std::string id : {"TKRMBPW0131N", "TKRMBPW0132N", "TKRMBPW0133N",
-                                 "TKRMBPU2001I", "TKRMBSE2000I"})
+    std::string all;
+    for (const auto& event : events)
     {
-        EXPECT_EQ(std::ranges::count_if(
-                      events,
-                      [&id](const std::string& event) {
-            return event.starts_with(id);
-                      }),
-                  0)
-            << id;
+        all += event + "\n";
+    }
+    for (const char* id : {"TKRMBPW0131N", "TKRMBPW0132N", "TKRMBPW0133N",
+                           "TKRMBPU2001I", "TKRMBSE2000I"})
+    {
+        EXPECT_THAT(all, Not(HasSubstr(id)));
     }
     EXPECT_EQ(daemon.countInLog("Thread for gpioMonitor is forked"), 1U);
     EXPECT_TRUE(daemon.running());

@@ -2,10 +2,10 @@
 
 // Stand-ins for the monitor's tests: a GPIO controller whose waits hand out
 // a script of edges, one batch at a time (when the script is used up the
-// next wait throws, which ends the monitor), and a sleep that only records.
+// next wait throws, which ends the monitor).
 
-#include "common/sleep.hpp"
 #include "monitor/gpioLines.hpp"
+#include "recordedSleeps.hpp"
 
 #include <map>
 #include <stdexcept>
@@ -86,33 +86,6 @@ class ScriptedLines : public FaultLineGpio
 
   private:
     Batch current;
-};
-
-// Records the waits instead of sleeping, and calls `after` with the number
-// of waits so far.
-class RecordedSleeps
-{
-  public:
-    explicit RecordedSleeps(std::function<void(std::size_t)> after = {})
-    {
-        setSleepFunction([this, after](std::chrono::milliseconds duration) {
-            taken.push_back(duration);
-            if (after)
-            {
-                after(taken.size());
-            }
-        });
-    }
-    ~RecordedSleeps()
-    {
-        setSleepFunction({});
-    }
-    RecordedSleeps(const RecordedSleeps&) = delete;
-    RecordedSleeps& operator=(const RecordedSleeps&) = delete;
-    RecordedSleeps(RecordedSleeps&&) = delete;
-    RecordedSleeps& operator=(RecordedSleeps&&) = delete;
-
-    std::vector<std::chrono::milliseconds> taken;
 };
 
 } // namespace hwtopod::test

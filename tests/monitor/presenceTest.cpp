@@ -1,11 +1,8 @@
-// Device presence published on a private bus, and the chassis close event
-// from a sandboxed hwmon directory.
+// The chassis close event from a sandboxed hwmon directory.
 
-#include "busClient.hpp"
-#include "fakes.hpp"
 #include "journal.hpp"
 #include "platforms/kelvane1u.hpp"
-#include "privateBus.hpp"
+#include "recordedSleeps.hpp"
 #include "sandbox.hpp"
 
 #include <unistd.h>
@@ -19,62 +16,6 @@ namespace
 {
 
 using ::testing::ElementsAre;
-
-constexpr const char* presencePath = "/com/halvex/platform/hardware/device";
-constexpr const char* presenceInterface = "com.halvex.hwtopod.device.presence";
-
-std::map<std::string, bool> readPresence()
-{
-    std::map<std::string, bool> states;
-    for (const auto& [name, value] : getAllProperties(
-             "com.halvex.hwtopod", presencePath, presenceInterface))
-    {
-        EXPECT_EQ(value.peekValueType(), "b") << name;
-        states[name] = value.get<bool>();
-    }
-    return states;
-}
-
-TEST(Presence, DevicePresencePublishedOnceAfterDiscovery)
-{
-    SandboxRoot root;
-    PrivateBus bus;
-    Platform::Kelvane1u platform;
-    platform.serviceInit();
-    platform.serviceRun();
-    platform.fpgaDevices = {
-        {0, {"CPU_1", true}},
-        {1, {"CPU_2", false}},
-        {11, {"INTRUSSION_CONN", true}},
-        {18, {"RISER_1_INSTALLED", true}},
-        {43, {"SLOT_3_ADAPTER_PRSNT", false}},
-        {89, {"KELVANE open loop liquid leak", true}},
-        {90, {"open loop liquid leak", false}},
-    };
-
-    // Before discovery there is nothing to publish.
-    platform.setDevicePresence();
-    EXPECT_EQ(platform.findDbusInterface(presencePath, presenceInterface),
-              nullptr);
-
-    platform.hwDiscoveryDone = true;
-    platform.setDevicePresence();
-    EXPECT_TRUE(platform.devicePresencePublished);
-    // The liquid leak rows have no member name, so no property.
-    const std::map<std::string, bool> expected = {
-        {"CPU_1", true},
-        {"CPU_2", false},
-        {"INTRUSSION_CONN", true},
-        {"RISER_1_INSTALLED", true},
-        {"SLOT_3_ADAPTER_PRSNT", false},
-    };
-    EXPECT_EQ(readPresence(), expected);
-
-    // The states of that moment stay.
-    platform.fpgaDevices[0].state = false;
-    platform.setDevicePresence();
-    EXPECT_EQ(readPresence(), expected);
-}
 
 TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
 {
@@ -105,7 +46,7 @@ TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "[WARNING] debug remedyChassisCloseEvent sleep for 90s\n");
         EXPECT_TRUE(platform.chassisCloseRemedied);
-        EXPECT_THAT(sleeps.taken, ElementsAre(std::chrono::seconds(90)));
+        EXPECT_THAT(sleeps.taken, ElementsAre(90U));
     }
     const auto events = journal.events(getpid(), 1);
     EXPECT_THAT(summaries(events), ElementsAre("TKRMBSE2000I Vantarack"));

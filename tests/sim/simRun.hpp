@@ -37,7 +37,8 @@ Process simulator(const std::vector<std::string>& arguments);
 // Reads the processes and the sandbox that the progress lines name.
 void parseProgress(SimRun& run);
 
-// One simulator run per scenario, shared by the tests of that scenario.
+// One simulator run per scenario, shared by the tests of that scenario; the
+// first of them fails unless the run ended well and left nothing behind.
 const SimRun& simulate(const std::string& scenario);
 
 // Every process the run started has ended, and its sandbox is gone.
@@ -59,6 +60,9 @@ const nlohmann::json* riser(const nlohmann::json& report, unsigned number);
 // Records under key in a result file; 0 for a file that is not there.
 std::size_t records(const nlohmann::json& report, const std::string& file,
                     const std::string& key);
+
+// The report of the healthy machine as built, kept with the tests.
+const nlohmann::json& healthyReport();
 
 extern const std::vector<std::string> healthyVotes;
 

@@ -164,15 +164,6 @@ TEST(MiniVersion, BuildIdComesFromOsRelease)
     EXPECT_EQ(Platform::readBuildId(), "QDM413B") << "key not at line start";
 }
 
-TEST(Paths, RootPrefixesAbsolutePaths)
-{
-    unsetenv("HWTOPOD_ROOT");
-    EXPECT_EQ(rootPath("/dev/fpga-cdev"), "/dev/fpga-cdev");
-    setenv("HWTOPOD_ROOT", "/tmp/sandbox/", 1);
-    EXPECT_EQ(rootPath("/dev/fpga-cdev"), "/tmp/sandbox/dev/fpga-cdev");
-    unsetenv("HWTOPOD_ROOT");
-}
-
 TEST(Introspection, InterfaceNamesWithoutTheStandardOnes)
 {
     const std::string xml =
