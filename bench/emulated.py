@@ -27,8 +27,8 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from run import (Daemon, TOP, ensure_journald, start_bus,  # noqa: E402
-                 start_services, stop_process)
+from run import (Daemon, TOP, ensure_journald, print_table,  # noqa: E402
+                 start_bus, start_services, stop_process)
 
 GUEST_BASE = 0x100000000
 GUEST_END = GUEST_BASE + (1 << 32)
@@ -94,10 +94,7 @@ def main():
             ("Threads", threads),
             ("Stripped binary", kib(os.path.getsize(stripped) // 1024)))
     os.unlink(stripped)
-    print("| Measure | Result |")
-    print("|---|---|")
-    for name, value in rows:
-        print("| %s | %s |" % (name, value))
+    print_table(rows)
 
 
 if __name__ == "__main__":

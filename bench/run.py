@@ -433,6 +433,14 @@ def discovery_rows(build, address, votes, runs, extra, first):
     ]
 
 
+def print_table(rows):
+    """The figures as the Markdown table of docs/performance.md."""
+    print("| Measure | Result |")
+    print("|---|---|")
+    for name, value in rows:
+        print("| %s | %s |" % (name, value))
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", default=os.path.join(TOP, "build"))
@@ -469,10 +477,7 @@ def main():
         for process in services + [bus]:
             stop_process(process)
         shutil.rmtree(workdir, ignore_errors=True)
-    print("| Measure | Result |")
-    print("|---|---|")
-    for name, value in rows:
-        print("| %s | %s |" % (name, value))
+    print_table(rows)
 
 
 if __name__ == "__main__":
