@@ -123,17 +123,4 @@ TEST(Daemon, ExitsWhenItCannotServe)
         EXPECT_THAT(daemon.standardError(),
                     HasSubstr("[CRITICAL] Exception in serviceInit: "));
     }
-    {
-        // The name is held by a process that does not let it go.
-        test::PrivateBus bus;
-        auto holder = sdbus::createSystemBusConnection();
-        holder->requestName(service);
-        test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
-                             sandboxEnvironment(root));
-        EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
-        EXPECT_THAT(daemon.standardError(),
-                    HasSubstr(
-                        "[CRITICAL] Exception in serviceInit: the name "
-                        "com.halvex.hwtopod is owned by another process"));
-    }
 }

@@ -88,25 +88,6 @@ const std::string notLoaded =
     "[INFO] [Base::matchVpdd] start \n"
     "[ERROR] [Base::matchVpdd] TRD files are not loaded\n";
 
-TEST_F(RuleLoading, ShippedFilesLoad)
-{
-    const std::string log =
-        load({shipped(trdFile), shipped(backplanesFile), shipped(risersFile)});
-    // Without a bus the match cannot be made, but the files are there.
-    EXPECT_EQ(log,
-              powerWarning + "[INFO] [Base::matchVpdd] start \n"
-                             "[ERROR] [Base::matchVpdd] no D-Bus connection\n");
-    EXPECT_EQ(platform->bpTrdRulesFile,
-              std::string(dataDir) + "kelvane80_1u_pass1_trd.json");
-    ASSERT_TRUE(platform->bpTrdRules && platform->trdBackplanes &&
-                platform->trdRisers && platform->trdMidplanes &&
-                platform->backplanesData && platform->risersData);
-    EXPECT_FALSE(platform->powerBackplanesData);
-    EXPECT_EQ(platform->trdBackplanes->at("NormalBP").size(), 5U);
-    EXPECT_EQ(platform->trdRisers->size(), 4U);
-    EXPECT_EQ(*platform->trdBackplanes, platform->bpTrdRules->at("backplanes"));
-}
-
 TEST_F(RuleLoading, MissingFiles)
 {
     const std::string log = load({});

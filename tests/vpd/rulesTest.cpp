@@ -49,23 +49,17 @@ class Sandbox
     TempDir dir;
 };
 
-TEST(ReadVpdNumber, EveryAlternativeOfTheVariant)
+TEST(ReadVpdNumber, EachKindOfAlternative)
 {
     EXPECT_EQ(readVpdNumber(DbusVariant(std::string("224"))), 0U);
     EXPECT_EQ(readVpdNumber(DbusVariant(std::int64_t{-1})), 0U);
-    EXPECT_EQ(readVpdNumber(DbusVariant(std::int64_t{5})), 5U);
-    EXPECT_EQ(readVpdNumber(DbusVariant(std::int32_t{-7})), 0U);
     EXPECT_EQ(readVpdNumber(DbusVariant(std::int32_t{70})), 70U);
-    EXPECT_EQ(readVpdNumber(DbusVariant(std::int16_t{-2})), 0U);
     EXPECT_EQ(readVpdNumber(DbusVariant(std::uint64_t{0xFFFFFFFFFFFFFFFF})),
               0xFFFFFFFFFFFFFFFFU);
-    EXPECT_EQ(readVpdNumber(DbusVariant(std::uint32_t{0xE0})), 0xE0U);
-    EXPECT_EQ(readVpdNumber(DbusVariant(std::uint16_t{0x1234})), 0x1234U);
     EXPECT_EQ(readVpdNumber(DbusVariant(std::uint8_t{224})), 224U);
     EXPECT_EQ(readVpdNumber(DbusVariant(true)), 1U);
     EXPECT_EQ(readVpdNumber(DbusVariant(false)), 0U);
     EXPECT_EQ(readVpdNumber(DbusVariant(3.0)), 0U);
-    EXPECT_EQ(readVpdNumber(DbusVariant(std::vector<std::string>{"1"})), 0U);
     EXPECT_EQ(readVpdNumber(DbusVariant(std::vector<std::uint8_t>{1, 2})), 0U);
 }
 
