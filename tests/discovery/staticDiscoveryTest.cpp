@@ -175,10 +175,9 @@ TEST_F(StaticDiscovery, MidplaneFromThePowerDistributionBoard)
     EXPECT_THAT(log, HasSubstr("[INFO] hwtopod find midplane\n"));
     EXPECT_EQ(linkTarget("midplane1_i2c"),
               sandboxPath("sys/devices/platform/i2c/i2c-60"));
-    const auto text = test::readFile(root / rules::midplanesFoundFile);
-    EXPECT_EQ(text,
-              "{\n    \"midplanes\": [\n        {\n            \"Bus\": 60,\n"
-              "            \"Index\": 1\n        }\n    ]\n}");
+    EXPECT_EQ(
+        nlohmann::json::parse(test::readFile(root / rules::midplanesFoundFile)),
+        nlohmann::json::parse(R"({"midplanes": [{"Bus": 60, "Index": 1}]})"));
     EXPECT_EQ(test::getProperty("com.halvex.hwtopod",
                                 "/chassis/midplane/Midplane_A",
                                 "com.halvex.hwtopod.midplane", "Bus")
