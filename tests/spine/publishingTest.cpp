@@ -177,15 +177,11 @@ TEST_F(Publishing, JsonValuesBecomeTypedProperties)
         platform->addDbusInterface("/chassis/test", "com.halvex.hwtopod.test"));
     EXPECT_TRUE(platform->addDbusInterface("/chassis/test2",
                                            "com.halvex.hwtopod.test"));
-    log = GetCapturedStderr();
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] Interface com.halvex.hwtopod.test is already added to path /chassis/test\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] Interface com.halvex.hwtopod.test is added to path /chassis/test2\n"));
+    EXPECT_THAT(GetCapturedStderr(),
+                HasSubstr("[INFO] Interface com.halvex.hwtopod.test is already "
+                          "added to path /chassis/test\n[INFO] Interface "
+                          "com.halvex.hwtopod.test is added to path "
+                          "/chassis/test2\n"));
 }
 
 TEST_F(Publishing, UpdatesAreSignalledAndPropertiesAreReadOnly)
