@@ -25,6 +25,7 @@ namespace
 {
 
 using namespace std::chrono_literals;
+using hwtopod::test::countInText;
 using hwtopod::test::Process;
 using nlohmann::json;
 using testing::HasSubstr;
@@ -69,17 +70,6 @@ bool waitForOutput(const Process& process, const std::string& text)
         std::this_thread::sleep_for(20ms);
     }
     return false;
-}
-
-std::size_t count(const std::string& text, const std::string& what)
-{
-    std::size_t n = 0;
-    for (auto at = text.find(what); at != std::string::npos;
-         at = text.find(what, at + what.size()))
-    {
-        ++n;
-    }
-    return n;
 }
 
 // A Halvex_Fullv3 FRU object of the stand-in's input.
@@ -231,7 +221,7 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
     EXPECT_TRUE(atCall.contains("/com/halvex/vpdd/BP_1"));
     // Both interfaces of the ready object are in the cache.
     EXPECT_TRUE(cached.at("/com/halvex/vpdd/DIMM_32").contains("Size"));
-    EXPECT_EQ(count(log, "[INFO] matchVpdd completed\n"), 1U);
+    EXPECT_EQ(countInText(log, "[INFO] matchVpdd completed\n"), 1U);
 
     // The cache holds every object, with its properties' own types.
     EXPECT_EQ(cached.size(), objects.size());
@@ -281,7 +271,7 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
                 HasSubstr("[CRITICAL] Failed to update /com/halvex/vpdd/"
                           "Riser_5 interface com.halvex.vpdd.Halvex_Fullv3 "
                           "fru name: "));
-    EXPECT_EQ(count(log, "[CRITICAL]"), 2U) << log;
+    EXPECT_EQ(countInText(log, "[CRITICAL]"), 2U) << log;
 
     // The calls that write to the service or read its product name.
     CaptureStderr();
@@ -302,7 +292,7 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
     EXPECT_TRUE(waitForOutput(*vpdd, "set /com/halvex/vpdd/Riser_1 "
                                      "com.halvex.vpdd.Halvex_Riser "
                                      "IpmiFruName PCIe_Riser_3 at "));
-    EXPECT_EQ(count(vpdd->standardOutput(), "set "), 4U);
+    EXPECT_EQ(countInText(vpdd->standardOutput(), "set "), 4U);
 }
 
 TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
@@ -348,7 +338,8 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
     const std::string log = GetCapturedStderr();
 
     EXPECT_EQ(sleeps, std::vector<std::chrono::milliseconds>(3, 5s));
-    EXPECT_EQ(count(vpdd->standardOutput(), "call GetManagedObjects"), 1U);
+    EXPECT_EQ(countInText(vpdd->standardOutput(), "call GetManagedObjects"),
+              1U);
     ASSERT_EQ(platform->calls(), 1U);
     EXPECT_NE(platform->threads[0], std::this_thread::get_id());
     const auto& atCall = platform->cacheAtCall[0];
