@@ -160,10 +160,8 @@ TEST_F(DynamicDiscovery, RisersSeenByOneSideOnlyAndWrongLocations)
     EXPECT_THAT(log,
                 HasSubstr("[ERROR] FPGA didn't detect <PCIe Slot 3 Riser>\n"));
     EXPECT_THAT(log, HasSubstr("[ERROR] BMC didn't detect PCIe Riser 5\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[ERROR] PCIe <Slot 5 riser> has location mismatch status for PCIe slot 5\n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR] PCIe <Slot 5 riser> has location "
+                               "mismatch status for PCIe slot 5\n"));
     EXPECT_THAT(log, HasSubstr("[ERROR] Riser 4 with wrong location \n"));
     EXPECT_EQ(platform->fpgaMatchQueue.size(), 1U);
 

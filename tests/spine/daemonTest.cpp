@@ -62,18 +62,13 @@ TEST(Daemon, PublishesThePlatformWithoutVpdOrFpga)
     }
 
     const auto log = daemon.standardError();
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] Halvex Intel BHS Platform: Mainstream 1U <Kelvane1u>\n"));
+    EXPECT_THAT(log, HasSubstr("[INFO] Halvex Intel BHS Platform: Mainstream "
+                               "1U <Kelvane1u>\n"));
     EXPECT_THAT(log, HasSubstr("[INFO] hwtopod is started normally\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[INFO] platform use default HardwareRevisionLevel value:1\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr("[ERROR] getPropertyValue HardwareRevisionLevel failed: "));
+    EXPECT_THAT(log, HasSubstr("[INFO] platform use default "
+                               "HardwareRevisionLevel value:1\n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR] getPropertyValue "
+                               "HardwareRevisionLevel failed: "));
     EXPECT_THAT(
         log,
         HasSubstr("[INFO] [STATE0] FIND THE JSON psuConfigFiles, PATH = "

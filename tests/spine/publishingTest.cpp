@@ -146,10 +146,8 @@ TEST_F(Publishing, JsonValuesBecomeTypedProperties)
                     .contains("com.halvex.hwtopod.test"));
     auto log = GetCapturedStderr();
     EXPECT_THAT(log, HasSubstr("[WARNING] dbus format error[1,-1]\n"));
-    EXPECT_THAT(
-        log,
-        HasSubstr(
-            "[WARNING] Unexpected json type in system configuration Nothing: null\n"));
+    EXPECT_THAT(log, HasSubstr("[WARNING] Unexpected json type in system "
+                               "configuration Nothing: null\n"));
 
     auto properties = test::getAllProperties(service, "/chassis/test",
                                              "com.halvex.hwtopod.test");

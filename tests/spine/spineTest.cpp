@@ -110,15 +110,11 @@ TEST(Environment, RevisionAndRestartAreParsed)
     {
         log = constructWith({bad, nullptr}, revision, normal);
         EXPECT_EQ(revision, 0U) << bad;
-        EXPECT_THAT(
-            log,
-            HasSubstr(
-                "[WARNING] Motherboard revision compatibility is unkown\n"));
+        EXPECT_THAT(log, HasSubstr("[WARNING] Motherboard revision "
+                                   "compatibility is unkown\n"));
         EXPECT_TRUE(normal);
-        EXPECT_THAT(
-            log,
-            HasSubstr(
-                "[WARNING] Environment variable HWTOPOD_STATUS is not set.\n"));
+        EXPECT_THAT(log, HasSubstr("[WARNING] Environment variable "
+                                   "HWTOPOD_STATUS is not set.\n"));
     }
 
     log = constructWith({"4294967295", ""}, revision, normal);
