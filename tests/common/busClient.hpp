@@ -15,20 +15,6 @@ using ManagedObjectsReply =
     std::map<sdbus::ObjectPath,
              std::map<std::string, std::map<std::string, sdbus::Variant>>>;
 
-inline sdbus::Variant getProperty(
-    const std::string& service, const std::string& path,
-    const std::string& interface, const std::string& property)
-{
-    auto connection = sdbus::createSystemBusConnection();
-    auto proxy = sdbus::createProxy(*connection, service, path);
-    sdbus::Variant value;
-    proxy->callMethod("Get")
-        .onInterface("org.freedesktop.DBus.Properties")
-        .withArguments(interface, property)
-        .storeResultsTo(value);
-    return value;
-}
-
 inline std::map<std::string, sdbus::Variant> getAllProperties(
     const std::string& service, const std::string& path,
     const std::string& interface)
@@ -41,6 +27,13 @@ inline std::map<std::string, sdbus::Variant> getAllProperties(
         .withArguments(interface)
         .storeResultsTo(values);
     return values;
+}
+
+inline sdbus::Variant getProperty(
+    const std::string& service, const std::string& path,
+    const std::string& interface, const std::string& property)
+{
+    return getAllProperties(service, path, interface).at(property);
 }
 
 inline ManagedObjectsReply getManagedObjects(const std::string& service)
