@@ -18,36 +18,10 @@ using hwtopod::DbusVariant;
 using hwtopod::readVpdNumber;
 using hwtopod::VpdProperties;
 using hwtopod::test::readFile;
-using hwtopod::test::TempDir;
+using Sandbox = hwtopod::test::SandboxRoot;
 using hwtopod::test::writeFile;
 using nlohmann::json;
 namespace rules = hwtopod::rules;
-
-// Places every logical path below a fresh sandbox for the test's length.
-class Sandbox
-{
-  public:
-    Sandbox()
-    {
-        ::setenv("HWTOPOD_ROOT", dir.path().c_str(), 1);
-    }
-    ~Sandbox()
-    {
-        ::unsetenv("HWTOPOD_ROOT");
-    }
-    Sandbox(const Sandbox&) = delete;
-    Sandbox& operator=(const Sandbox&) = delete;
-    Sandbox(Sandbox&&) = delete;
-    Sandbox& operator=(Sandbox&&) = delete;
-
-    std::filesystem::path operator/(const std::string& logical) const
-    {
-        return dir / logical.substr(1);
-    }
-
-  private:
-    TempDir dir;
-};
 
 TEST(ReadVpdNumber, EachKindOfAlternative)
 {
