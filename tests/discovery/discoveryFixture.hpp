@@ -29,7 +29,6 @@ class DiscoveryFixture : public testing::Test
   protected:
     void SetUp() override
     {
-        setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
         setenv("HWTOPOD_STATUS", "normal", 1);
         std::filesystem::create_directories(root / "var/configuration");
         std::filesystem::create_directories(root / "dev");
@@ -37,7 +36,6 @@ class DiscoveryFixture : public testing::Test
     }
     void TearDown() override
     {
-        unsetenv("HWTOPOD_ROOT");
         unsetenv("HWTOPOD_STATUS");
     }
 
@@ -92,7 +90,7 @@ class DiscoveryFixture : public testing::Test
     }
 
     PrivateBus bus;
-    TempDir root;
+    SandboxRoot root;
     std::unique_ptr<JournalReader> journal;
 };
 

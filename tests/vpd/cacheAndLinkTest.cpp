@@ -73,16 +73,11 @@ class I2cLinks : public testing::Test
   protected:
     void SetUp() override
     {
-        ::setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
         fs::create_directories(root / "sys/devices/platform/x/i2c-7");
         fs::create_directories(root / "sys/bus/i2c/devices");
         fs::create_directories(root / "dev");
         fs::create_directory_symlink("../../../devices/platform/x/i2c-7",
                                      root / "sys/bus/i2c/devices/i2c-7");
-    }
-    void TearDown() override
-    {
-        ::unsetenv("HWTOPOD_ROOT");
     }
 
     // Where a /dev link resolves, or empty when it does not.
@@ -93,7 +88,7 @@ class I2cLinks : public testing::Test
         return error ? fs::path() : path;
     }
 
-    hwtopod::test::TempDir root;
+    hwtopod::test::SandboxRoot root;
 };
 
 TEST_F(I2cLinks, LinksResolveInsideTheSandbox)

@@ -90,7 +90,6 @@ class VpdDiscovery : public testing::Test
   protected:
     void SetUp() override
     {
-        ::setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
         for (const char* file :
              {"kelvane80_1u_pass1_trd.json", "bhs_backplanes.json",
               "bhs_risers.json", "bhs_2p_2psus.json"})
@@ -105,7 +104,6 @@ class VpdDiscovery : public testing::Test
     {
         hwtopod::setSleepFunction({});
         platform.reset();
-        ::unsetenv("HWTOPOD_ROOT");
         ::unsetenv("HWTOPOD_STATUS");
     }
 
@@ -129,7 +127,7 @@ class VpdDiscovery : public testing::Test
     }
 
     hwtopod::test::PrivateBus bus;
-    hwtopod::test::TempDir root;
+    hwtopod::test::SandboxRoot root;
     std::unique_ptr<CountingPlatform> platform;
 };
 

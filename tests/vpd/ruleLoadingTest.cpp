@@ -16,6 +16,7 @@ namespace
 
 using hwtopod::test::readFile;
 using hwtopod::test::sourceRoot;
+using hwtopod::test::SandboxRoot;
 using hwtopod::test::TempDir;
 using hwtopod::test::writeFile;
 using testing::HasSubstr;
@@ -58,15 +59,6 @@ void place(const TempDir& root, const RuleFiles& files)
 class RuleLoading : public testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        ::setenv("HWTOPOD_ROOT", root.path().c_str(), 1);
-    }
-    void TearDown() override
-    {
-        ::unsetenv("HWTOPOD_ROOT");
-    }
-
     // loadTrd and matchVpdd of a fresh platform; their log.
     std::string load(const RuleFiles& files)
     {
@@ -78,7 +70,7 @@ class RuleLoading : public testing::Test
         return GetCapturedStderr();
     }
 
-    TempDir root;
+    SandboxRoot root;
     std::unique_ptr<Platform::Kelvane1u> platform;
 };
 
