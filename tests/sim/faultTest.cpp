@@ -26,11 +26,11 @@ namespace
 
 // The daemon still owns its name when the report is taken, and every result
 // file there parses whole.
-void expectStillServing(const SimRun& run)
+void expectStillServing(const json& report)
 {
-    EXPECT_EQ(run.report["service"]["onBus"], true);
-    EXPECT_THAT(run.report["errors"], IsEmpty());
-    EXPECT_THAT(log(run.report), Not(HasSubstr("Exception in io running")));
+    EXPECT_EQ(report["service"]["onBus"], true);
+    EXPECT_THAT(report["errors"], IsEmpty());
+    EXPECT_THAT(log(report), Not(HasSubstr("Exception in io running")));
 }
 
 // Risers the FPGA reports are kept as it reported them, each with its
@@ -55,16 +55,12 @@ json scenarioFile(const std::string& scenario, const std::string& file)
     return json::parse(stream);
 }
 
-class Faults : public testing::Test
-{};
-
 } // namespace
 
-TEST_F(Faults, VpdServiceThatNeverComes)
+TEST(Faults, VpdServiceThatNeverComes)
 {
-    const auto& run = simulate("vpd-absent");
-    expectStillServing(run);
-    const auto& report = run.report;
+    const auto& report = simulate("vpd-absent").report;
+    expectStillServing(report);
     // No board is confirmed, none is doubted before the VPD has come, and
     // nothing is voted.
     expectFpgaRisersKept(report);
@@ -74,21 +70,20 @@ TEST_F(Faults, VpdServiceThatNeverComes)
     EXPECT_THAT(votes(report), IsEmpty());
 }
 
-TEST_F(Faults, VpdServiceCrashesHalfwayAndComesBack)
+TEST(Faults, VpdServiceCrashesHalfwayAndComesBack)
 {
-    const auto& run = simulate("vpd-crash");
-    expectStillServing(run);
-    EXPECT_THAT(run.report["simulation"]["vpdd"].dump(), HasSubstr("crashing"));
+    const auto& report = simulate("vpd-crash").report;
+    expectStillServing(report);
+    EXPECT_THAT(report["simulation"]["vpdd"].dump(), HasSubstr("crashing"));
     // The objects of the first run and of the second make one machine: each
     // board once, each event once.
-    expectHealthyMachine(run.report);
+    expectHealthyMachine(report);
 }
 
-TEST_F(Faults, VpdPropertiesOfTheWrongType)
+TEST(Faults, VpdPropertiesOfTheWrongType)
 {
-    const auto& run = simulate("vpd-wrong-types");
-    expectStillServing(run);
-    const auto& report = run.report;
+    const auto& report = simulate("vpd-wrong-types").report;
+    expectStillServing(report);
     // CPU 2's name that is no string ends the probe of that object alone.
     EXPECT_THAT(log(report), HasSubstr("Exception in probeCachedVpdd for VPDD "
                                        "path /com/halvex/vpdd/CPU_2: "));
@@ -100,56 +95,53 @@ TEST_F(Faults, VpdPropertiesOfTheWrongType)
     EXPECT_EQ(votes(report), healthyVotes);
 }
 
-TEST_F(Faults, BurstOfTenThousandSignals)
+TEST(Faults, BurstOfTenThousandSignals)
 {
-    const auto& run = simulate("vpd-burst");
-    expectStillServing(run);
-    EXPECT_THAT(run.report["simulation"]["vpdd"].dump(),
-                HasSubstr("burst 10000"));
+    const auto& report = simulate("vpd-burst").report;
+    expectStillServing(report);
+    EXPECT_THAT(report["simulation"]["vpdd"].dump(), HasSubstr("burst 10000"));
     // Every signal was taken, none dropped, and the boards are found.
-    EXPECT_EQ(countInText(log(run.report),
+    EXPECT_EQ(countInText(log(report),
                           "Get interface com.halvex.vpdd.Burst update on path: "
                           "/com/halvex/vpdd/BURST_"),
               10000U);
-    expectHealthyMachine(run.report);
+    expectHealthyMachine(report);
 }
 
-TEST_F(Faults, PowerManagementAbsentOrRefusing)
+TEST(Faults, PowerManagementAbsentOrRefusing)
 {
-    const auto& absent = simulate("pwrmgt-absent");
+    const auto& absent = simulate("pwrmgt-absent").report;
     expectStillServing(absent);
-    EXPECT_EQ(countInText(log(absent.report), "power permission Exception:"),
-              2U);
-    expectHealthyMachine(absent.report, {});
+    EXPECT_EQ(countInText(log(absent), "power permission Exception:"), 2U);
+    expectHealthyMachine(absent, {});
 
-    const auto& refusing = simulate("pwrmgt-refuses");
+    const auto& refusing = simulate("pwrmgt-refuses").report;
     expectStillServing(refusing);
-    EXPECT_EQ(countInText(log(refusing.report),
+    EXPECT_EQ(countInText(log(refusing),
                           "power vote for vote id(1) fail, vote value: on"),
               2U);
-    expectHealthyMachine(refusing.report);
+    expectHealthyMachine(refusing);
 }
 
-TEST_F(Faults, LiquidCoolingServiceComesLate)
+TEST(Faults, LiquidCoolingServiceComesLate)
 {
-    const auto& run = simulate("cooling-late");
-    expectStillServing(run);
-    const auto text = log(run.report);
+    const auto& report = simulate("cooling-late").report;
+    expectStillServing(report);
+    const auto text = log(report);
     const auto failed = text.find("setLiquidCooling failed: ");
     const auto called = text.find("setLiquidCooling called successfully!");
     ASSERT_NE(failed, std::string::npos);
     ASSERT_NE(called, std::string::npos);
     EXPECT_LT(failed, called);
-    EXPECT_EQ(run.report["simulation"]["coolingCalls"],
+    EXPECT_EQ(report["simulation"]["coolingCalls"],
               json::array({"CreateSensors 0"}));
-    expectHealthyMachine(run.report);
+    expectHealthyMachine(report);
 }
 
-TEST_F(Faults, NoJournald)
+TEST(Faults, NoJournald)
 {
-    const auto& run = simulate("no-journal");
-    expectStillServing(run);
-    const auto& report = run.report;
+    const auto& report = simulate("no-journal").report;
+    expectStillServing(report);
     EXPECT_THAT(report["events"], IsEmpty());
     EXPECT_THAT(
         log(report),
@@ -164,7 +156,7 @@ TEST_F(Faults, NoJournald)
     EXPECT_EQ(votes(report), healthyVotes);
 }
 
-TEST_F(Faults, ResultDirectoryReadOnlyOrFull)
+TEST(Faults, ResultDirectoryReadOnlyOrFull)
 {
     const auto earlierRisers =
         scenarioFile("configuration-read-only", "risers_found.json");
@@ -174,9 +166,8 @@ TEST_F(Faults, ResultDirectoryReadOnlyOrFull)
          {"configuration-read-only", "configuration-full"})
     {
         SCOPED_TRACE(scenario);
-        const auto& run = simulate(scenario);
-        expectStillServing(run);
-        const auto& report = run.report;
+        const auto& report = simulate(scenario).report;
+        expectStillServing(report);
         const auto text = log(report);
         EXPECT_EQ(countInText(text, "hwtopod cannot write data at "
                                     "/var/configuration/risers_found.json"),
@@ -200,15 +191,14 @@ TEST_F(Faults, ResultDirectoryReadOnlyOrFull)
     }
 }
 
-TEST_F(Faults, EveryRuleFileBroken)
+TEST(Faults, EveryRuleFileBroken)
 {
     for (const char* scenario :
          {"rules-truncated", "rules-empty", "rules-wrong-shape"})
     {
         SCOPED_TRACE(scenario);
-        const auto& run = simulate(scenario);
-        expectStillServing(run);
-        const auto& report = run.report;
+        const auto& report = simulate(scenario).report;
+        expectStillServing(report);
         const auto text = log(report);
         EXPECT_THAT(text, HasSubstr("Exception in initPsuConfigs : "
                                     "psuConfigFiles "));
@@ -225,11 +215,10 @@ TEST_F(Faults, EveryRuleFileBroken)
     }
 }
 
-TEST_F(Faults, RegisterImageCutShort)
+TEST(Faults, RegisterImageCutShort)
 {
-    const auto& run = simulate("register-image-truncated");
-    expectStillServing(run);
-    const auto& report = run.report;
+    const auto& report = simulate("register-image-truncated").report;
+    expectStillServing(report);
     // Past its end the image reads as zero: the FPGA reports no riser, and
     // VPD alone finds them.
     EXPECT_EQ(report["devicePresence"]["RISER_1_INSTALLED"], false);
@@ -246,12 +235,12 @@ TEST_F(Faults, RegisterImageCutShort)
     EXPECT_EQ(records(report, "risers_found.json", "risers"), 4U);
 }
 
-TEST_F(Faults, BusNameHeldByAnotherProcess)
+TEST(Faults, BusNameHeldByAnotherProcess)
 {
     // The simulator checks that the daemon ended with status 1.
-    const auto& run = simulate("name-held");
-    EXPECT_EQ(run.report["simulation"]["daemonExit"], 1);
-    EXPECT_THAT(log(run.report),
+    const auto& report = simulate("name-held").report;
+    EXPECT_EQ(report["simulation"]["daemonExit"], 1);
+    EXPECT_THAT(log(report),
                 HasSubstr("Exception in serviceInit: the name "
                           "com.halvex.hwtopod is owned by another process"));
 }

@@ -21,20 +21,11 @@ using testing::Contains;
 using testing::HasSubstr;
 using namespace hwtopod::test;
 
-namespace
-{
-
-class Simulator : public testing::Test
-{};
-
-} // namespace
-
 // The healthy machine as built: its whole report, less what differs from
 // run to run, against the inspect document kept with the tests.
-TEST_F(Simulator, HealthyMachineIsFoundAsBuilt)
+TEST(Simulator, HealthyMachineIsFoundAsBuilt)
 {
-    const auto& run = simulate("healthy");
-    auto report = run.report;
+    auto report = simulate("healthy").report;
     expectHealthyMachine(report);
     EXPECT_TRUE(report["simulation"]["gpioStandIn"].get<bool>());
     EXPECT_EQ(report["simulation"]["coolingCalls"],
@@ -86,10 +77,9 @@ TEST_F(Simulator, HealthyMachineIsFoundAsBuilt)
     EXPECT_EQ(report, healthyReport()) << report.dump(2);
 }
 
-TEST_F(Simulator, NewRiserWithACableOnTheWrongConnector)
+TEST(Simulator, NewRiserWithACableOnTheWrongConnector)
 {
-    const auto& run = simulate("cable-new-riser");
-    const auto& report = run.report;
+    const auto& report = simulate("cable-new-riser").report;
     // The FPGA's map judges a new riser's cables; VPD adds no event.
     EXPECT_EQ(problems(report),
               (Events{{"TKRMBIO0041G",
@@ -106,10 +96,9 @@ TEST_F(Simulator, NewRiserWithACableOnTheWrongConnector)
     EXPECT_EQ(records(report, "risers_found.json", "risers"), 4U);
 }
 
-TEST_F(Simulator, OldRiserWithItsCableMisconnected)
+TEST(Simulator, OldRiserWithItsCableMisconnected)
 {
-    const auto& run = simulate("cable-old-riser");
-    const auto& report = run.report;
+    const auto& report = simulate("cable-old-riser").report;
     // An old riser's cable is judged against its rule record.
     EXPECT_EQ(problems(report),
               (Events{{"TKRMBIO0037G", "PCIe_Riser_5::to MCIO_5"}}));
@@ -121,10 +110,9 @@ TEST_F(Simulator, OldRiserWithItsCableMisconnected)
     EXPECT_TRUE((*riser(report, 5))["cable"].is_array());
 }
 
-TEST_F(Simulator, RiserThatOnlyTheFpgaSees)
+TEST(Simulator, RiserThatOnlyTheFpgaSees)
 {
-    const auto& run = simulate("riser-fpga-only");
-    const auto& report = run.report;
+    const auto& report = simulate("riser-fpga-only").report;
     EXPECT_EQ(problems(report),
               (Events{{"TKRMBSS0012G", "BMC::Slot 3 Riser"}}));
     EXPECT_THAT(log(report), HasSubstr("BMC didn't detect PCIe Riser 3"));
@@ -139,10 +127,9 @@ TEST_F(Simulator, RiserThatOnlyTheFpgaSees)
               0U);
 }
 
-TEST_F(Simulator, SecondCpuDifferentFromTheFirst)
+TEST(Simulator, SecondCpuDifferentFromTheFirst)
 {
-    const auto& run = simulate("cpu2-differs");
-    const auto& report = run.report;
+    const auto& report = simulate("cpu2-differs").report;
     EXPECT_EQ(problems(report),
               (Events{{"TKRMBPU0009N", "2"}, {"TKRMBPU0015G", ""}}));
     EXPECT_EQ(votes(report),
@@ -156,10 +143,9 @@ TEST_F(Simulator, SecondCpuDifferentFromTheFirst)
     EXPECT_EQ(records(report, "risers_found.json", "risers"), 4U);
 }
 
-TEST_F(Simulator, FirstCpuMissing)
+TEST(Simulator, FirstCpuMissing)
 {
-    const auto& run = simulate("cpu1-missing");
-    const auto& report = run.report;
+    const auto& report = simulate("cpu1-missing").report;
     EXPECT_EQ(problems(report), (Events{{"TKRMBPU0009N", "1"}}));
     // One vote on for CPU 1's object, then off; none after.
     EXPECT_EQ(votes(report),
@@ -170,10 +156,9 @@ TEST_F(Simulator, FirstCpuMissing)
     EXPECT_EQ(report["devicePresence"]["CPU_2"], true);
 }
 
-TEST_F(Simulator, RestartReadsTheObjectsThatExist)
+TEST(Simulator, RestartReadsTheObjectsThatExist)
 {
-    const auto& run = simulate("restart");
-    const auto& report = run.report;
+    const auto& report = simulate("restart").report;
     expectHealthyMachine(report);
     const auto text = log(report);
     EXPECT_THAT(text, HasSubstr("hwtopod is restarted"));
@@ -184,10 +169,9 @@ TEST_F(Simulator, RestartReadsTheObjectsThatExist)
     EXPECT_EQ(report["platform"]["HardwareRevision"], 2);
 }
 
-TEST_F(Simulator, RestartWaitsForALateVpdService)
+TEST(Simulator, RestartWaitsForALateVpdService)
 {
-    const auto& run = simulate("vpd-late");
-    const auto& report = run.report;
+    const auto& report = simulate("vpd-late").report;
     expectHealthyMachine(report);
     // The service comes 12 s after the daemon, which asks every 5 s.
     EXPECT_GE(countInText(log(report), "VPDD is not ready, delay 5 seconds"),
@@ -196,10 +180,9 @@ TEST_F(Simulator, RestartWaitsForALateVpdService)
                 Contains("call GetManagedObjects"));
 }
 
-TEST_F(Simulator, BrokenRiserRuleFile)
+TEST(Simulator, BrokenRiserRuleFile)
 {
-    const auto& run = simulate("broken-rule-file");
-    const auto& report = run.report;
+    const auto& report = simulate("broken-rule-file").report;
     EXPECT_THAT(log(report), HasSubstr("Exception in loadTrd : risersFile "));
     EXPECT_THAT(log(report), HasSubstr("hwtopod TRD files are not loaded "));
     // Backplanes are found; every riser the FPGA saw stays unconfirmed.
@@ -217,10 +200,9 @@ TEST_F(Simulator, BrokenRiserRuleFile)
     }
 }
 
-TEST_F(Simulator, FaultStandingAtStartAndThermalTripEdges)
+TEST(Simulator, FaultStandingAtStartAndThermalTripEdges)
 {
-    const auto& run = simulate("fault-at-start");
-    const auto& report = run.report;
+    const auto& report = simulate("fault-at-start").report;
     const auto text = log(report);
     // The register image reports the standing fault; the edges come through
     // the GPIO library stand-in to the production monitor.
@@ -234,7 +216,7 @@ TEST_F(Simulator, FaultStandingAtStartAndThermalTripEdges)
     EXPECT_EQ(events(report).count({"TKRMBPU2001I", "1::"}), 1U);
 }
 
-TEST_F(Simulator, NothingIsLeftWhenTheDaemonDies)
+TEST(Simulator, NothingIsLeftWhenTheDaemonDies)
 {
     auto process = simulator({"healthy"});
     ASSERT_TRUE(
@@ -251,7 +233,7 @@ TEST_F(Simulator, NothingIsLeftWhenTheDaemonDies)
     expectNothingLeft(run);
 }
 
-TEST_F(Simulator, NothingIsLeftAfterAnInterrupt)
+TEST(Simulator, NothingIsLeftAfterAnInterrupt)
 {
     auto process = simulator({"vpd-late"});
     ASSERT_TRUE(
@@ -266,7 +248,7 @@ TEST_F(Simulator, NothingIsLeftAfterAnInterrupt)
     expectNothingLeft(run);
 }
 
-TEST_F(Simulator, UnknownScenarioIsRefused)
+TEST(Simulator, UnknownScenarioIsRefused)
 {
     auto process = simulator({"no-such-machine"});
     EXPECT_EQ(process.waitForExit(std::chrono::seconds(30)), 2);
