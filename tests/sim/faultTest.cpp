@@ -50,9 +50,8 @@ void expectFpgaRisersKept(const json& report)
 
 json scenarioFile(const std::string& scenario, const std::string& file)
 {
-    std::ifstream stream(std::string(std::getenv("HWTOPOD_SOURCE_ROOT")) +
-                         "/sim/scenarios/" + scenario + "/" + file);
-    return json::parse(stream);
+    return json::parse(
+        readFile(sourceRoot() / "sim/scenarios" / scenario / file));
 }
 
 } // namespace

@@ -24,12 +24,6 @@ namespace hwtopod::test
 namespace
 {
 
-std::string environment(const char* name)
-{
-    const char* value = std::getenv(name);
-    return value == nullptr ? std::string() : std::string(value);
-}
-
 bool alive(pid_t pid)
 {
     return ::kill(pid, 0) == 0 || errno != ESRCH;
@@ -62,9 +56,8 @@ void parseProgress(SimRun& run)
 
 Process simulator(const std::vector<std::string>& arguments)
 {
-    return Process(environment("HWTOPOD_SOURCE_ROOT") + "/scripts/simulate.sh",
-                   arguments,
-                   {{"HWTOPOD_BUILD_DIR", environment("HWTOPOD_BUILD_ROOT")},
+    return Process(sourceRoot() / "scripts/simulate.sh", arguments,
+                   {{"HWTOPOD_BUILD_DIR", buildRoot().string()},
                     {"HWTOPOD_SIM_TIMEOUT", "90"}});
 }
 
@@ -159,9 +152,8 @@ std::size_t records(const json& report, const std::string& file,
 
 const json& healthyReport()
 {
-    static const json report =
-        json::parse(std::ifstream(environment("HWTOPOD_SOURCE_ROOT") +
-                                  "/tests/sim/healthy-inspect.json"));
+    static const json report = json::parse(
+        std::ifstream(sourceRoot() / "tests/sim/healthy-inspect.json"));
     return report;
 }
 
