@@ -15,8 +15,8 @@ namespace
 {
 
 using hwtopod::test::readFile;
-using hwtopod::test::sourceRoot;
 using hwtopod::test::SandboxRoot;
+using hwtopod::test::sourceRoot;
 using hwtopod::test::TempDir;
 using hwtopod::test::writeFile;
 using testing::HasSubstr;
