@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
 # Makes what the 32-bit ARM (armhf) build and its emulated test run need,
 # called by install-deps.sh --armhf. Safe to run again: each step is skipped
-# when its result is there.
-#
-# - the cross compiler (through ccache, as the cross file names it) and the
-#   user-mode emulator, from the native archive;
+# when its result is there. install-deps.sh has installed the cross compiler
+# and the emulator already; this script makes
 # - a sysroot with the armhf builds of every library the daemon, the tools
 #   and the tests link, at /opt/hwtopod/sysroot-armhf (the path the cross
 #   file names). The armhf packages are not installed beside the native
@@ -19,20 +17,6 @@ set -euo pipefail
 
 sysroot=/opt/hwtopod/sysroot-armhf
 say() { echo "install-armhf: $*"; }
-
-native=(crossbuild-essential-armhf qemu-user ccache)
-missing=()
-for p in "${native[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
-        missing+=("$p")
-    fi
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}"
-    say "installed ${missing[*]}"
-fi
 
 # What the build links, and what the emulated programs load.
 libraries=(

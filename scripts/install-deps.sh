@@ -16,6 +16,11 @@ packages=(
     libgpiod-dev libgtest-dev libgmock-dev
     dbus-daemon dbus systemd python3 python3-jsonschema
 )
+# The cross compiler (through ccache, as the cross file names it) and the
+# user-mode emulator; the rest of the ARM build is install-armhf.sh's.
+if [ "$armhf" = 1 ]; then
+    packages+=(crossbuild-essential-armhf qemu-user ccache)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
