@@ -214,6 +214,54 @@ std::vector<std::string> splitArgs(const std::string& text)
     }
 }
 
+// The fields of the journal's current record.
+std::map<std::string, std::string> recordFields(sd_journal* journal)
+{
+    std::map<std::string, std::string> fields;
+    const void* data = nullptr;
+    size_t length = 0;
+    SD_JOURNAL_FOREACH_DATA(journal, data, length)
+    {
+        std::string field(static_cast<const char*>(data), length);
+        const auto equals = field.find('=');
+        if (equals != std::string::npos)
+        {
+            fields[field.substr(0, equals)] = field.substr(equals + 1);
+        }
+    }
+    return fields;
+}
+
+// One Redfish record as the report shows it, its text from the registry.
+Json eventOf(std::map<std::string, std::string>& fields, const Json& messages)
+{
+    std::string shortId = fields["REDFISH_MESSAGE_ID"];
+    if (shortId.starts_with(messageIdPrefix))
+    {
+        shortId = shortId.substr(std::string(messageIdPrefix).size());
+    }
+    Json event = {{"id", shortId}, {"args", nullptr}, {"priority", nullptr}};
+    auto args = fields.find("REDFISH_MESSAGE_ARGS");
+    std::vector<std::string> argList;
+    if (args != fields.end())
+    {
+        argList = splitArgs(args->second);
+        event["args"] = args->second;
+    }
+    if (auto priority = decimalInteger<int>(fields["PRIORITY"]))
+    {
+        event["priority"] = *priority;
+    }
+    const auto message = messages.find(shortId);
+    const auto known = message != messages.end();
+    event["text"] = describeEvent(known ? *message : Json(), argList);
+    event["severity"] = known ? message->value("MessageSeverity", Json())
+                              : Json();
+    // An event the registry does not know is shown with the problems.
+    event["problem"] = event["severity"] != "OK";
+    return event;
+}
+
 // The daemon's Redfish records: this process, this boot, since it started.
 Json journalEvents(pid_t pid, const Json& messages, Json& errors)
 {
@@ -245,56 +293,11 @@ Json journalEvents(pid_t pid, const Json& messages, Json& errors)
     }
     while (sd_journal_next(journal) > 0)
     {
-        std::map<std::string, std::string> fields;
-        const void* data = nullptr;
-        size_t length = 0;
-        SD_JOURNAL_FOREACH_DATA(journal, data, length)
+        auto fields = recordFields(journal);
+        if (fields.contains("REDFISH_MESSAGE_ID"))
         {
-            std::string field(static_cast<const char*>(data), length);
-            const auto equals = field.find('=');
-            if (equals != std::string::npos)
-            {
-                fields[field.substr(0, equals)] = field.substr(equals + 1);
-            }
+            events.push_back(eventOf(fields, messages));
         }
-        auto id = fields.find("REDFISH_MESSAGE_ID");
-        if (id == fields.end())
-        {
-            continue;
-        }
-        std::string shortId = id->second;
-        if (shortId.starts_with(messageIdPrefix))
-        {
-            shortId = shortId.substr(std::string(messageIdPrefix).size());
-        }
-        Json event = {{"id", shortId}};
-        auto args = fields.find("REDFISH_MESSAGE_ARGS");
-        std::vector<std::string> argList;
-        if (args != fields.end())
-        {
-            argList = splitArgs(args->second);
-            event["args"] = args->second;
-        }
-        else
-        {
-            event["args"] = nullptr;
-        }
-        if (auto priority = decimalInteger<int>(fields["PRIORITY"]))
-        {
-            event["priority"] = *priority;
-        }
-        else
-        {
-            event["priority"] = nullptr;
-        }
-        const auto message = messages.find(shortId);
-        const auto known = message != messages.end();
-        event["text"] = describeEvent(known ? *message : Json(), argList);
-        event["severity"] = known ? message->value("MessageSeverity", Json())
-                                  : Json();
-        // An event the registry does not know is shown with the problems.
-        event["problem"] = event["severity"] != "OK";
-        events.push_back(event);
     }
     sd_journal_close(journal);
     return events;
@@ -423,18 +426,12 @@ bool fpgaMissed(const Json& events, const std::string& name)
     return false;
 }
 
-} // namespace
-
-Json collect(const Options& options)
+// The daemon's objects, and its process when not given; what failed goes to
+// errors and failures.
+ManagedObjects readObjects(const Options& options, std::optional<pid_t>& pid,
+                           Json& errors, Json& failures)
 {
-    Json document = {{"service", {{"name", options.service}}},
-                     {"errors", Json::array()}};
-    Json& errors = document["errors"];
-    Json failures = Json::array();
-
     ManagedObjects objects;
-    std::optional<pid_t> pid = options.pid;
-    bool onBus = false;
     try
     {
         auto connection = sdbus::createSystemBusConnection();
@@ -446,7 +443,6 @@ Json collect(const Options& options)
         proxy->callMethod("GetManagedObjects")
             .onInterface("org.freedesktop.DBus.ObjectManager")
             .storeResultsTo(objects);
-        onBus = true;
     }
     catch (const sdbus::Error& e)
     {
@@ -454,13 +450,47 @@ Json collect(const Options& options)
         failures.push_back(
             options.service + " is not on the system bus: " + e.getMessage());
     }
-    document["service"]["onBus"] = onBus;
-    document["service"]["pid"] = pid ? Json(*pid) : Json(nullptr);
+    return objects;
+}
 
-    const auto messages = registryMessages(errors);
-    Json events = pid ? journalEvents(*pid, messages, errors) : Json::array();
+// A riser's object with its slots' links and what the records say of it.
+Json riserEntry(const std::string& name,
+                const std::map<std::string, Properties>& interfaces,
+                const Json& properties, const Json& events)
+{
+    const auto slot = riserSlot(properties);
+    Json slots = Json::array();
+    if (properties.contains("PCIeSlot") && properties["PCIeSlot"].is_array())
+    {
+        for (const auto& s : properties["PCIeSlot"])
+        {
+            if (const auto number = jsonInteger<unsigned>(s))
+            {
+                slots.push_back(
+                    {{"slot", *number},
+                     {"i2c", i2cLink("pcie_slot" + std::to_string(*number) +
+                                     "_i2c")}});
+            }
+        }
+    }
+    std::vector<std::string> names = {name.substr(15)};
+    if (properties.contains("RiserName") && properties["RiserName"].is_string())
+    {
+        names.push_back(properties["RiserName"]);
+    }
+    const bool vpdOnly = fpgaMissed(events, names[0]) ||
+                         (names.size() > 1 && fpgaMissed(events, names[1]));
+    Json riser = {
+        {"path", name},   {"interface", interfacesOf(interfaces)},
+        {"riser", slot},  {"properties", properties},
+        {"slots", slots}, {"seenBy", vpdOnly ? "VPD only" : "FPGA and VPD"}};
+    riser.update(riserIssues(events, slot, names));
+    return riser;
+}
 
-    // Platform facts.
+// What the daemon's objects show, sorted by kind of object.
+struct Picture
+{
     Json platform = Json::object();
     Json psus = Json::array();
     Json backplaneStatus = Json::object();
@@ -468,27 +498,36 @@ Json collect(const Options& options)
     Json risers = Json::array();
     Json backplanes = Json::array();
     Json midplanes = Json::array();
-    for (const auto& [path, interfaces] : objects)
+
+    void addBasecfg(const std::map<std::string, Properties>& interfaces)
     {
-        const std::string name = path;
+        for (const auto& [interface, values] : interfaces)
+        {
+            if (interface.starts_with("org.freedesktop.DBus"))
+            {
+                continue;
+            }
+            auto& target = interface == "com.halvex.hwtopod.status.backplane"
+                               ? backplaneStatus
+                               : platform;
+            for (const auto& [key, value] : values)
+            {
+                target[key] = toJson(value);
+            }
+        }
+    }
+
+    void add(const std::string& name,
+             const std::map<std::string, Properties>& interfaces,
+             const Json& events)
+    {
         auto properties = flatten(interfaces);
+        const Json board = {{"path", name},
+                            {"interface", interfacesOf(interfaces)},
+                            {"properties", properties}};
         if (name == "/com/halvex/platform/basecfg")
         {
-            for (const auto& [interface, values] : interfaces)
-            {
-                auto& target =
-                    interface == "com.halvex.hwtopod.status.backplane"
-                        ? backplaneStatus
-                        : platform;
-                if (interface.starts_with("org.freedesktop.DBus"))
-                {
-                    continue;
-                }
-                for (const auto& [key, value] : values)
-                {
-                    target[key] = toJson(value);
-                }
-            }
+            addBasecfg(interfaces);
         }
         else if (name == "/com/halvex/platform/software/config" ||
                  name == "/com/halvex/platform/hardware/chassis")
@@ -513,82 +552,43 @@ Json collect(const Options& options)
         }
         else if (name.starts_with("/chassis/riser/"))
         {
-            const auto slot = riserSlot(properties);
-            Json slots = Json::array();
-            if (properties.contains("PCIeSlot") &&
-                properties["PCIeSlot"].is_array())
-            {
-                for (const auto& s : properties["PCIeSlot"])
-                {
-                    const auto checked = jsonInteger<unsigned>(s);
-                    if (!checked)
-                    {
-                        continue;
-                    }
-                    const auto number = *checked;
-                    Json entry = {{"slot", number}};
-                    entry["i2c"] =
-                        i2cLink("pcie_slot" + std::to_string(number) + "_i2c");
-                    slots.push_back(entry);
-                }
-            }
-            std::vector<std::string> names = {name.substr(15)};
-            if (properties.contains("RiserName") &&
-                properties["RiserName"].is_string())
-            {
-                names.push_back(properties["RiserName"]);
-            }
-            Json riser = {
-                {"path", name},
-                {"interface", interfacesOf(interfaces)},
-                {"riser", slot},
-                {"properties", properties},
-                {"slots", slots},
-                {"seenBy",
-                 fpgaMissed(events, names[0]) ||
-                         (names.size() > 1 && fpgaMissed(events, names[1]))
-                     ? "VPD only"
-                     : "FPGA and VPD"}};
-            riser.update(riserIssues(events, slot, names));
-            risers.push_back(riser);
+            risers.push_back(riserEntry(name, interfaces, properties, events));
         }
         else if (name.starts_with("/chassis/bp/"))
         {
-            Json bp = {{"path", name},
-                       {"interface", interfacesOf(interfaces)},
-                       {"properties", properties}};
+            backplanes.push_back(board);
             const auto id = properties.contains("BackplaneId")
                                 ? jsonInteger<int>(properties["BackplaneId"])
                                 : std::nullopt;
             if (id)
             {
-                bp["i2c"] = i2cLink("bp" + std::to_string(*id) + "_i2c");
+                backplanes.back()["i2c"] =
+                    i2cLink("bp" + std::to_string(*id) + "_i2c");
             }
-            backplanes.push_back(bp);
         }
         else if (name.starts_with("/chassis/midplane/"))
         {
-            midplanes.push_back({{"path", name},
-                                 {"interface", interfacesOf(interfaces)},
-                                 {"properties", properties}});
+            midplanes.push_back(board);
         }
     }
-    for (const auto slot : risersOnlyFpgaSaw(events))
-    {
-        Json riser = {{"path", nullptr},        {"interface", nullptr},
-                      {"riser", slot},          {"properties", Json::object()},
-                      {"slots", Json::array()}, {"seenBy", "FPGA only"}};
-        riser.update(riserIssues(events, slot, {}));
-        risers.push_back(riser);
-    }
-    platform["Psus"] = psus;
-    platform["BackplaneStatus"] = backplaneStatus;
-    document["platform"] = platform;
-    document["risers"] = risers;
-    document["backplanes"] = backplanes;
-    document["midplanes"] = midplanes;
-    document["devicePresence"] = presence;
 
+    // Risers that only the FPGA's records name have no object.
+    void addRisersOnlyFpgaSaw(const Json& events)
+    {
+        for (const auto slot : risersOnlyFpgaSaw(events))
+        {
+            Json riser = {
+                {"path", nullptr},        {"interface", nullptr},
+                {"riser", slot},          {"properties", Json::object()},
+                {"slots", Json::array()}, {"seenBy", "FPGA only"}};
+            riser.update(riserIssues(events, slot, {}));
+            risers.push_back(riser);
+        }
+    }
+};
+
+Json readResultFiles(Json& errors, Json& failures)
+{
     Json files = Json::object();
     for (const auto& file : resultFiles)
     {
@@ -616,8 +616,11 @@ Json collect(const Options& options)
             failures.push_back("cannot read " + path + ": " + e.what());
         }
     }
-    document["resultFiles"] = files;
-    document["events"] = events;
+    return files;
+}
+
+Json problemsOf(const Json& events)
+{
     Json problems = Json::array();
     for (const auto& event : events)
     {
@@ -627,7 +630,42 @@ Json collect(const Options& options)
                                event["text"].get<std::string>());
         }
     }
-    document["problems"] = problems;
+    return problems;
+}
+
+} // namespace
+
+Json collect(const Options& options)
+{
+    Json document = {{"service", {{"name", options.service}}},
+                     {"errors", Json::array()}};
+    Json& errors = document["errors"];
+    Json failures = Json::array();
+
+    std::optional<pid_t> pid = options.pid;
+    const auto objects = readObjects(options, pid, errors, failures);
+    document["service"]["onBus"] = failures.empty();
+    document["service"]["pid"] = pid ? Json(*pid) : Json(nullptr);
+
+    const auto messages = registryMessages(errors);
+    Json events = pid ? journalEvents(*pid, messages, errors) : Json::array();
+
+    Picture picture;
+    for (const auto& [path, interfaces] : objects)
+    {
+        picture.add(path, interfaces, events);
+    }
+    picture.addRisersOnlyFpgaSaw(events);
+    picture.platform["Psus"] = picture.psus;
+    picture.platform["BackplaneStatus"] = picture.backplaneStatus;
+    document["platform"] = picture.platform;
+    document["risers"] = picture.risers;
+    document["backplanes"] = picture.backplanes;
+    document["midplanes"] = picture.midplanes;
+    document["devicePresence"] = picture.presence;
+    document["resultFiles"] = readResultFiles(errors, failures);
+    document["events"] = events;
+    document["problems"] = problemsOf(events);
     document["failures"] = failures;
     return document;
 }
