@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 namespace hwtopod
 {
@@ -110,64 +111,81 @@ void writeZmcEvent(const std::string& eventId, std::uint8_t index,
                  deviceName.c_str());
 }
 
-void sendPresentEvent(DeviceType type, bool present, unsigned index,
-                      const std::string& name, bool installEvent)
+namespace
+{
+// Where a board sits, as its records name it.
+struct Place
 {
     std::string location;
-    std::string number = std::to_string(index);
+    std::string number;
+};
+
+std::optional<Place> placeOf(DeviceType type, unsigned index)
+{
+    const std::string number = std::to_string(index);
     switch (type)
     {
         case DeviceType::PcieRiser:
-            location = "PCIe Riser";
-            break;
+            return Place{"PCIe Riser", number};
         case DeviceType::SlotRiserAlt:
         case DeviceType::SlotRiser:
-            location = "Slot";
-            number += " Riser";
-            break;
+            return Place{"Slot", number + " Riser"};
         case DeviceType::PcieCard:
-            location = "PCIe Card";
-            if (!installEvent)
-            {
-                return;
-            }
-            break;
+            return Place{"PCIe Card", number};
         case DeviceType::Ocp:
-            location = "OCP";
-            if (!installEvent)
-            {
-                return;
-            }
-            break;
+            return Place{"OCP", number};
         case DeviceType::Backplane:
-            if (index == 0)
-            {
-                location = "M.2";
-                number = "Backplane";
-            }
-            else
-            {
-                location = "Backplane";
-            }
-            break;
+            return index == 0 ? Place{"M.2", "Backplane"}
+                              : Place{"Backplane", number};
+        default:
+            return std::nullopt;
+    }
+}
+
+// The records of the types that name no place; false for the other types.
+bool sendUnplacedPresence(DeviceType type, bool present,
+                          const std::string& name)
+{
+    const char* text = present ? message::present : message::absent;
+    switch (type)
+    {
         case DeviceType::FrontPanel:
-            presentRecord(present ? "TKRMBPR0003I" : "TKRMBPR2003I",
-                          present ? message::present : message::absent);
-            return;
+            presentRecord(present ? "TKRMBPR0003I" : "TKRMBPR2003I", text);
+            return true;
         case DeviceType::NamedElement:
         case DeviceType::NamedElementAlt:
-            presentRecord(present ? "TKRMBIO0000I" : "TKRMBIO2000J",
-                          present ? message::present : message::absent, name);
-            return;
+            presentRecord(present ? "TKRMBIO0000I" : "TKRMBIO2000J", text,
+                          name);
+            return true;
         case DeviceType::SecurityJumper:
-            presentRecord(present ? "TKRMBUN0026I" : "TKRMBUN2026I",
-                          present ? message::present : message::absent);
-            return;
+            presentRecord(present ? "TKRMBUN0026I" : "TKRMBUN2026I", text);
+            return true;
         default:
-            logInfo() << "sendPresentEvent: ignored";
-            return;
+            return false;
     }
+}
+} // namespace
 
+void sendPresentEvent(DeviceType type, bool present, unsigned index,
+                      const std::string& name, bool installEvent)
+{
+    if (sendUnplacedPresence(type, present, name))
+    {
+        return;
+    }
+    const auto place = placeOf(type, index);
+    if (!place)
+    {
+        logInfo() << "sendPresentEvent: ignored";
+        return;
+    }
+    // A card and an OCP device only have install records.
+    if (!installEvent &&
+        (type == DeviceType::PcieCard || type == DeviceType::Ocp))
+    {
+        return;
+    }
+    const auto& [location, number] = *place;
     if (installEvent)
     {
         presentRecord(present ? "TKRMBIO0032I" : "TKRMBIO0033I",
