@@ -394,6 +394,82 @@ void serveUntil(sdbus::IConnection& connection, Clock::time_point deadline)
 
 } // namespace
 
+// Records the calls the benchmarks and tests count.
+void recordCalls(sdbus::IConnection& connection)
+{
+    connection.addMatch(
+        "type='method_call',interface='org.freedesktop.DBus.ObjectManager',"
+        "member='GetManagedObjects'",
+        [](sdbus::Message&) { say("call GetManagedObjects"); },
+        sdbus::floating_slot);
+    connection.addMatch(
+        "type='method_call',interface='org.freedesktop.DBus.Properties',"
+        "member='Get'",
+        [](sdbus::Message& call) {
+        std::string interface;
+        std::string name;
+        call >> interface >> name;
+        say("call Get " + call.getPath() + " " + interface + " " + name +
+            stamp());
+        },
+        sdbus::floating_slot);
+}
+
+// The objects one after the other, as the configuration spaces them.
+std::vector<std::unique_ptr<sdbus::IObject>> publishAll(
+    sdbus::IConnection& connection, const Configuration& configuration)
+{
+    std::vector<std::unique_ptr<sdbus::IObject>> published;
+    bool first = true;
+    for (const auto& fru : configuration.objects)
+    {
+        if (configuration.crashAfter == published.size())
+        {
+            say("crashing");
+            std::abort();
+        }
+        auto wait = fru.delay + (first ? std::chrono::milliseconds(0)
+                                       : configuration.interval);
+        serveUntil(connection, Clock::now() + wait);
+        while (fru.hold && released == 0)
+        {
+            serveUntil(connection,
+                       Clock::now() + std::chrono::milliseconds(50));
+        }
+        published.push_back(publish(connection, fru));
+        first = false;
+    }
+    return published;
+}
+
+// Every object announced again, round after round.
+void repeatRounds(sdbus::IConnection& connection,
+                  const Configuration& configuration,
+                  std::vector<std::unique_ptr<sdbus::IObject>>& published)
+{
+    for (std::size_t round = 1;
+         configuration.repeatInterval.count() > 0 &&
+         (configuration.repeatCount == 0 || round <= configuration.repeatCount);
+         ++round)
+    {
+        serveUntil(connection, Clock::now() + configuration.repeatInterval);
+        for (std::size_t i = 0; i < published.size(); ++i)
+        {
+            std::vector<std::string> names;
+            for (const auto& [interface, values] :
+                 configuration.objects[i].interfaces)
+            {
+                names.push_back(interface);
+            }
+            if (!names.empty())
+            {
+                published[i]->emitInterfacesAddedSignal(names);
+            }
+        }
+        say("repeated " + std::to_string(round));
+    }
+}
+
 int main(int argc, char** argv)
 {
     if (argc != 2)
@@ -420,69 +496,15 @@ int main(int argc, char** argv)
     std::this_thread::sleep_for(configuration.startDelay);
     auto connection = sdbus::createSystemBusConnection(busName);
     connection->addObjectManager("/", sdbus::floating_slot);
-    connection->addMatch(
-        "type='method_call',interface='org.freedesktop.DBus.ObjectManager',"
-        "member='GetManagedObjects'",
-        [](sdbus::Message&) { say("call GetManagedObjects"); },
-        sdbus::floating_slot);
-    connection->addMatch(
-        "type='method_call',interface='org.freedesktop.DBus.Properties',"
-        "member='Get'",
-        [](sdbus::Message& call) {
-        std::string interface;
-        std::string name;
-        call >> interface >> name;
-        say("call Get " + call.getPath() + " " + interface + " " + name +
-            stamp());
-        },
-        sdbus::floating_slot);
+    recordCalls(*connection);
     say("started");
 
     if (configuration.burst > 0)
     {
         sendBurst(*connection, configuration.burst);
     }
-    std::vector<std::unique_ptr<sdbus::IObject>> published;
-    bool first = true;
-    for (const auto& fru : configuration.objects)
-    {
-        if (configuration.crashAfter == published.size())
-        {
-            say("crashing");
-            std::abort();
-        }
-        auto wait = fru.delay + (first ? std::chrono::milliseconds(0)
-                                       : configuration.interval);
-        serveUntil(*connection, Clock::now() + wait);
-        while (fru.hold && released == 0)
-        {
-            serveUntil(*connection,
-                       Clock::now() + std::chrono::milliseconds(50));
-        }
-        published.push_back(publish(*connection, fru));
-        first = false;
-    }
-    for (std::size_t round = 1;
-         configuration.repeatInterval.count() > 0 &&
-         (configuration.repeatCount == 0 || round <= configuration.repeatCount);
-         ++round)
-    {
-        serveUntil(*connection, Clock::now() + configuration.repeatInterval);
-        for (std::size_t i = 0; i < published.size(); ++i)
-        {
-            std::vector<std::string> names;
-            for (const auto& [interface, values] :
-                 configuration.objects[i].interfaces)
-            {
-                names.push_back(interface);
-            }
-            if (!names.empty())
-            {
-                published[i]->emitInterfacesAddedSignal(names);
-            }
-        }
-        say("repeated " + std::to_string(round));
-    }
+    auto published = publishAll(*connection, configuration);
+    repeatRounds(*connection, configuration, published);
     while (true)
     {
         serveUntil(*connection, Clock::now() + std::chrono::hours(1));
