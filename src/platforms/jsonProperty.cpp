@@ -22,37 +22,52 @@ std::vector<T> arrayOf(const nlohmann::json& value)
 }
 } // namespace
 
+namespace
+{
+// The kind of a value, or the one kind of every element of an array; none
+// for an empty array, and none with a warning when the elements differ.
+std::optional<nlohmann::json::value_t> elementType(const nlohmann::json& value)
+{
+    if (!value.is_array())
+    {
+        return value.type();
+    }
+    if (value.empty())
+    {
+        return std::nullopt;
+    }
+    const auto type = value.front().type();
+    for (const auto& element : value)
+    {
+        if (element.type() != type)
+        {
+            // Text that is no valid UTF-8 (from VPD) is shown with
+            // replacement characters instead of ending the step.
+            logWarning() << "dbus format error"
+                         << value.dump(
+                                -1, ' ', false,
+                                nlohmann::json::error_handler_t::replace);
+            return std::nullopt;
+        }
+    }
+    return type;
+}
+} // namespace
+
 std::optional<hwtopod::dbus::PropertyValue> jsonPropertyValue(
     const std::string& key, const nlohmann::json& value)
 {
     using Type = nlohmann::json::value_t;
     const bool isArray = value.is_array();
-    Type elementType = value.type();
-    if (isArray)
+    const auto kind = elementType(value);
+    if (!kind)
     {
-        if (value.empty())
-        {
-            return std::nullopt;
-        }
-        elementType = value.front().type();
-        for (const auto& element : value)
-        {
-            if (element.type() != elementType)
-            {
-                // Text that is no valid UTF-8 (from VPD) is shown with
-                // replacement characters instead of ending the step.
-                logWarning()
-                    << "dbus format error"
-                    << value.dump(-1, ' ', false,
-                                  nlohmann::json::error_handler_t::replace);
-                return std::nullopt;
-            }
-        }
+        return std::nullopt;
     }
 
     // Each conversion below is of the JSON kind the value holds, so none
     // narrows or leaves its range.
-    switch (elementType)
+    switch (*kind)
     {
         case Type::object:
             // Nesting is the caller's business.
