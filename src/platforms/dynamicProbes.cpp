@@ -22,6 +22,7 @@ namespace
 {
 constexpr auto statusPath = "/com/halvex/platform/basecfg";
 constexpr auto statusInterface = "com.halvex.hwtopod.status.backplane";
+constexpr std::string_view notLoaded = "hwtopod TRD files are not loaded ";
 
 // A property read as a number, entering an empty one when it is absent.
 std::uint64_t numberOrEnter(VpdProperties& vpd, const char* name)
@@ -191,18 +192,13 @@ rules::Selectors Highvol::selectors() const
 
 void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
 {
-    if (!backplanesData || !trdBackplanes)
+    const auto* cached =
+        cachedVpd(backplanesData, trdBackplanes, path, notLoaded, "probeVpdd");
+    if (cached == nullptr)
     {
-        logError() << "hwtopod TRD files are not loaded ";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
-    {
-        logError() << "probeVpdd: path " << path << " was not found";
-        return;
-    }
-    const auto& vpd = found->second;
+    const auto& vpd = *cached;
     auto select = selectors();
     select.openLoop = getFpgaDeviceState(89);
     auto match =
@@ -268,18 +264,13 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
                                     std::uint64_t posId)
 {
     logInfo() << "Probe riser vpd dynamic";
-    if (!risersData || !trdRisers)
+    const auto* cached =
+        cachedVpd(risersData, trdRisers, path, notLoaded, "probeVpdd");
+    if (cached == nullptr)
     {
-        logError() << "hwtopod TRD files are not loaded ";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
-    {
-        logError() << "probeVpdd: path " << path << " was not found";
-        return;
-    }
-    const auto& vpd = found->second;
+    const auto& vpd = *cached;
     auto match = rules::matchDynamicBoard(rules::Board::riser, *risersData,
                                           *trdRisers, vpd, posId, selectors());
     if (!acceptMatch(match))
