@@ -88,13 +88,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
     const auto& bpSection = trd.is_object() && trd.contains("backplanes")
                                 ? trd.at("backplanes")
                                 : none;
-    const auto& riserSection =
-        trd.is_object() && trd.contains("risers") ? trd.at("risers") : none;
+    auto section = [&](const char* key) -> const nlohmann::json& {
+        return trd.is_object() && trd.contains(key) ? trd.at(key) : none;
+    };
+    const auto& riserSection = section("risers");
     checkMatch(rules::matchDynamicBoard(rules::Board::backplane, backplanes,
                                         bpSection, vpd, posId, selectors));
     checkMatch(rules::matchDynamicBoard(rules::Board::riser, risers,
                                         riserSection, vpd, posId, selectors));
     checkMatch(rules::matchStaticBackplane(backplanes, bpSection, vpd, posId,
                                            selectors));
+    checkMatch(rules::matchStaticRiser(risers, riserSection, vpd, posId));
+    // No power board rules are shipped: the backplane rules stand in.
+    checkMatch(
+        rules::matchMidplane(backplanes, section("midplanes"), vpd, posId));
     return 0;
 }

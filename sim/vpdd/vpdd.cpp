@@ -51,10 +51,16 @@ namespace
 {
 
 volatile std::sig_atomic_t released = 0;
+volatile std::sig_atomic_t answerReleased = 0;
 
 extern "C" void release(int /*signal*/)
 {
     released = 1;
+}
+
+extern "C" void releaseAnswer(int /*signal*/)
+{
+    answerReleased = 1;
 }
 
 using Clock = std::chrono::steady_clock;
@@ -89,6 +95,9 @@ struct Configuration
     // (0: without end).
     std::chrono::milliseconds repeatInterval{0};
     std::size_t repeatCount = 0;
+    // GetManagedObjects is answered only after SIGUSR2 has come: a test can
+    // act while the caller waits for the answer.
+    bool holdAnswer = false;
 };
 
 constexpr auto busName = "com.halvex.vpdd";
@@ -260,6 +269,7 @@ Configuration readConfiguration(const std::string& file)
     configuration.repeatInterval = seconds(repeat, "interval");
     configuration.repeatCount =
         number<std::size_t>(repeat.value("count", nlohmann::json(0)));
+    configuration.holdAnswer = document.value("holdAnswer", false);
     for (const auto& given : document.at("objects"))
     {
         FruObject object;
@@ -395,12 +405,20 @@ void serveUntil(sdbus::IConnection& connection, Clock::time_point deadline)
 } // namespace
 
 // Records the calls the benchmarks and tests count.
-void recordCalls(sdbus::IConnection& connection)
+// With hold, the answer to GetManagedObjects waits for SIGUSR2.
+void recordCalls(sdbus::IConnection& connection, bool hold)
 {
     connection.addMatch(
         "type='method_call',interface='org.freedesktop.DBus.ObjectManager',"
         "member='GetManagedObjects'",
-        [](sdbus::Message&) { say("call GetManagedObjects"); },
+        [hold](sdbus::Message&) {
+        say("call GetManagedObjects");
+        // Matches run before the object manager answers the call.
+        while (hold && answerReleased == 0)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        },
         sdbus::floating_slot);
     connection.addMatch(
         "type='method_call',interface='org.freedesktop.DBus.Properties',"
@@ -492,11 +510,13 @@ int main(int argc, char** argv)
     {};
     action.sa_handler = release;
     ::sigaction(SIGUSR1, &action, nullptr);
+    action.sa_handler = releaseAnswer;
+    ::sigaction(SIGUSR2, &action, nullptr);
 
     std::this_thread::sleep_for(configuration.startDelay);
     auto connection = sdbus::createSystemBusConnection(busName);
     connection->addObjectManager("/", sdbus::floating_slot);
-    recordCalls(*connection);
+    recordCalls(*connection, configuration.holdAnswer);
     say("started");
 
     if (configuration.burst > 0)

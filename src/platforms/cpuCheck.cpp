@@ -7,6 +7,8 @@
 #include "powerVote.hpp"
 #include "probeHelpers.hpp"
 
+#include <optional>
+
 namespace Platform
 {
 
@@ -48,6 +50,87 @@ std::string textOf(const VpdProperties& vpd, const char* name)
     const auto* text = std::get_if<std::string>(&vpd.at(name));
     return text == nullptr ? std::string() : *text;
 }
+
+// What makes two CPUs alike.
+struct CpuIdentity
+{
+    std::uint64_t flags = 0;
+    std::uint64_t cpuId = 0;
+    std::uint64_t stepping = 0;
+    std::string skuNumber;
+    std::string sSpec;
+};
+
+// The identity a CPU's VPD gives, none when a part of it is missing.
+std::optional<CpuIdentity> identityOf(const VpdProperties& vpd)
+{
+    for (const char* key : {"CoreFeatureFlags", "CpuId", "Stepping",
+                            "SkuNumber", "SSpecOrQdfNumber"})
+    {
+        if (!vpd.contains(key))
+        {
+            return std::nullopt;
+        }
+    }
+    return CpuIdentity{
+        readVpdNumber(vpd.at("CoreFeatureFlags")),
+        readVpdNumber(vpd.at("CpuId")), readVpdNumber(vpd.at("Stepping")),
+        textOf(vpd, "SkuNumber"), textOf(vpd, "SSpecOrQdfNumber")};
+}
+
+void reportCpu1Missing(Base::CpuCheckState& state)
+{
+    hwtopod::sendConfigMismatchEvent(
+        DeviceType::Cpu, ConfigMismatchKind::ProcessorConfiguration, "1", "");
+    logInfo() << "CPU 1 is not installed, set CPU 1 configuration mismatch ";
+    powerVote(false);
+    state.cpuPowerDenied = true;
+}
+
+void storeCpu1(Base::CpuCheckState& state, const CpuIdentity& cpu)
+{
+    state.cpu1CoreFeatureFlags = cpu.flags;
+    state.cpu1CpuId = cpu.cpuId;
+    state.cpu1Stepping = cpu.stepping;
+    state.cpu1SkuNumber = cpu.skuNumber;
+    state.cpu1SSpecOrQdfNumber = cpu.sSpec;
+    state.cpu1Stored = true;
+    logInfo() << "CPU 1 is installed, store CPU 1 configuration ";
+}
+
+// An installed CPU other than CPU 1, held against CPU 1.
+void compareWithCpu1(Base::CpuCheckState& state, std::uint64_t location,
+                     const CpuIdentity& cpu)
+{
+    const std::string number = std::to_string(location);
+    if (cpu.cpuId == state.cpu1CpuId && cpu.stepping == state.cpu1Stepping &&
+        cpu.skuNumber == state.cpu1SkuNumber &&
+        cpu.sSpec == state.cpu1SSpecOrQdfNumber)
+    {
+        logInfo() << "CPU " << location << "is installed and the same to CPU 1";
+    }
+    else
+    {
+        hwtopod::sendConfigMismatchEvent(
+            DeviceType::Cpu, ConfigMismatchKind::ProcessorConfiguration, number,
+            "");
+        logWarning() << "CPU " << location
+                     << " installed and different to CPU 1, set CPU "
+                     << location << " configuration mismatch";
+        powerVote(false);
+        state.cpuPowerDenied = true;
+    }
+    if (!state.cpuFeatureMismatchSent &&
+        cpu.flags != state.cpu1CoreFeatureFlags)
+    {
+        hwtopod::sendConfigMismatchEvent(
+            DeviceType::Cpu, ConfigMismatchKind::ProcessorFeature, number, "");
+        logWarning() << "CPU " << location
+                     << " is installed and feature flags different to CPU 1, "
+                        "set CPU feature mismatch";
+        state.cpuFeatureMismatchSent = true;
+    }
+}
 } // namespace
 
 void Base::probeCpu(const std::string& path)
@@ -64,10 +147,6 @@ void Base::probeCpu(const std::string& path)
         return;
     }
     const auto& vpd = found->second;
-    if (!vpd.contains("VpdName"))
-    {
-        return;
-    }
     const std::string name = probe::vpdText(vpd, "VpdName");
     if (name.find("CPU") == std::string::npos)
     {
@@ -81,42 +160,19 @@ void Base::probeCpu(const std::string& path)
     logInfo() << "Detecting CPU : " << name;
     const auto location = readVpdNumber(vpd.at("VpdLocation"));
     const auto installed = readVpdNumber(vpd.at("VpdFound"));
-
     if (installed == 0 && location == 1)
     {
-        hwtopod::sendConfigMismatchEvent(
-            DeviceType::Cpu, ConfigMismatchKind::ProcessorConfiguration, "1",
-            "");
-        logInfo()
-            << "CPU 1 is not installed, set CPU 1 configuration mismatch ";
-        powerVote(false);
-        state.cpuPowerDenied = true;
+        reportCpu1Missing(state);
     }
-
-    for (const char* key : {"CoreFeatureFlags", "CpuId", "Stepping",
-                            "SkuNumber", "SSpecOrQdfNumber"})
+    const auto cpu = identityOf(vpd);
+    if (!cpu)
     {
-        if (!vpd.contains(key))
-        {
-            return;
-        }
+        return;
     }
-    const auto flags = readVpdNumber(vpd.at("CoreFeatureFlags"));
-    const auto cpuId = readVpdNumber(vpd.at("CpuId"));
-    const auto stepping = readVpdNumber(vpd.at("Stepping"));
-    const auto skuNumber = textOf(vpd, "SkuNumber");
-    const auto sSpec = textOf(vpd, "SSpecOrQdfNumber");
     logInfo() << "Check CPU device " << location;
-
     if (installed != 0 && location == 1)
     {
-        state.cpu1CoreFeatureFlags = flags;
-        state.cpu1CpuId = cpuId;
-        state.cpu1Stepping = stepping;
-        state.cpu1SkuNumber = skuNumber;
-        state.cpu1SSpecOrQdfNumber = sSpec;
-        state.cpu1Stored = true;
-        logInfo() << "CPU 1 is installed, store CPU 1 configuration ";
+        storeCpu1(state, *cpu);
         return;
     }
     if (maxCpu <= 1)
@@ -133,32 +189,7 @@ void Base::probeCpu(const std::string& path)
         logWarning() << "CPU " << location << " is installed but no CPU 1";
         return;
     }
-    const std::string number = std::to_string(location);
-    if (cpuId == state.cpu1CpuId && stepping == state.cpu1Stepping &&
-        skuNumber == state.cpu1SkuNumber && sSpec == state.cpu1SSpecOrQdfNumber)
-    {
-        logInfo() << "CPU " << location << "is installed and the same to CPU 1";
-    }
-    else
-    {
-        hwtopod::sendConfigMismatchEvent(
-            DeviceType::Cpu, ConfigMismatchKind::ProcessorConfiguration, number,
-            "");
-        logWarning() << "CPU " << location
-                     << " installed and different to CPU 1, set CPU "
-                     << location << " configuration mismatch";
-        powerVote(false);
-        state.cpuPowerDenied = true;
-    }
-    if (!state.cpuFeatureMismatchSent && flags != state.cpu1CoreFeatureFlags)
-    {
-        hwtopod::sendConfigMismatchEvent(
-            DeviceType::Cpu, ConfigMismatchKind::ProcessorFeature, number, "");
-        logWarning() << "CPU " << location
-                     << " is installed and feature flags different to CPU 1, "
-                        "set CPU feature mismatch";
-        state.cpuFeatureMismatchSent = true;
-    }
+    compareWithCpu1(state, location, *cpu);
 }
 
 } // namespace Platform

@@ -22,6 +22,7 @@ namespace
 {
 constexpr auto statusPath = "/com/halvex/platform/basecfg";
 constexpr auto statusInterface = "com.halvex.hwtopod.status.backplane";
+constexpr std::string_view notLoaded = "hwtopod TRD files are not loaded ";
 
 // A property read as a number, entering an empty one when it is absent.
 std::uint64_t numberOrEnter(VpdProperties& vpd, const char* name)
@@ -58,31 +59,7 @@ void Highvol::probeCachedVpdd()
     {
         try
         {
-            auto& vpd = vpdObjects.at(path);
-            const auto vpdId = numberOrEnter(vpd, "VpdId");
-            const auto posId = numberOrEnter(vpd, "PosIdValue");
-            logInfo() << "-> probeCachedVpdd : VPDID " << vpdId << ", POSID "
-                      << posId << ", Path " << path;
-            switch (vpdId)
-            {
-                case 0x50:
-                    updateProductName();
-                    probeBpVpddDynamic(path, posId);
-                    break;
-                case 0x70:
-                case 0x74:
-                    probeBpVpddDynamic(path, posId);
-                    break;
-                case 0xE0:
-                    probeRiserVpddDynamic(path, posId);
-                    break;
-                default:
-                    if (path.find("CPU") != std::string::npos)
-                    {
-                        probeCpu(path);
-                    }
-                    break;
-            }
+            probeCachedObject(path);
         }
         catch (const std::exception& e)
         {
@@ -96,6 +73,36 @@ void Highvol::probeCachedVpdd()
     // Tells a watcher of the log (the simulator, a field engineer) that the
     // boards have been walked and the books closed.
     logInfo() << "Board discovery has ended";
+}
+
+// One object of the cache, probed by its kind.
+void Highvol::probeCachedObject(const std::string& path)
+{
+    auto& vpd = vpdObjects.at(path);
+    const auto vpdId = numberOrEnter(vpd, "VpdId");
+    const auto posId = numberOrEnter(vpd, "PosIdValue");
+    logInfo() << "-> probeCachedVpdd : VPDID " << vpdId << ", POSID " << posId
+              << ", Path " << path;
+    switch (vpdId)
+    {
+        case 0x50:
+            updateProductName();
+            probeBpVpddDynamic(path, posId);
+            break;
+        case 0x70:
+        case 0x74:
+            probeBpVpddDynamic(path, posId);
+            break;
+        case 0xE0:
+            probeRiserVpddDynamic(path, posId);
+            break;
+        default:
+            if (path.find("CPU") != std::string::npos)
+            {
+                probeCpu(path);
+            }
+            break;
+    }
 }
 
 // The closing check: each riser the FPGA reported and no VPD object
@@ -191,18 +198,13 @@ rules::Selectors Highvol::selectors() const
 
 void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
 {
-    if (!backplanesData || !trdBackplanes)
+    const auto* cached =
+        cachedVpd(backplanesData, trdBackplanes, path, notLoaded, "probeVpdd");
+    if (cached == nullptr)
     {
-        logError() << "hwtopod TRD files are not loaded ";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
-    {
-        logError() << "probeVpdd: path " << path << " was not found";
-        return;
-    }
-    const auto& vpd = found->second;
+    const auto& vpd = *cached;
     auto select = selectors();
     select.openLoop = getFpgaDeviceState(89);
     auto match =
@@ -268,18 +270,13 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
                                     std::uint64_t posId)
 {
     logInfo() << "Probe riser vpd dynamic";
-    if (!risersData || !trdRisers)
+    const auto* cached =
+        cachedVpd(risersData, trdRisers, path, notLoaded, "probeVpdd");
+    if (cached == nullptr)
     {
-        logError() << "hwtopod TRD files are not loaded ";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
-    {
-        logError() << "probeVpdd: path " << path << " was not found";
-        return;
-    }
-    const auto& vpd = found->second;
+    const auto& vpd = *cached;
     auto match = rules::matchDynamicBoard(rules::Board::riser, *risersData,
                                           *trdRisers, vpd, posId, selectors());
     if (!acceptMatch(match))
@@ -399,14 +396,24 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         logError() << "Riser should has PCIeSlot and BUS configured!";
         return;
     }
-    const auto& slots = riser.at("PCIeSlot");
-    if (!slots.is_array())
+    if (!riser.at("PCIeSlot").is_array())
     {
         logError() << "Riser should has PCIeSlot configured!";
         return;
     }
     const bool riserPresent = riserNumber >= 1 && riserNumber <= 64 &&
                               riserPresence.test(riserNumber - 1);
+    linkRiserCardSlots(riser, riserName, riserPresent);
+    confirmRiserConnector(riser, riserName, riserNumber);
+}
+
+// The I2C links of a riser's PCIe slots, one bus each from BUS + 1, and
+// what the FPGA says of each slot's location and cable.
+void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
+                                 const std::string& riserName,
+                                 bool riserPresent)
+{
+    const auto& slots = riser.at("PCIeSlot");
     for (std::size_t i = 0; i < slots.size(); ++i)
     {
         const auto slot = numberAs<std::uint64_t>(slots[i]);
@@ -434,7 +441,14 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         }
         checkSlotStatus(riser, riserName, slot, riserPresent);
     }
+}
 
+// The presence event of a riser, naming its power connector, and the riser
+// taken off the FPGA's queue, or the event that the FPGA missed it.
+void Highvol::confirmRiserConnector(const nlohmann::json& riser,
+                                    const std::string& riserName,
+                                    unsigned riserNumber)
+{
     const std::string displayName =
         "<PCIe Slot " + std::to_string(riserNumber) + " Riser>";
     if (!riser.contains("Connector"))

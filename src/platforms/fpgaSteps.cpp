@@ -19,6 +19,10 @@
 namespace Platform
 {
 
+using hwtopod::bitsetFromBytes;
+using hwtopod::bitsetString;
+using hwtopod::hexDump;
+
 namespace
 {
 constexpr std::uint32_t localDevice = 0;
@@ -135,10 +139,6 @@ void Highvol::hwDeviceDiscovery()
 
 void Highvol::readRiserTopology()
 {
-    using hwtopod::bitsetFromBytes;
-    using hwtopod::bitsetString;
-    using hwtopod::hexDump;
-
     auto& images = hwtopod::fpgaImages();
     const auto& remote = images.at(remoteDevice);
     if (!remote.valid)
@@ -159,21 +159,32 @@ void Highvol::readRiserTopology()
     {
         logWarning()
             << "Unable to get Riser ADI block, read Riser status from block 24/25";
-        // The status bytes of the 24 positions run from block 24 into 25.
-        logInfo() << "Dump FPGA riser topology map from Block 24 offset 01";
-        logInfo() << hexDump(chars(regs + at(24, 0)), riserTopology.size(), 16);
-        for (std::size_t i = 0; i < riserTopology.size(); ++i)
-        {
-            riserTopology[i] = hwtopod::RiserTopologyEntry{};
-            riserTopology[i].bytes[3] = regs[at(24, 0) + i];
-        }
-        riserPresence = bitsetFromBytes(chars(regs + at(25, 8)), 3);
-        logInfo() << "Dump FPGA riser presence from Block 25 offset 08";
-        logInfo() << hexDump(chars(regs + at(25, 8)), 3, 16);
-        logInfo() << "Riser presence " << bitsetString(riserPresence);
+        readRiserStatus(regs);
         return;
     }
+    readRiserAdiMap(regs, adi->second.regs.data());
+}
 
+// The riser status of a machine without the ADI block: one status byte a
+// position, from block 24 into 25, and the presence from block 25.
+void Highvol::readRiserStatus(const std::uint8_t* regs)
+{
+    logInfo() << "Dump FPGA riser topology map from Block 24 offset 01";
+    logInfo() << hexDump(chars(regs + at(24, 0)), riserTopology.size(), 16);
+    for (std::size_t i = 0; i < riserTopology.size(); ++i)
+    {
+        riserTopology[i] = hwtopod::RiserTopologyEntry{};
+        riserTopology[i].bytes[3] = regs[at(24, 0) + i];
+    }
+    riserPresence = bitsetFromBytes(chars(regs + at(25, 8)), 3);
+    logInfo() << "Dump FPGA riser presence from Block 25 offset 08";
+    logInfo() << hexDump(chars(regs + at(25, 8)), 3, 16);
+    logInfo() << "Riser presence " << bitsetString(riserPresence);
+}
+
+// The riser status from block 20 and the topology map of the ADI block.
+void Highvol::readRiserAdiMap(const std::uint8_t* regs, const std::uint8_t* map)
+{
     logInfo() << "Riser ADI block is ready, read Riser status from block 20/25";
     pciePairing = bitsetFromBytes(chars(regs + at(20, 4)), 4);
     riserPresence = bitsetFromBytes(chars(regs + at(20, 1)), 3);
@@ -183,7 +194,6 @@ void Highvol::readRiserTopology()
     logInfo() << "Dump FPGA PCIe pairing from Block 20 offset 04 to offset 07";
     logInfo() << hexDump(chars(regs + at(20, 4)), 4, 16);
 
-    const std::uint8_t* map = adi->second.regs.data();
     constexpr std::size_t mapSize = sizeof(riserTopology);
     static_assert(mapSize == 96);
     std::memcpy(riserTopology.data(), map, mapSize);

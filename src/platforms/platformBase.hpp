@@ -246,11 +246,14 @@ class Base
     std::string productName = "Vantarack";
 
   protected:
-    // The interface that carries a topology entry's record at prefix and the
-    // entry's Name, blanks made underscores; null when the names are refused
-    // or the object is published already.
-    std::shared_ptr<hwtopod::dbus::Interface> addEntryInterface(
-        const std::string& prefix, const nlohmann::json& entry);
+    // The cached VPD object of path, when the rule documents of its probe
+    // are loaded; else null, and the ERROR line notLoaded or
+    // "<prober>: path <path> was not found".
+    const VpdProperties* cachedVpd(
+        const std::shared_ptr<nlohmann::json>& rules,
+        const std::shared_ptr<nlohmann::json>& topology,
+        const std::string& path, std::string_view notLoaded,
+        std::string_view prober) const;
 
     // Logs what the matcher said. A match that failed on the VPD object
     // throws, to be reported for that object; false when there is no match.
@@ -276,6 +279,7 @@ class Base
     // The I2C link of a backplane record, or the warning that it lacks the
     // keys for one.
     static void linkBackplane(const nlohmann::json& record);
+    static void linkMidplane(const nlohmann::json& record);
 
     // The end of every probe that accepts a board: the record joins its
     // found-hardware document, its keys become the interface's properties,

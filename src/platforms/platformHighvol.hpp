@@ -24,6 +24,7 @@ class Highvol : public Base
     Highvol& operator=(Highvol&&) = delete;
 
     void probeCachedVpdd() override;
+    void probeCachedObject(const std::string& path);
     void probeBpVpddDynamic(const std::string& path,
                             std::uint64_t posId) override;
     void probeRiserVpddDynamic(const std::string& path,
@@ -38,6 +39,8 @@ class Highvol : public Base
     void fpgaDump();
     void hwDeviceDiscovery();
     void readRiserTopology();
+    void readRiserStatus(const std::uint8_t* regs);
+    void readRiserAdiMap(const std::uint8_t* regs, const std::uint8_t* map);
     void getFpgaFanInfo();
     // One pass of the hardware thread's closing loop.
     void refreshFpgaBlock12();
@@ -45,6 +48,11 @@ class Highvol : public Base
 
     void checkRiserConnection(const nlohmann::json& riser,
                               std::string riserName);
+    void linkRiserCardSlots(const nlohmann::json& riser,
+                            const std::string& riserName, bool riserPresent);
+    void confirmRiserConnector(const nlohmann::json& riser,
+                               const std::string& riserName,
+                               unsigned riserNumber);
     void checkSlotStatus(const nlohmann::json& riser,
                          const std::string& riserName, std::uint64_t slot,
                          bool riserPresent);

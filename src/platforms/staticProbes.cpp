@@ -15,6 +15,11 @@ using hwtopod::readVpdNumber;
 using namespace probe;
 namespace rules = hwtopod::rules;
 
+namespace
+{
+constexpr std::string_view notLoaded = "hwtopod TRD files are not loaded";
+} // namespace
+
 std::string backplaneTypeOf(const hwtopod::VpdCache& objects)
 {
     for (const auto& [objectPath, properties] : objects)
@@ -28,19 +33,6 @@ std::string backplaneTypeOf(const hwtopod::VpdCache& objects)
         }
     }
     return "NormalBP";
-}
-
-std::shared_ptr<hwtopod::dbus::Interface> Base::addEntryInterface(
-    const std::string& prefix, const nlohmann::json& entry)
-{
-    const std::string element =
-        blanksToUnderscores(entry.at("Name").get<std::string>());
-    const std::string interfaceName = entry.at("Interface").get<std::string>();
-    if (!acceptEntryNames(element, interfaceName))
-    {
-        return nullptr;
-    }
-    return addDbusInterface(prefix + element, interfaceName);
 }
 
 void Base::probeVpdd(const std::string& path)
@@ -99,6 +91,25 @@ void Base::probeVpdd(const std::string& path)
     }
 }
 
+const VpdProperties* Base::cachedVpd(
+    const std::shared_ptr<nlohmann::json>& rules,
+    const std::shared_ptr<nlohmann::json>& topology, const std::string& path,
+    std::string_view notLoaded, std::string_view prober) const
+{
+    if (!rules || !topology)
+    {
+        logError() << notLoaded;
+        return nullptr;
+    }
+    auto found = vpdObjects.find(path);
+    if (found == vpdObjects.end())
+    {
+        logError() << prober << ": path " << path << " was not found";
+        return nullptr;
+    }
+    return &found->second;
+}
+
 bool Base::acceptMatch(const rules::BoardMatch& match)
 {
     rules::logLines(match.lines);
@@ -153,15 +164,10 @@ void Base::linkBackplane(const nlohmann::json& record)
 
 void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
 {
-    if (!backplanesData || !trdBackplanes)
+    const auto* vpd = cachedVpd(backplanesData, trdBackplanes, path, notLoaded,
+                                "probeBpVpddStatic");
+    if (vpd == nullptr)
     {
-        logError() << "hwtopod TRD files are not loaded";
-        return;
-    }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
-    {
-        logError() << "probeBpVpddStatic: path " << path << " was not found";
         return;
     }
     if (bpTypeKeyed && backplaneType == "NONE")
@@ -174,7 +180,7 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         select.backplaneType = backplaneType;
     }
     auto match = rules::matchStaticBackplane(*backplanesData, *trdBackplanes,
-                                             found->second, posId, select);
+                                             *vpd, posId, select);
     if (!acceptMatch(match))
     {
         return;
@@ -255,168 +261,77 @@ void Base::sendRiserPresence(const nlohmann::json& record)
 
 void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
 {
-    if (!risersData || !trdRisers)
+    const auto* vpd = cachedVpd(risersData, trdRisers, path, notLoaded,
+                                "probeRiserVpddStatic");
+    if (vpd == nullptr)
     {
-        logError() << "hwtopod TRD files are not loaded";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto match = rules::matchStaticRiser(*risersData, *trdRisers, *vpd, posId);
+    if (!acceptMatch(match))
     {
-        logError() << "probeRiserVpddStatic: path " << path << " was not found";
         return;
     }
-    const auto& vpd = found->second;
-    const nlohmann::json wanted(posId);
-    for (const auto& rule : *risersData)
+    const std::string element = blanksToUnderscores(match.name);
+    bool duplicate = false;
+    auto interface = addBoardInterface("/chassis/riser/" + element, element,
+                                       match.interface, duplicate);
+    if (duplicate)
     {
-        logInfo() << "Check with " << jsonText(rule, "Name");
-        if (!keyEquals(rule, "POSID", wanted))
-        {
-            logInfo() << "probeRiserVpddStatic PosIdValue not match: " << posId
-                      << "->" << jsonText(rule, "POSID");
-            continue;
-        }
-        logInfo() << "probeRiserVpddStatic PosIdValue found: " << posId;
-        if (!vpd.contains("VpdLocation"))
-        {
-            logWarning() << "hwtopod no RISER location found on "
-                         << vpdText(vpd, "VpdName");
-            continue;
-        }
-        const auto location = readVpdNumber(vpd.at("VpdLocation"));
-        logInfo() << "probeRiserVpddStatic check location: " << location;
-
-        const nlohmann::json* entry = nullptr;
-        nlohmann::json record;
-        try
-        {
-            for (const auto& candidate : *trdRisers)
-            {
-                if (keyEquals(candidate, "Location",
-                              nlohmann::json(location)) &&
-                    (keyEquals(candidate, "PosID", wanted) ||
-                     keyEquals(candidate, "PosID", nlohmann::json(0))))
-                {
-                    entry = &candidate;
-                    break;
-                }
-                if (!candidate.is_object())
-                {
-                    throw std::invalid_argument(
-                        "riser topology entry is no object: " +
-                        candidate.dump());
-                }
-            }
-            if (entry == nullptr)
-            {
-                logInfo() << "probeRiserVpddStatic cannot find riser ";
-                continue;
-            }
-            logInfo() << "probeRiserVpddStatic find riser ";
-            record = rules::recordTemplate(rule, "com.halvex.hwtopod.riser");
-        }
-        catch (const std::exception& e)
-        {
-            logCritical() << "Exception in probeRiserVpddStatic: " << e.what();
-            continue;
-        }
-
-        auto interface = addEntryInterface("/chassis/riser/", *entry);
-        if (!interface)
-        {
-            return;
-        }
-        rules::fillRecord(record, entryProperties(*entry), vpd,
-                          rules::staticProbeLog("riserKey"));
-
-        linkRiserSlots(record);
-        sendRiserPresence(record);
-        publishRecord(interface, std::move(record), risersFound, "risers",
-                      rules::risersFoundFile, "hwtopod start save json ");
         return;
+    }
+    rules::logLines(match.recordLines);
+    const auto& record = match.record;
+    publishStep(path, [&]() { linkRiserSlots(record); });
+    publishStep(path, [&]() { sendRiserPresence(record); });
+    publishRecord(interface, std::move(match.record), risersFound, "risers",
+                  rules::risersFoundFile, "hwtopod start save json ");
+}
+
+// The I2C link of a midplane record, or the warning that it has no bus.
+void Base::linkMidplane(const nlohmann::json& record)
+{
+    if (record.contains("Bus"))
+    {
+        hwtopod::createI2cLink(hwtopod::DeviceType::Midplane,
+                               numberAs<unsigned>(record.at("Index")),
+                               numberAs<unsigned>(record.at("Bus")));
+    }
+    else
+    {
+        logWarning() << "Midplane's I2C bus was not found in setting ";
     }
 }
 
 void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
                                                std::uint64_t posId)
 {
-    if (!powerBackplanesData || !trdMidplanes)
+    const auto* vpd =
+        cachedVpd(powerBackplanesData, trdMidplanes, path, notLoaded,
+                  "probeChassisMidplaneBaseOnPdbStatic");
+    if (vpd == nullptr)
     {
-        logError() << "hwtopod TRD files are not loaded";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto match =
+        rules::matchMidplane(*powerBackplanesData, *trdMidplanes, *vpd, posId);
+    if (!acceptMatch(match))
     {
-        logError() << "probeChassisMidplaneBaseOnPdbStatic: path " << path
-                   << " was not found";
         return;
     }
-    const auto& vpd = found->second;
-    const nlohmann::json wanted(posId);
-    for (const auto& rule : *powerBackplanesData)
+    const std::string element = blanksToUnderscores(match.name);
+    bool duplicate = false;
+    auto interface = addBoardInterface("/chassis/midplane/" + element, element,
+                                       match.interface, duplicate);
+    if (duplicate)
     {
-        logInfo() << "Check with " << jsonText(rule, "Name");
-        if (!keyEquals(rule, "POSID", wanted))
-        {
-            logInfo() << "probeChassisMidplaneBaseOnPdbStatic PosIdValue not "
-                         "match: "
-                      << posId << "->" << jsonText(rule, "POSID");
-            continue;
-        }
-        logInfo() << "probeChassisMidplaneBaseOnPdbStatic PosID found: "
-                  << posId;
-
-        const nlohmann::json* entry = nullptr;
-        nlohmann::json record;
-        try
-        {
-            for (const auto& candidate : *trdMidplanes)
-            {
-                if (keyEquals(candidate, "PwrBpPosID", wanted))
-                {
-                    entry = &candidate;
-                    break;
-                }
-            }
-            if (entry == nullptr)
-            {
-                logWarning() << "hwtopod cannot find midplane";
-                return;
-            }
-            logInfo() << "hwtopod find midplane";
-            record = rules::recordTemplate(rule, "com.halvex.hwtopod.midplane");
-        }
-        catch (const std::exception& e)
-        {
-            logCritical()
-                << "Exception in probeChassisMidplaneBaseOnPdbStatic: "
-                << e.what();
-            return;
-        }
-
-        auto interface = addEntryInterface("/chassis/midplane/", *entry);
-        if (!interface)
-        {
-            return;
-        }
-        rules::fillRecord(record, entryProperties(*entry), vpd,
-                          rules::staticProbeLog("midplaneKey"));
-        if (record.contains("Bus"))
-        {
-            hwtopod::createI2cLink(hwtopod::DeviceType::Midplane,
-                                   numberAs<unsigned>(record.at("Index")),
-                                   numberAs<unsigned>(record.at("Bus")));
-        }
-        else
-        {
-            logWarning() << "Midplane's I2C bus was not found in setting ";
-        }
-        publishRecord(interface, std::move(record), midplanesFound, "midplanes",
-                      rules::midplanesFoundFile, "hwtopod start save json");
         return;
     }
+    rules::logLines(match.recordLines);
+    publishStep(path, [&]() { linkMidplane(match.record); });
+    publishRecord(interface, std::move(match.record), midplanesFound,
+                  "midplanes", rules::midplanesFoundFile,
+                  "hwtopod start save json");
 }
 
 } // namespace Platform

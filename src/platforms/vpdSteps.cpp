@@ -16,6 +16,7 @@
 #include "rules/rules.hpp"
 
 #include <cctype>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -82,6 +83,60 @@ nlohmann::json findRecordByConnector(const nlohmann::json& backplanes,
     }
     return nullptr;
 }
+// What names a board's FRU: the keys of its record and its device type.
+struct FruKind
+{
+    const char* indexKey;
+    const char* nameKey;
+    hwtopod::DeviceType type;
+};
+
+// The kind of a board's VPD id; none for other ids.
+std::optional<FruKind> fruKindOf(std::uint64_t id)
+{
+    if (id == 0x70 || id == 0x74)
+    {
+        return FruKind{"BackplaneId", "BackplaneName",
+                       hwtopod::DeviceType::Backplane};
+    }
+    if (id == 0xE0)
+    {
+        return FruKind{"RiserSlot", "RiserName",
+                       hwtopod::DeviceType::PcieRiser};
+    }
+    return std::nullopt;
+}
+
+// The FRU name a record gives; a backplane's has only letters, digits and
+// underscores. A record without its name key throws.
+std::string fruNameOf(const nlohmann::json& record, const FruKind& kind)
+{
+    std::string name = record.at(kind.nameKey).get<std::string>();
+    if (kind.type == hwtopod::DeviceType::Backplane)
+    {
+        for (auto& c : name)
+        {
+            if (std::isalnum(static_cast<unsigned char>(c)) == 0)
+            {
+                c = '_';
+            }
+        }
+    }
+    return name;
+}
+
+// VpdFound of a signal's interface; throws when it is absent or no boolean.
+bool vpdFound(const VpdProperties& properties)
+{
+    auto found = properties.find("VpdFound");
+    if (found == properties.end() ||
+        !std::holds_alternative<bool>(found->second))
+    {
+        throw std::runtime_error("VpdFound is not a boolean");
+    }
+    return std::get<bool>(found->second);
+}
+
 // The FRU name check of one interface of a signal, once discovery has run.
 void checkFruName(Base& platform, const std::string& path,
                   const std::string& interface, const VpdProperties& properties)
@@ -92,44 +147,21 @@ void checkFruName(Base& platform, const std::string& path,
     }
     try
     {
-        auto found = properties.find("VpdFound");
-        if (found == properties.end() ||
-            !std::holds_alternative<bool>(found->second))
-        {
-            throw std::runtime_error("VpdFound is not a boolean");
-        }
-        if (!std::get<bool>(found->second))
+        if (!vpdFound(properties))
         {
             return;
         }
         const std::string fruName = stringProperty(properties, "IpmiFruName");
         const std::uint64_t location =
             numberProperty(properties, "VpdLocation");
-        const std::uint64_t id = numberProperty(properties, "VpdId");
+        const auto kind = fruKindOf(numberProperty(properties, "VpdId"));
         // The cached entry holds the first values seen for the object.
         const std::string format =
             stringProperty(platform.vpdObjects[path], "VpdFormat");
-
-        const char* indexKey = nullptr;
-        const char* nameKey = nullptr;
-        hwtopod::DeviceType type{};
-        if (id == 0x70 || id == 0x74)
-        {
-            indexKey = "BackplaneId";
-            nameKey = "BackplaneName";
-            type = hwtopod::DeviceType::Backplane;
-        }
-        else if (id == 0xE0)
-        {
-            indexKey = "RiserSlot";
-            nameKey = "RiserName";
-            type = hwtopod::DeviceType::PcieRiser;
-        }
-        else
+        if (!kind)
         {
             return;
         }
-
         const nlohmann::json record = findRecordByConnector(
             platform.backplanesFound, platform.risersFound, location);
         if (record.is_null())
@@ -138,21 +170,12 @@ void checkFruName(Base& platform, const std::string& path,
         }
         // A record without its name or index key throws here and leaves the
         // FRU name alone.
-        std::string name = record.at(nameKey).get<std::string>();
-        const auto index = rules::numberAs<std::uint8_t>(record.at(indexKey));
-        if (type == hwtopod::DeviceType::Backplane)
-        {
-            for (auto& c : name)
-            {
-                if (std::isalnum(static_cast<unsigned char>(c)) == 0)
-                {
-                    c = '_';
-                }
-            }
-        }
+        const std::string name = fruNameOf(record, *kind);
+        const auto index =
+            rules::numberAs<std::uint8_t>(record.at(kind->indexKey));
         if (name != fruName)
         {
-            platform.updateFruName(path, format, type, index, name);
+            platform.updateFruName(path, format, kind->type, index, name);
         }
     }
     catch (const std::exception& e)

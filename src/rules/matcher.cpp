@@ -166,30 +166,74 @@ void compose(BoardMatch& match, const VpdProperties& vpd,
     }
 }
 
+// What a probe says while it looks for a rule's entry. A line left null is
+// not said.
+struct EntryWording
+{
+    LogLevel notFoundLevel;
+    const char* notFound;
+    const char* found;
+    // Said at CRITICAL with the exception of an entry the rule cannot use.
+    const char* exception;
+    // When no entry fits: the next rule is tried, or the walk ends.
+    bool missEndsWalk;
+};
+
 struct Wording
 {
     const char* noLocation;
     const char* found;
-    LogLevel notFoundLevel;
-    const char* notFound;
-    const char* exception;
+    EntryWording entry;
     const char* templateKey;
 };
 
 constexpr Wording backplaneWording{
-    "hwtopod no BP location found on ",
-    "Found BP POSID:",
-    LogLevel::info,
-    "probeBpVpddDynamic cannot find bp ",
-    "Exception in probeBpVpddDynamic: ",
+    "hwtopod no BP location found on ", "Found BP POSID:",
+    EntryWording{LogLevel::info, "probeBpVpddDynamic cannot find bp ", nullptr,
+                 "Exception in probeBpVpddDynamic: ", false},
     "com.halvex.hwtopod.backplane"};
 constexpr Wording riserWording{
-    "hwtopod no RISER location found on ",
-    "Found Riser POSID:",
-    LogLevel::error,
-    "Probe dynamic riser vpd, cannot find riser ",
-    "Exception when probing dynamic riser vpd: ",
+    "hwtopod no RISER location found on ", "Found Riser POSID:",
+    EntryWording{LogLevel::error, "Probe dynamic riser vpd, cannot find riser ",
+                 nullptr, "Exception when probing dynamic riser vpd: ", false},
     "com.halvex.hwtopod.riser"};
+
+// The static probes name themselves in the lines of their walk.
+struct StaticWording
+{
+    const char* probe;
+    const char* posIdFound;
+    const char* noLocation;
+    EntryWording entry;
+    const char* templateKey;
+    const char* sectionKey;
+};
+
+constexpr StaticWording staticBackplaneWording{
+    "probeBpVpddStatic",
+    "PosIdValue found: ",
+    "hwtopod no BP location found on ",
+    EntryWording{LogLevel::warning, "hwtopod cannot find bp ",
+                 "hwtopod find bp ", nullptr, false},
+    "com.halvex.hwtopod.backplane",
+    "bpKey"};
+constexpr StaticWording staticRiserWording{
+    "probeRiserVpddStatic",
+    "PosIdValue found: ",
+    "hwtopod no RISER location found on ",
+    EntryWording{LogLevel::info, "probeRiserVpddStatic cannot find riser ",
+                 "probeRiserVpddStatic find riser ",
+                 "Exception in probeRiserVpddStatic: ", false},
+    "com.halvex.hwtopod.riser",
+    "riserKey"};
+constexpr StaticWording midplaneWording{
+    "probeChassisMidplaneBaseOnPdbStatic",
+    "PosID found: ",
+    nullptr,
+    EntryWording{LogLevel::warning, "hwtopod cannot find midplane",
+                 "hwtopod find midplane", nullptr, true},
+    "com.halvex.hwtopod.midplane",
+    "midplaneKey"};
 
 // The location line of a rule whose POSID fits; false (and the line saying
 // so) when the object has no location. Throws for a VpdName of the wrong
@@ -205,6 +249,137 @@ bool locate(const VpdProperties& vpd, LogLevel level, const char* noLocation,
     }
     location = readVpdNumber(found->second);
     return true;
+}
+
+// What became of one rule whose POSID fits.
+enum class Outcome
+{
+    found,
+    next,
+    stop,
+};
+
+// Whether the rule's POSID is posId; a static probe says so for every rule.
+bool posIdFits(const nlohmann::json& rule, std::uint64_t posId,
+               const StaticWording* words, MatchLines& lines)
+{
+    const bool fits = keyEquals(rule, "POSID", nlohmann::json(posId));
+    if (words == nullptr)
+    {
+        return fits;
+    }
+    const std::string posIdText = std::to_string(posId);
+    lines.push_back({LogLevel::info, "Check with " + jsonText(rule, "Name")});
+    lines.push_back(
+        {LogLevel::info,
+         fits ? std::string(words->probe) + " " + words->posIdFound + posIdText
+              : std::string(words->probe) + " PosIdValue not match: " +
+                    posIdText + "->" + jsonText(rule, "POSID")});
+    return fits;
+}
+
+// The walk all probes share: the rules whose POSID is posId, in order, each
+// handed to visit until one finds its entry or ends the walk. Data that make
+// the VPD object itself unfit end the walk as its failure.
+template <typename Visit>
+BoardMatch walkRules(const nlohmann::json& rules, std::uint64_t posId,
+                     const StaticWording* words, Visit&& visit)
+{
+    BoardMatch match;
+    try
+    {
+        for (const auto& rule : rules)
+        {
+            if (!posIdFits(rule, posId, words, match.lines))
+            {
+                continue;
+            }
+            const Outcome outcome = visit(rule, match);
+            if (outcome == Outcome::found)
+            {
+                match.rule = &rule;
+            }
+            if (outcome != Outcome::next)
+            {
+                break;
+            }
+        }
+    }
+    catch (const std::exception& e)
+    {
+        match.failure = e.what();
+    }
+    return match;
+}
+
+// The first of entries that fits. An exception of fits is an entry the rule
+// cannot be used with: said at CRITICAL, and the next rule is tried.
+template <typename Fits>
+Outcome findEntry(const nlohmann::json& entries, const EntryWording& words,
+                  BoardMatch& match, Fits&& fits)
+{
+    try
+    {
+        for (const auto& element : entries)
+        {
+            if (fits(element))
+            {
+                match.entry = &element;
+                break;
+            }
+        }
+    }
+    catch (const std::exception& e)
+    {
+        if (words.exception == nullptr)
+        {
+            throw;
+        }
+        match.lines.push_back(
+            {LogLevel::critical, std::string(words.exception) + e.what()});
+        return Outcome::next;
+    }
+    if (match.entry == nullptr)
+    {
+        match.lines.push_back({words.notFoundLevel, words.notFound});
+        return words.missEndsWalk ? Outcome::stop : Outcome::next;
+    }
+    if (words.found != nullptr)
+    {
+        match.lines.push_back({LogLevel::info, words.found});
+    }
+    return Outcome::found;
+}
+
+// The walk of the static probes that look a board up by its location.
+template <typename Fits>
+BoardMatch matchStaticLocated(
+    const StaticWording& words, const nlohmann::json& rules,
+    const nlohmann::json& entries, const VpdProperties& vpd,
+    std::uint64_t posId, Fits&& fits)
+{
+    auto match = walkRules(rules, posId, &words,
+                           [&](const nlohmann::json&, BoardMatch& found) {
+        std::uint64_t location = 0;
+        if (!locate(vpd, LogLevel::warning, words.noLocation, found.lines,
+                    location))
+        {
+            return Outcome::next;
+        }
+        found.lines.push_back(
+            {LogLevel::info, std::string(words.probe) + " check location: " +
+                                 std::to_string(location)});
+        return findEntry(entries, words.entry, found,
+                         [&](const nlohmann::json& candidate) {
+            return fits(candidate, nlohmann::json(location));
+        });
+    });
+    if (match.found())
+    {
+        compose(match, vpd, words.templateKey,
+                staticProbeLog(words.sectionKey, &match.recordLines));
+    }
+    return match;
 }
 
 } // namespace
@@ -257,68 +432,37 @@ BoardMatch matchDynamicBoard(
     const nlohmann::json& entries =
         board == Board::backplane ? backplaneEntries(topology, selectors)
                                   : topology;
-    BoardMatch match;
-    try
-    {
-        for (const auto& rule : rules)
+    auto fits = [&](const nlohmann::json& element, std::uint64_t location,
+                    MatchLines& lines) {
+        refuseNonObject(board, element);
+        return board == Board::backplane
+                   ? backplaneFits(element, location, posId, selectors)
+                   : riserFits(element, location, posId, selectors, lines);
+    };
+    auto match = walkRules(rules, posId, nullptr,
+                           [&](const nlohmann::json& rule, BoardMatch& found) {
+        std::uint64_t location = 0;
+        if (!locate(vpd, LogLevel::info, words.noLocation, found.lines,
+                    location))
         {
-            std::uint64_t location = 0;
-            if (!keyEquals(rule, "POSID", nlohmann::json(posId)) ||
-                !locate(vpd, LogLevel::info, words.noLocation, match.lines,
-                        location))
-            {
-                continue;
-            }
-            match.lines.push_back(
-                {LogLevel::info,
-                 words.found + hex16(posId) + "(" + std::to_string(posId) +
-                     ") location: " + std::to_string(location) +
-                     " name: " + jsonText(rule, "Name")});
-            bool refused = false;
-            for (const auto& element : entries)
-            {
-                try
-                {
-                    refuseNonObject(board, element);
-                    if (board == Board::backplane
-                            ? backplaneFits(element, location, posId, selectors)
-                            : riserFits(element, location, posId, selectors,
-                                        match.lines))
-                    {
-                        match.entry = &element;
-                        break;
-                    }
-                }
-                catch (const std::exception& e)
-                {
-                    // The rule cannot be used; the next one is tried.
-                    match.lines.push_back(
-                        {LogLevel::critical,
-                         std::string(words.exception) + e.what()});
-                    refused = true;
-                    break;
-                }
-            }
-            if (match.entry == nullptr)
-            {
-                if (!refused)
-                {
-                    match.lines.push_back(
-                        {words.notFoundLevel, words.notFound});
-                }
-                continue;
-            }
-            match.rule = &rule;
-            compose(match, vpd, words.templateKey,
-                    board == Board::backplane
-                        ? dynamicBackplaneLog(&match.recordLines)
-                        : dynamicRiserLog(&match.recordLines));
-            return match;
+            return Outcome::next;
         }
-    }
-    catch (const std::exception& e)
+        found.lines.push_back(
+            {LogLevel::info,
+             words.found + hex16(posId) + "(" + std::to_string(posId) +
+                 ") location: " + std::to_string(location) +
+                 " name: " + jsonText(rule, "Name")});
+        return findEntry(entries, words.entry, found,
+                         [&](const nlohmann::json& element) {
+            return fits(element, location, found.lines);
+        });
+    });
+    if (match.found())
     {
-        match.failure = e.what();
+        compose(match, vpd, words.templateKey,
+                board == Board::backplane
+                    ? dynamicBackplaneLog(&match.recordLines)
+                    : dynamicRiserLog(&match.recordLines));
     }
     return match;
 }
@@ -327,62 +471,48 @@ BoardMatch matchStaticBackplane(
     const nlohmann::json& rules, const nlohmann::json& topology,
     const VpdProperties& vpd, std::uint64_t posId, const Selectors& selectors)
 {
-    BoardMatch match;
-    auto& lines = match.lines;
     const nlohmann::json wanted(posId);
-    const std::string posIdText = std::to_string(posId);
-    try
+    return matchStaticLocated(
+        staticBackplaneWording, rules, backplaneEntries(topology, selectors),
+        vpd, posId,
+        [&](const nlohmann::json& candidate, const nlohmann::json& location) {
+        return keyEquals(candidate, "Location", location) &&
+               (!candidate.contains("PosID") ||
+                candidate.at("PosID") == wanted);
+        });
+}
+
+BoardMatch matchStaticRiser(const nlohmann::json& rules,
+                            const nlohmann::json& topology,
+                            const VpdProperties& vpd, std::uint64_t posId)
+{
+    const nlohmann::json wanted(posId);
+    return matchStaticLocated(
+        staticRiserWording, rules, topology, vpd, posId,
+        [&](const nlohmann::json& candidate, const nlohmann::json& location) {
+        refuseNonObject(Board::riser, candidate);
+        return keyEquals(candidate, "Location", location) &&
+               (keyEquals(candidate, "PosID", wanted) ||
+                keyEquals(candidate, "PosID", nlohmann::json(0)));
+        });
+}
+
+BoardMatch matchMidplane(const nlohmann::json& rules,
+                         const nlohmann::json& topology,
+                         const VpdProperties& vpd, std::uint64_t posId)
+{
+    const nlohmann::json wanted(posId);
+    auto match = walkRules(rules, posId, &midplaneWording,
+                           [&](const nlohmann::json&, BoardMatch& found) {
+        return findEntry(topology, midplaneWording.entry, found,
+                         [&](const nlohmann::json& candidate) {
+            return keyEquals(candidate, "PwrBpPosID", wanted);
+        });
+    });
+    if (match.found())
     {
-        for (const auto& rule : rules)
-        {
-            lines.push_back(
-                {LogLevel::info, "Check with " + jsonText(rule, "Name")});
-            if (!keyEquals(rule, "POSID", wanted))
-            {
-                lines.push_back(
-                    {LogLevel::info,
-                     "probeBpVpddStatic PosIdValue not match: " + posIdText +
-                         "->" + jsonText(rule, "POSID")});
-                continue;
-            }
-            lines.push_back(
-                {LogLevel::info,
-                 "probeBpVpddStatic PosIdValue found: " + posIdText});
-            std::uint64_t location = 0;
-            if (!locate(vpd, LogLevel::warning,
-                        "hwtopod no BP location found on ", lines, location))
-            {
-                continue;
-            }
-            lines.push_back(
-                {LogLevel::info, "probeBpVpddStatic check location: " +
-                                     std::to_string(location)});
-            for (const auto& candidate : backplaneEntries(topology, selectors))
-            {
-                if (keyEquals(candidate, "Location",
-                              nlohmann::json(location)) &&
-                    (!candidate.contains("PosID") ||
-                     candidate.at("PosID") == wanted))
-                {
-                    match.entry = &candidate;
-                    break;
-                }
-            }
-            if (match.entry == nullptr)
-            {
-                lines.push_back({LogLevel::warning, "hwtopod cannot find bp "});
-                continue;
-            }
-            lines.push_back({LogLevel::info, "hwtopod find bp "});
-            match.rule = &rule;
-            compose(match, vpd, "com.halvex.hwtopod.backplane",
-                    staticProbeLog("bpKey", &match.recordLines));
-            return match;
-        }
-    }
-    catch (const std::exception& e)
-    {
-        match.failure = e.what();
+        compose(match, vpd, midplaneWording.templateKey,
+                staticProbeLog(midplaneWording.sectionKey, &match.recordLines));
     }
     return match;
 }

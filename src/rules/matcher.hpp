@@ -81,11 +81,21 @@ BoardMatch matchDynamicBoard(
     Board board, const nlohmann::json& rules, const nlohmann::json& topology,
     const VpdProperties& vpd, std::uint64_t posId, const Selectors& selectors);
 
-// The walk of the static backplane probe, with its own lines; the record is
-// composed with the static wording.
+// The walks of the static probes, each with its own lines; the record is
+// composed with the static wording. Every rule says whether its POSID fits;
+// the backplane and the riser are then looked up by location.
 BoardMatch matchStaticBackplane(
     const nlohmann::json& rules, const nlohmann::json& topology,
     const VpdProperties& vpd, std::uint64_t posId, const Selectors& selectors);
+BoardMatch matchStaticRiser(const nlohmann::json& rules,
+                            const nlohmann::json& topology,
+                            const VpdProperties& vpd, std::uint64_t posId);
+
+// The midplane by the power board's position id alone (PwrBpPosID): the
+// first rule with that POSID decides, and a miss ends the walk.
+BoardMatch matchMidplane(const nlohmann::json& rules,
+                         const nlohmann::json& topology,
+                         const VpdProperties& vpd, std::uint64_t posId);
 
 // True when the object holds the key and its value equals expected, by JSON
 // equality (an integer, an unsigned and a float of one value are equal). An

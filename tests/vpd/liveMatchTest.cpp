@@ -107,10 +107,11 @@ class VpdDiscovery : public testing::Test
         ::unsetenv("HWTOPOD_STATUS");
     }
 
-    std::unique_ptr<Process> startVpdd(const json& objects)
+    std::unique_ptr<Process> startVpdd(const json& objects,
+                                       json document = json::object())
     {
-        hwtopod::test::writeFile(root / "vpdd.json",
-                                 json{{"objects", objects}}.dump());
+        document["objects"] = objects;
+        hwtopod::test::writeFile(root / "vpdd.json", document.dump());
         return std::make_unique<Process>(
             hwtopod::test::builtProgram("sim/vpdd/vpdd"),
             std::vector<std::string>{(root / "vpdd.json").string()});
@@ -304,7 +305,8 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
         {"com.halvex.vpdd.Aaa", {{"VpdName", typed("s", "first")}}}};
     // Published before the daemon listens: only the read-out can see them.
     auto vpdd =
-        startVpdd({fru("BP_1", {{"VpdId", typed("y", 0x70)}}), riser, dimm});
+        startVpdd({fru("BP_1", {{"VpdId", typed("y", 0x70)}}), riser, dimm},
+                  {{"holdAnswer", true}});
     ASSERT_TRUE(waitForOutput(*vpdd, "published /com/halvex/vpdd/Riser_1"));
 
     platform = std::make_unique<CountingPlatform>();
@@ -328,11 +330,23 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
         }
     });
 
+    // While the read-out's answer is held, the signal of an object the
+    // answer does not hold reaches the worker: it is kept.
+    std::thread lateSignal([&]() {
+        waitForOutput(*vpdd, "call GetManagedObjects");
+        platform->discoveryWorker->run([&]() {
+            platform->onVpdInterfacesAdded(
+                "/com/halvex/vpdd/BP_late",
+                {{"com.halvex.vpdd.Halvex_Fullv3",
+                  {{"VpdName", std::string("late")}}}});
+        });
+        ::kill(vpdd->pid(), SIGUSR2);
+    });
     CaptureStderr();
     platform->serviceInit();
     platform->serviceRun();
     platform->waitForVpd();
-    const auto cached = cache();
+    lateSignal.join();
     const std::string log = GetCapturedStderr();
 
     EXPECT_EQ(sleeps, std::vector<std::chrono::milliseconds>(3, 5s));
@@ -341,12 +355,12 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
     ASSERT_EQ(platform->calls(), 1U);
     EXPECT_NE(platform->threads[0], std::this_thread::get_id());
     const auto& atCall = platform->cacheAtCall[0];
-    EXPECT_EQ(atCall.size(), 3U);
+    EXPECT_EQ(atCall.size(), 4U);
+    EXPECT_TRUE(atCall.contains("/com/halvex/vpdd/BP_late"));
     // Among interfaces of one object the first in name order wins.
     EXPECT_EQ(std::get<std::string>(
                   atCall.at("/com/halvex/vpdd/Riser_1").at("VpdName")),
               "first");
-    EXPECT_EQ(cached.size(), 3U);
 
     // FRU names are left alone until a ready signal comes; it then starts
     // discovery again, which has nothing left to do.
