@@ -119,7 +119,7 @@ void Base::probeCpu(const std::string& path)
         logInfo() << "CPU 1 is installed, store CPU 1 configuration ";
         return;
     }
-    if (maxCpu <= 1)
+    if (definition.maxCpu <= 1)
     {
         return;
     }

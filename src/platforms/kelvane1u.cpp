@@ -20,30 +20,7 @@ static_assert(kelvane1uSlotMap.size() == 12);
 constexpr std::size_t remoteSkuByte = 12 * 16 + 9;
 } // namespace
 
-Kelvane1u::Kelvane1u()
-{
-    codeName = "kelvane1u";
-    platformName = "kp100nx";
-    chassisHeightU = 1;
-    miniVersion = "01W";
-    maxCpu = 2;
-    maxDimm = 32;
-    maxPsu = 2;
-    maxPci = 8;
-    maxOcp = 2;
-    maxFanMod = 8;
-    maxFrontBp = 4;
-    maxRearBp = 1;
-    maxMiddleBp = 0;
-    maxFrontM2 = 0;
-    maxRearM2 = 1;
-    maxInternalM2 = 1;
-    backplanesFile = hwtopod::dataFile("bhs_backplanes.json");
-    risersFile = hwtopod::dataFile("bhs_risers.json");
-    psuConfigFiles = hwtopod::dataFile("bhs_2p_2psus.json");
-    daisyCardVpdPath = "/com/halvex/vpdd/phy_card_vpd";
-    daisyCardFruName = "Mgt_Switch_Card";
-}
+Kelvane1u::Kelvane1u(const MachineDefinition& machine) : Highvol(machine) {}
 
 void Kelvane1u::initPcieSlotMap()
 {
@@ -58,7 +35,6 @@ void Kelvane1u::serviceSetup()
 {
     logInfo() << "Kelvane1u::serviceSetup";
     vpdReadyPath = "/com/halvex/vpdd/DIMM_32";
-    bpProbeStatic = false;
     loadTrd();
     matchVpdd();
 }

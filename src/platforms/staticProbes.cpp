@@ -69,7 +69,7 @@ void Base::probeVpdd(const std::string& path)
             [[fallthrough]];
         case 0x70:
         case 0x74:
-            if (bpProbeStatic)
+            if (definition.bpProbeStatic)
             {
                 probeBpVpddStatic(path, posId);
             }
@@ -79,13 +79,13 @@ void Base::probeVpdd(const std::string& path)
             }
             return;
         case 0x81:
-            if (midplaneProbeEnabled)
+            if (definition.midplaneProbeEnabled)
             {
                 probeChassisMidplaneBaseOnPdbStatic(path, posId);
             }
             return;
         case 0xE0:
-            if (riserProbeStatic)
+            if (definition.riserProbeStatic)
             {
                 probeRiserVpddStatic(path, posId);
             }
@@ -164,12 +164,12 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         logError() << "probeBpVpddStatic: path " << path << " was not found";
         return;
     }
-    if (bpTypeKeyed && backplaneType == "NONE")
+    if (definition.bpTypeKeyed && backplaneType == "NONE")
     {
         backplaneType = backplaneTypeOf(vpdObjects);
     }
     rules::Selectors select;
-    if (bpTypeKeyed)
+    if (definition.bpTypeKeyed)
     {
         select.backplaneType = backplaneType;
     }

@@ -165,36 +165,35 @@ void checkFruName(Base& platform, const std::string& path,
 // Gives the management switch card its FRU name.
 void checkDaisyCard(const Base& platform, const std::string& path)
 {
-    if (platform.daisyCardFruName.empty() || platform.daisyCardVpdPath.empty())
+    const std::string daisyCardVpdPath(platform.definition.daisyCardVpdPath);
+    const std::string daisyCardFruName(platform.definition.daisyCardFruName);
+    if (daisyCardFruName.empty() || daisyCardVpdPath.empty())
     {
         logInfo() << "New daisy fru name or objPath is empty.";
         return;
     }
-    if (path != platform.daisyCardVpdPath)
+    if (path != daisyCardVpdPath)
     {
         return;
     }
     auto fruNumber = hwtopod::dbus::getPropertyValue<std::string>(
-        vpdService, platform.daisyCardVpdPath, halvexFullInterface,
-        "CardFruNumber");
+        vpdService, daisyCardVpdPath, halvexFullInterface, "CardFruNumber");
     if (fruNumber != daisyCardFruNumber)
     {
         logInfo() << "Daisy not install.";
         return;
     }
     auto fruName = hwtopod::dbus::getPropertyValue<std::string>(
-        vpdService, platform.daisyCardVpdPath, halvexFullInterface,
-        "IpmiFruName");
-    if (fruName == platform.daisyCardFruName)
+        vpdService, daisyCardVpdPath, halvexFullInterface, "IpmiFruName");
+    if (fruName == daisyCardFruName)
     {
         logInfo() << "Daisy not need to update name.";
         return;
     }
-    hwtopod::dbus::setPropertyValue(platform.daisyCardVpdPath,
-                                    halvexFullInterface,
-                                    platform.daisyCardFruName);
-    logInfo() << "Update daisy fru name: (" << platform.daisyCardVpdPath
-              << ")==>(" << platform.daisyCardFruName << ")";
+    hwtopod::dbus::setPropertyValue(daisyCardVpdPath, halvexFullInterface,
+                                    daisyCardFruName);
+    logInfo() << "Update daisy fru name: (" << daisyCardVpdPath << ")==>("
+              << daisyCardFruName << ")";
     logInfo() << "Daisy card found,update fru name.";
 }
 
@@ -236,12 +235,14 @@ int Base::loadTrd()
 
     // The three rule files are arrays of rules; one of another kind loads,
     // and the probes find no rule with a POSID in it.
-    backplanesData = rules::loadRuleFile("backplanesFile", backplanesFile,
-                                         rules::TopLevel::any);
-    risersData =
-        rules::loadRuleFile("risersFile", risersFile, rules::TopLevel::any);
-    powerBackplanesData = rules::loadRuleFile(
-        "powerBackplanesFiles", powerBackplanesFiles, rules::TopLevel::any);
+    auto load = [](std::string_view name, std::string_view file) {
+        return rules::loadRuleFile(name, MachineDefinition::dataPath(file),
+                                   rules::TopLevel::any);
+    };
+    backplanesData = load("backplanesFile", definition.backplanesFile);
+    risersData = load("risersFile", definition.risersFile);
+    powerBackplanesData =
+        load("powerBackplanesFiles", definition.powerBackplanesFiles);
     return 0;
 }
 
@@ -289,7 +290,7 @@ void Base::onVpdInterfacesAdded(const std::string& path,
             logInfo() << "Get interface "
                       << interface << " update on path: " << path;
             hwtopod::mergeVpdProperties(vpdObjects[path], properties);
-            if (bpProbeStatic)
+            if (definition.bpProbeStatic)
             {
                 probeVpdd(path);
                 continue;
