@@ -1,6 +1,7 @@
 // The probes of machines that take each VPD object as it comes: backplanes,
 // risers and midplanes matched against the rule files one by one.
 
+#include "common/vpdIds.hpp"
 #include "i2cLink.hpp"
 #include "platformBase.hpp"
 #include "probeHelpers.hpp"
@@ -12,6 +13,7 @@ namespace Platform
 {
 
 using hwtopod::readVpdNumber;
+namespace vpdId = hwtopod::vpdId;
 using namespace probe;
 namespace rules = hwtopod::rules;
 
@@ -22,7 +24,7 @@ std::string backplaneTypeOf(const hwtopod::VpdCache& objects)
         auto pos = properties.find("PosIdValue");
         const auto value =
             pos == properties.end() ? 0 : readVpdNumber(pos->second);
-        if (value == 0xDC || value == 0xDD || value == 0xE4)
+        if (hwtopod::posId::isE3sBackplane(value))
         {
             return "E3.S";
         }
@@ -64,11 +66,11 @@ void Base::probeVpdd(const std::string& path)
     logInfo() << "probeVpdd: VPDID " << id << ", POSID " << posId;
     switch (id)
     {
-        case 0x50:
+        case vpdId::productBackplane:
             updateProductName();
             [[fallthrough]];
-        case 0x70:
-        case 0x74:
+        case vpdId::backplane:
+        case vpdId::virtualBackplane:
             if (definition.bpProbeStatic)
             {
                 probeBpVpddStatic(path, posId);
@@ -78,13 +80,13 @@ void Base::probeVpdd(const std::string& path)
                 probeBpVpddDynamic(path, posId);
             }
             return;
-        case 0x81:
+        case vpdId::powerDistributionBoard:
             if (definition.midplaneProbeEnabled)
             {
                 probeChassisMidplaneBaseOnPdbStatic(path, posId);
             }
             return;
-        case 0xE0:
+        case vpdId::riser:
             if (definition.riserProbeStatic)
             {
                 probeRiserVpddStatic(path, posId);

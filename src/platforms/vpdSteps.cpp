@@ -11,6 +11,7 @@
 #include "common/names.hpp"
 #include "common/paths.hpp"
 #include "common/sleep.hpp"
+#include "common/vpdIds.hpp"
 #include "dbus/client.hpp"
 #include "platformHighvol.hpp"
 #include "rules/rules.hpp"
@@ -113,13 +114,14 @@ void checkFruName(Base& platform, const std::string& path,
         const char* indexKey = nullptr;
         const char* nameKey = nullptr;
         hwtopod::DeviceType type{};
-        if (id == 0x70 || id == 0x74)
+        if (id == hwtopod::vpdId::backplane ||
+            id == hwtopod::vpdId::virtualBackplane)
         {
             indexKey = "BackplaneId";
             nameKey = "BackplaneName";
             type = hwtopod::DeviceType::Backplane;
         }
-        else if (id == 0xE0)
+        else if (id == hwtopod::vpdId::riser)
         {
             indexKey = "RiserSlot";
             nameKey = "RiserName";
