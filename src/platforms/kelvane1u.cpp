@@ -1,6 +1,7 @@
 #include "kelvane1u.hpp"
 
 #include "common/logging.hpp"
+#include "fpga/deviceTable.hpp"
 
 #include <array>
 
@@ -11,11 +12,56 @@ namespace
 {
 // Low 32 bits: slot (0-5), device (6-9), riser (10-15); bit 20 riser, 21 OCP,
 // 22 CFF, 28 cage-id check, 29 signal cable check.
-constexpr std::array<std::uint64_t, 12> kelvane1uSlotMap = {
-    0x00000000, 0x00160441, 0x00160482, 0x00160C43, 0x30161044, 0x30161445,
-    0x00260046, 0x00260087, 0x002A00C8, 0x004E0049, 0x0402004A, 0x0402008B,
-};
-static_assert(kelvane1uSlotMap.size() == 12);
+constexpr auto kelvane1uSlotMap = std::to_array<hwtopod::PcieSlotEntry>({
+    {0x00000000},
+    {0x00160441},
+    {0x00160482},
+    {0x00160C43},
+    {0x30161044},
+    {0x30161445},
+    {0x00260046},
+    {0x00260087},
+    {0x002A00C8},
+    {0x004E0049},
+    {0x0402004A},
+    {0x0402008B},
+});
+
+// The presence analysis keeps a state for each slot and riser of the map in
+// fpgaDevices: one slot an entry, and none of those keys taken by another
+// device.
+constexpr bool slotMapKeysFree()
+{
+    using namespace hwtopod::deviceKey;
+    for (std::size_t i = 0; i < kelvane1uSlotMap.size(); ++i)
+    {
+        const auto& entry = kelvane1uSlotMap[i];
+        for (std::size_t j = 0; j < i; ++j)
+        {
+            if (entry.slot() != 0 && kelvane1uSlotMap[j].slot() == entry.slot())
+            {
+                return false;
+            }
+        }
+        const std::uint32_t slotKey = slotKeyBase + entry.slot();
+        const std::uint32_t riserKey = riserKeyBase + entry.riser();
+        if ((entry.slot() != 0 && hwtopod::isDeviceTableKey(slotKey)) ||
+            (entry.isRiser() && hwtopod::isDeviceTableKey(riserKey)))
+        {
+            return false;
+        }
+        for (const auto& other : kelvane1uSlotMap)
+        {
+            if (other.isRiser() && entry.slot() != 0 &&
+                riserKeyBase + other.riser() == slotKey)
+            {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+static_assert(slotMapKeysFree());
 
 constexpr std::size_t remoteSkuByte = 12 * 16 + 9;
 } // namespace
@@ -24,11 +70,7 @@ Kelvane1u::Kelvane1u(const MachineDefinition& machine) : Highvol(machine) {}
 
 void Kelvane1u::initPcieSlotMap()
 {
-    pcieSlotMap.clear();
-    for (auto word : kelvane1uSlotMap)
-    {
-        pcieSlotMap.push_back(hwtopod::PcieSlotEntry{word});
-    }
+    pcieSlotMap.assign(kelvane1uSlotMap.begin(), kelvane1uSlotMap.end());
 }
 
 void Kelvane1u::serviceSetup()
