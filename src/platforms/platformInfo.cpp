@@ -30,7 +30,7 @@ enum class PsuKey
 };
 
 // The optional keys of a PSU element, in the order they are registered.
-constexpr std::array<std::pair<const char*, PsuKey>, 9> psuOptionalKeys = {{
+constexpr auto psuOptionalKeys = std::to_array<std::pair<const char*, PsuKey>>({
     {"BusOwner", PsuKey::boolean},
     {"DeviceIdentifier", PsuKey::text},
     {"BaseAddressCff", PsuKey::number},
@@ -40,7 +40,7 @@ constexpr std::array<std::pair<const char*, PsuKey>, 9> psuOptionalKeys = {{
     {"FruId", PsuKey::number},
     {"FruName", PsuKey::text},
     {"Location", PsuKey::number},
-}};
+});
 
 } // namespace
 
