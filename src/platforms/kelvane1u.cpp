@@ -4,6 +4,7 @@
 #include "fpga/deviceTable.hpp"
 
 #include <array>
+#include <tuple>
 
 namespace Platform
 {
@@ -12,20 +13,13 @@ namespace
 {
 // Low 32 bits: slot (0-5), device (6-9), riser (10-15); bit 20 riser, 21 OCP,
 // 22 CFF, 28 cage-id check, 29 signal cable check.
+// clang-format off
 constexpr auto kelvane1uSlotMap = std::to_array<hwtopod::PcieSlotEntry>({
-    {0x00000000},
-    {0x00160441},
-    {0x00160482},
-    {0x00160C43},
-    {0x30161044},
-    {0x30161445},
-    {0x00260046},
-    {0x00260087},
-    {0x002A00C8},
-    {0x004E0049},
-    {0x0402004A},
-    {0x0402008B},
+    {0x00000000}, {0x00160441}, {0x00160482}, {0x00160C43},
+    {0x30161044}, {0x30161445}, {0x00260046}, {0x00260087},
+    {0x002A00C8}, {0x004E0049}, {0x0402004A}, {0x0402008B},
 });
+// clang-format on
 
 // The presence analysis keeps a state for each slot and riser of the map in
 // fpgaDevices: one slot an entry, and none of those keys taken by another
@@ -62,6 +56,24 @@ constexpr bool slotMapKeysFree()
     return true;
 }
 static_assert(slotMapKeysFree());
+
+// The presence analysis reads a riser entry's status at its slot's and at
+// its riser's position of the topology table; outside it reads nothing.
+constexpr bool riserPositionsInTopology()
+{
+    constexpr std::size_t positions =
+        std::tuple_size_v<decltype(Highvol::riserTopology)>;
+    for (const auto& entry : kelvane1uSlotMap)
+    {
+        if (entry.isRiser() &&
+            (entry.slot() > positions || entry.riser() > positions))
+        {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(riserPositionsInTopology());
 
 constexpr std::size_t remoteSkuByte = 12 * 16 + 9;
 } // namespace

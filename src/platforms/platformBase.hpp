@@ -48,13 +48,14 @@ using hwtopod::VpdProperties;
 // publishing, rule documents, the VPD cache, the device-state table and the
 // found-hardware documents.
 //
-// Threads and locks. The machine definition is constant. Everything the daemon
-// publishes goes through the connection's run(), so the bus is used by one
-// thread at a time. VPD discovery (the match callback's work, probeCachedVpdd
-// and the probes) runs on discoveryWorker only: the io thread hands each signal
-// to it, and on a restart the hardware thread hands it the objects it read, so
-// the cache and the found-hardware documents have a single writer and need no
-// lock. Journal records are sent under a mutex of their own (events.cpp), and
+// Threads and locks. The machine definition is a constant value.
+// Everything the daemon publishes goes through the connection's
+// run(), so the bus is used by one thread at a time. VPD discovery (the
+// match callback's work, probeCachedVpdd and the probes) runs on
+// discoveryWorker only: the io thread hands each signal to it, and on a
+// restart the hardware thread hands it the objects it read, so the cache and
+// the found-hardware documents have a single writer and need no lock.
+// Journal records are sent under a mutex of their own (events.cpp), and
 // productName has one too. The FPGA-derived members
 // are written by the hardware thread before hwDiscoveryDone, an atomic flag
 // that orders every later reader after them.
