@@ -10,8 +10,11 @@ namespace hwtopod
 
 namespace
 {
-constexpr std::array<std::string_view, 6> prefixes = {
-    "[DEBUG]", "[INFO]", "[WARNING]", "[ERROR]", "[CRITICAL]", "[DISABLED]"};
+constexpr auto prefixes = std::to_array<std::string_view>(
+    {"[DEBUG]", "[INFO]", "[WARNING]", "[ERROR]", "[CRITICAL]", "[DISABLED]"});
+// One prefix a level, in the order of LogLevel.
+static_assert(prefixes.size() ==
+              static_cast<std::size_t>(LogLevel::disabled) + 1);
 } // namespace
 
 std::string_view logPrefix(LogLevel level)

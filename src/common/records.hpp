@@ -72,39 +72,39 @@ struct PcieSlotEntry
 {
     std::uint64_t word = 0;
 
-    unsigned slot() const
+    constexpr unsigned slot() const
     {
         return word & 0x3F;
     }
-    unsigned device() const
+    constexpr unsigned device() const
     {
         return (word >> 6) & 0x0F;
     }
-    unsigned riser() const
+    constexpr unsigned riser() const
     {
         return (word >> 10) & 0x3F;
     }
-    bool bit(unsigned n) const
+    constexpr bool bit(unsigned n) const
     {
         return ((word >> n) & 1U) != 0;
     }
-    bool isRiser() const
+    constexpr bool isRiser() const
     {
         return riser() != 0 || bit(20);
     }
-    bool isCff() const
+    constexpr bool isCff() const
     {
         return bit(22);
     }
-    bool isOcp() const
+    constexpr bool isOcp() const
     {
         return bit(21);
     }
-    bool checksCage() const
+    constexpr bool checksCage() const
     {
         return bit(28);
     }
-    bool checksCable() const
+    constexpr bool checksCable() const
     {
         return bit(29);
     }

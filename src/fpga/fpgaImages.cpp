@@ -5,13 +5,41 @@
 namespace hwtopod
 {
 
-const std::vector<FpgaDeviceNode>& fpgaDeviceNodes()
+namespace
 {
-    static const std::vector<FpgaDeviceNode> nodes = {
-        {0x00000000, "/dev/fpga-cdev"},
-        {0x00000001, "/dev/fpga-r0"},
-        {0x00011408, "/dev/fpga-r0-adi"},
-    };
+constexpr auto nodes = std::to_array<FpgaDeviceNode>({
+    {0x00000000, "/dev/fpga-cdev"},
+    {0x00000001, "/dev/fpga-r0"},
+    {0x00011408, "/dev/fpga-r0-adi"},
+});
+
+// Each space is read once into its image, by the kind its id names: 0 the
+// local FPGA, 1 to 3 a remote one, above that an ADI space whose bits 16 to
+// 23 hold the remote number plus 1.
+constexpr bool nodesReadable()
+{
+    for (std::size_t i = 0; i < nodes.size(); ++i)
+    {
+        const std::uint32_t id = nodes[i].id;
+        if (id > 3 && ((id >> 16) & 0xFF) == 0)
+        {
+            return false;
+        }
+        for (std::size_t j = 0; j < i; ++j)
+        {
+            if (nodes[j].id == id)
+            {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+static_assert(nodesReadable());
+} // namespace
+
+std::span<const FpgaDeviceNode> fpgaDeviceNodes()
+{
     return nodes;
 }
 

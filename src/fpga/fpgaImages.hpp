@@ -5,8 +5,8 @@
 #include <array>
 #include <cstdint>
 #include <map>
-#include <string>
-#include <vector>
+#include <span>
+#include <string_view>
 
 namespace hwtopod
 {
@@ -14,7 +14,7 @@ namespace hwtopod
 struct FpgaDeviceNode
 {
     std::uint32_t id;
-    std::string path;
+    std::string_view path;
 };
 
 // One register space: 64 blocks of 16 bytes.
@@ -26,7 +26,7 @@ struct FpgaImage
 
 // The three register spaces, in read order: 0 the local FPGA, 1 remote FPGA
 // 0, 0x00011408 the ADI space of remote FPGA 0.
-const std::vector<FpgaDeviceNode>& fpgaDeviceNodes();
+std::span<const FpgaDeviceNode> fpgaDeviceNodes();
 
 // Process-wide cache of the register spaces by device id; written and read
 // on the hardware thread.

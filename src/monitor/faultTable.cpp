@@ -1,6 +1,7 @@
 #include "faultTable.hpp"
 
 #include <array>
+#include <string_view>
 
 namespace hwtopod
 {
@@ -12,7 +13,7 @@ constexpr std::uint8_t noCpu = noCpuIndex;
 // fpgaDevice, lineName, eventId, deviceName, deviceClass, index, monitored,
 // block, offset, bit, activeLevel, deassertEventId.
 // clang-format off
-constexpr std::array<FpgaGpioEntry, 73> rows = {{
+constexpr auto rows = std::to_array<FpgaGpioEntry>({
     {0, "HPM_SCM_STBY_RDY", "TKRMBPW0133N", "", "", noCpu, true, 22, 10, 1, false, ""}, // 0
     {1, "VR_FAULT_1_N", "TKRMBPW0129N", "PVCCFA_EHV", "CPU", 1, true, 4, 1, 0, true, ""}, // 1
     {1, "VR_FAULT_2_N", "TKRMBPW0129N", "PVNN_MAC", "CPU", 1, true, 4, 1, 1, true, ""}, // 2
@@ -86,7 +87,7 @@ constexpr std::array<FpgaGpioEntry, 73> rows = {{
     {1, "CONN1_BP_PG", "TKRMBPW0131N", "BP_PWR1", "Peripheral", noCpu, true, 5, 2, 7, true, ""}, // 70
     {1, "CPU1_THERMTRIP", "TKRMBPU0001N", "", "", 1, true, 14, 1, 0, true, "TKRMBPU2001I"}, // 71
     {1, "CPU2_THERMTRIP", "TKRMBPU0001N", "", "", 2, true, 14, 1, 1, true, "TKRMBPU2001I"}, // 72
-}};
+});
 // clang-format on
 static_assert(rows.size() == 73);
 
@@ -102,6 +103,24 @@ constexpr bool withinRegisterSpace()
     return true;
 }
 static_assert(withinRegisterSpace());
+
+// An edge finds its row by the line name: a second row of a name would never
+// be reached.
+constexpr bool lineNamesUnique()
+{
+    for (std::size_t i = 0; i < rows.size(); ++i)
+    {
+        for (std::size_t j = 0; j < i; ++j)
+        {
+            if (std::string_view(rows[i].lineName) == rows[j].lineName)
+            {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+static_assert(lineNamesUnique());
 } // namespace
 
 const std::vector<FpgaGpioEntry>& fpgaGpioTable()

@@ -175,7 +175,7 @@ void Base::probeCpu(const std::string& path)
         storeCpu1(state, *cpu);
         return;
     }
-    if (maxCpu <= 1)
+    if (definition.maxCpu <= 1)
     {
         return;
     }

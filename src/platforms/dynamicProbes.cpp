@@ -1,7 +1,9 @@
 // Board discovery of the volume-server family: every VPD object at once,
 // once the VPD service is ready, held against the FPGA's picture.
 
+#include "common/vpdIds.hpp"
 #include "dbus/client.hpp"
+#include "fpga/deviceTable.hpp"
 #include "i2cLink.hpp"
 #include "platformHighvol.hpp"
 #include "probeHelpers.hpp"
@@ -85,15 +87,15 @@ void Highvol::probeCachedObject(const std::string& path)
               << ", Path " << path;
     switch (vpdId)
     {
-        case 0x50:
+        case hwtopod::vpdId::productBackplane:
             updateProductName();
             probeBpVpddDynamic(path, posId);
             break;
-        case 0x70:
-        case 0x74:
+        case hwtopod::vpdId::backplane:
+        case hwtopod::vpdId::virtualBackplane:
             probeBpVpddDynamic(path, posId);
             break;
-        case 0xE0:
+        case hwtopod::vpdId::riser:
             probeRiserVpddDynamic(path, posId);
             break;
         default:
@@ -206,7 +208,8 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
     }
     const auto& vpd = *cached;
     auto select = selectors();
-    select.openLoop = getFpgaDeviceState(89);
+    select.openLoop =
+        getFpgaDeviceState(hwtopod::deviceKey::kelvaneOpenLoopLeak);
     auto match =
         rules::matchDynamicBoard(rules::Board::backplane, *backplanesData,
                                  *trdBackplanes, vpd, posId, select);

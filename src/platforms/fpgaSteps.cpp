@@ -41,7 +41,7 @@ std::string deviceId(std::uint32_t id)
     return text.data();
 }
 
-bool nodeExists(const std::string& path)
+bool nodeExists(std::string_view path)
 {
     std::error_code error;
     return std::filesystem::exists(hwtopod::rootPath(path), error);

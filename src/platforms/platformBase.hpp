@@ -7,6 +7,7 @@
 #include "common/worker.hpp"
 #include "dbus/bus.hpp"
 #include "events/events.hpp"
+#include "machineDefinition.hpp"
 #include "monitor/faultTable.hpp"
 #include "rules/matcher.hpp"
 #include "rules/vpdValue.hpp"
@@ -47,8 +48,8 @@ using hwtopod::VpdProperties;
 // publishing, rule documents, the VPD cache, the device-state table and the
 // found-hardware documents.
 //
-// Threads and locks. The machine definition is written before any thread
-// starts. Everything the daemon publishes goes through the connection's
+// Threads and locks. The machine definition is a constant value.
+// Everything the daemon publishes goes through the connection's
 // run(), so the bus is used by one thread at a time. VPD discovery (the
 // match callback's work, probeCachedVpdd and the probes) runs on
 // discoveryWorker only: the io thread hands each signal to it, and on a
@@ -61,7 +62,7 @@ using hwtopod::VpdProperties;
 class Base
 {
   public:
-    Base();
+    explicit Base(const MachineDefinition& machine = MachineDefinition{});
     virtual ~Base();
 
     Base(const Base&) = delete;
@@ -160,29 +161,8 @@ class Base
     };
     CpuCheckState cpuCheck;
 
-    // Machine definition.
-    std::string codeName;
-    std::string platformName = "Platform Prototype";
-    std::string backplanesFile = hwtopod::dataFile("bhs_backplanes.json");
-    std::string risersFile;
-    std::string powerBackplanesFiles;
-    std::string psuConfigFiles;
-    std::uint32_t maxCpu = 1;
-    std::uint32_t maxDimm = 8;
-    std::uint32_t maxPsu = 0;
-    std::uint32_t maxPci = 0;
-    std::uint32_t maxOcp = 0;
-    std::uint32_t maxFanMod = 0;
-    std::uint32_t maxFrontBp = 0;
-    std::uint32_t maxRearBp = 0;
-    std::uint32_t maxMiddleBp = 0;
-    std::uint32_t maxFrontM2 = 0;
-    std::uint32_t maxRearM2 = 0;
-    std::uint32_t maxInternalM2 = 0;
-    bool bpProbeStatic = true;
-    bool riserProbeStatic = true;
-    bool midplaneProbeEnabled = false;
-    bool bpTypeKeyed = false;
+    // What this machine is; never changes.
+    const MachineDefinition definition;
     std::uint64_t motherboardRevisionBase = 0;
     long upTimeSeconds = 0;
     // Service thread only.
@@ -205,12 +185,8 @@ class Base
     bool vpdMatchCompleted = false;
     // On a restart: waitForVpd has read the service and run discovery.
     bool vpdReadoutDone = false;
-    std::string daisyCardVpdPath;
-    std::string daisyCardFruName;
     boost::asio::io_context io;
     std::string serviceName;
-    std::string miniVersion = "01W";
-    std::int32_t chassisHeightU = 0;
     // No lock: one writer at a time. The match callback and the restart's
     // read of the VPD service hand their merge to VPD discovery, whose work
     // runs one task after the other; the probes that read it run there too.

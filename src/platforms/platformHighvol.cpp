@@ -3,14 +3,8 @@
 namespace Platform
 {
 
-Highvol::Highvol()
+Highvol::Highvol(const MachineDefinition& machine) : Base(machine)
 {
-    maxCpu = 2;
-    maxDimm = 32;
-    maxPsu = 2;
-    maxOcp = 2;
-    maxRearM2 = 1;
-    maxInternalM2 = 1;
     gpioChipName = "gpiochip6";
     skuNames["Front"] = "NONE";
     skuNames["Rear"] = "NONE";

@@ -10,12 +10,22 @@ namespace Platform
 
 using hwtopod::bitset64;
 
+// The family's counts; a machine of the family names its own definition.
+inline constexpr MachineDefinition highvolDefinition{
+    .maxCpu = 2,
+    .maxDimm = 32,
+    .maxPsu = 2,
+    .maxOcp = 2,
+    .maxRearM2 = 1,
+    .maxInternalM2 = 1,
+};
+
 // The volume-server family: riser and PCIe bit sets, the riser topology
 // table, SKU state and the FPGA read-out.
 class Highvol : public Base
 {
   public:
-    Highvol();
+    explicit Highvol(const MachineDefinition& machine = highvolDefinition);
     ~Highvol() override;
 
     Highvol(const Highvol&) = delete;

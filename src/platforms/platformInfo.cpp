@@ -30,7 +30,7 @@ enum class PsuKey
 };
 
 // The optional keys of a PSU element, in the order they are registered.
-constexpr std::array<std::pair<const char*, PsuKey>, 9> psuOptionalKeys = {{
+constexpr auto psuOptionalKeys = std::to_array<std::pair<const char*, PsuKey>>({
     {"BusOwner", PsuKey::boolean},
     {"DeviceIdentifier", PsuKey::text},
     {"BaseAddressCff", PsuKey::number},
@@ -40,7 +40,7 @@ constexpr std::array<std::pair<const char*, PsuKey>, 9> psuOptionalKeys = {{
     {"FruId", PsuKey::number},
     {"FruName", PsuKey::text},
     {"Location", PsuKey::number},
-}};
+});
 
 } // namespace
 
@@ -200,20 +200,21 @@ void Base::platformInfoInit()
     {
         return;
     }
-    interface->registerProperty("PlatformName", platformName);
+    interface->registerProperty("PlatformName",
+                                std::string(definition.platformName));
     interface->registerProperty("HardwareRevision", revision);
-    interface->registerProperty("MaxCpu", maxCpu);
-    interface->registerProperty("MaxDimm", maxDimm);
-    interface->registerProperty("MaxPsu", maxPsu);
-    interface->registerProperty("MaxPci", maxPci);
-    interface->registerProperty("MaxOcp", maxOcp);
-    interface->registerProperty("MaxFrontBp", maxFrontBp);
-    interface->registerProperty("MaxRearBp", maxRearBp);
-    interface->registerProperty("MaxMiddleBp", maxMiddleBp);
-    interface->registerProperty("MaxFrontM2", maxFrontM2);
-    interface->registerProperty("MaxRearM2", maxRearM2);
-    interface->registerProperty("MaxInternalM2", maxInternalM2);
-    interface->registerProperty("MaxFanMod", maxFanMod);
+    interface->registerProperty("MaxCpu", definition.maxCpu);
+    interface->registerProperty("MaxDimm", definition.maxDimm);
+    interface->registerProperty("MaxPsu", definition.maxPsu);
+    interface->registerProperty("MaxPci", definition.maxPci);
+    interface->registerProperty("MaxOcp", definition.maxOcp);
+    interface->registerProperty("MaxFrontBp", definition.maxFrontBp);
+    interface->registerProperty("MaxRearBp", definition.maxRearBp);
+    interface->registerProperty("MaxMiddleBp", definition.maxMiddleBp);
+    interface->registerProperty("MaxFrontM2", definition.maxFrontM2);
+    interface->registerProperty("MaxRearM2", definition.maxRearM2);
+    interface->registerProperty("MaxInternalM2", definition.maxInternalM2);
+    interface->registerProperty("MaxFanMod", definition.maxFanMod);
     interface->initialize();
     logInfo() << "platform information added ";
 }
@@ -227,7 +228,8 @@ void Highvol::platformInfoInit()
     {
         return;
     }
-    const std::uint32_t count = maxFrontBp + maxRearBp + maxMiddleBp;
+    const std::uint32_t count =
+        definition.maxFrontBp + definition.maxRearBp + definition.maxMiddleBp;
     for (std::uint32_t i = 1; i <= count; ++i)
     {
         const std::string name = "BP_" + std::to_string(i) + "_INSTALLED";
@@ -247,7 +249,8 @@ void Base::publishSoftwareConfig()
         return;
     }
     const std::string buildId = readBuildId();
-    const std::string version = miniVersionFor(miniVersion, buildId);
+    const std::string version =
+        miniVersionFor(std::string(definition.miniVersion), buildId);
     logInfo() << "BMC version " << buildId;
     logInfo() << "Set mini version:" << version;
     interface->registerProperty("MiniVersion", version);
@@ -294,18 +297,20 @@ void Base::publishChassisDimension()
         logWarning() << "Failed to add interface:" << interfaceName;
         return;
     }
-    if (chassisHeightU == 0)
+    if (definition.chassisHeightU == 0)
     {
         logInfo() << "HeightU is not right. Please init Chassis HeightU first.";
     }
-    logInfo() << "Set Chassis HeightU " << chassisHeightU;
-    interface->registerProperty("HeightU", chassisHeightU);
+    logInfo() << "Set Chassis HeightU " << definition.chassisHeightU;
+    interface->registerProperty("HeightU", definition.chassisHeightU);
     interface->initialize();
 }
 
 void Base::publishPsuConfigs()
 {
     std::error_code ec;
+    const std::string psuConfigFiles =
+        MachineDefinition::dataPath(definition.psuConfigFiles);
     const std::string file = hwtopod::rootPath(psuConfigFiles);
     if (psuConfigFiles.empty() ||
         !std::filesystem::exists(std::filesystem::status(file, ec)))

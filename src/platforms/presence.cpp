@@ -1,6 +1,7 @@
 // Presence analysis: turns the riser read-out into installed risers and
 // adapters, the risers awaiting VPD confirmation, the cage and cable
 // mismatches the FPGA reports, and the install and riser cable events.
+#include "fpga/deviceTable.hpp"
 #include "fpga/readout.hpp"
 #include "platformHighvol.hpp"
 
@@ -13,6 +14,7 @@ namespace Platform
 
 namespace
 {
+namespace deviceKey = hwtopod::deviceKey;
 using hwtopod::DeviceType;
 using hwtopod::RiserTopologyEntry;
 
@@ -172,7 +174,7 @@ void Highvol::checkPresence()
                 }
             }
 
-            fpgaDevices[17 + riser] = DeviceState{
+            fpgaDevices[deviceKey::riserKeyBase + riser] = DeviceState{
                 "RISER_" + std::to_string(riser) + "_INSTALLED", installed};
         }
         else if (mapEntry.isCff())
@@ -188,17 +190,19 @@ void Highvol::checkPresence()
             switch (device)
             {
                 case 1:
-                    adapterPresent = getFpgaDeviceState(3) &&
-                                     !getFpgaDeviceState(5) &&
-                                     !getFpgaDeviceState(6);
+                    adapterPresent =
+                        getFpgaDeviceState(deviceKey::ocp0) &&
+                        !getFpgaDeviceState(deviceKey::x8FrontOcp) &&
+                        !getFpgaDeviceState(deviceKey::x16FrontOcp);
                     break;
                 case 2:
-                    adapterPresent = getFpgaDeviceState(4);
+                    adapterPresent = getFpgaDeviceState(deviceKey::ocp1);
                     break;
                 case 3:
                     adapterPresent =
-                        getFpgaDeviceState(3) &&
-                        (getFpgaDeviceState(5) || getFpgaDeviceState(6));
+                        getFpgaDeviceState(deviceKey::ocp0) &&
+                        (getFpgaDeviceState(deviceKey::x8FrontOcp) ||
+                         getFpgaDeviceState(deviceKey::x16FrontOcp));
                     break;
                 default:
                     break;
@@ -212,7 +216,7 @@ void Highvol::checkPresence()
 
         if (slot != 0)
         {
-            fpgaDevices[40 + slot] =
+            fpgaDevices[deviceKey::slotKeyBase + slot] =
                 DeviceState{"SLOT_" + std::to_string(slot) + "_ADAPTER_PRSNT",
                             adapterPresent};
         }

@@ -1,6 +1,7 @@
 // The probes of machines that take each VPD object as it comes: backplanes,
 // risers and midplanes matched against the rule files one by one.
 
+#include "common/vpdIds.hpp"
 #include "i2cLink.hpp"
 #include "platformBase.hpp"
 #include "probeHelpers.hpp"
@@ -12,6 +13,7 @@ namespace Platform
 {
 
 using hwtopod::readVpdNumber;
+namespace vpdId = hwtopod::vpdId;
 using namespace probe;
 namespace rules = hwtopod::rules;
 
@@ -27,7 +29,7 @@ std::string backplaneTypeOf(const hwtopod::VpdCache& objects)
         auto pos = properties.find("PosIdValue");
         const auto value =
             pos == properties.end() ? 0 : readVpdNumber(pos->second);
-        if (value == 0xDC || value == 0xDD || value == 0xE4)
+        if (hwtopod::posId::isE3sBackplane(value))
         {
             return "E3.S";
         }
@@ -56,12 +58,12 @@ void Base::probeVpdd(const std::string& path)
     logInfo() << "probeVpdd: VPDID " << id << ", POSID " << posId;
     switch (id)
     {
-        case 0x50:
+        case vpdId::productBackplane:
             updateProductName();
             [[fallthrough]];
-        case 0x70:
-        case 0x74:
-            if (bpProbeStatic)
+        case vpdId::backplane:
+        case vpdId::virtualBackplane:
+            if (definition.bpProbeStatic)
             {
                 probeBpVpddStatic(path, posId);
             }
@@ -70,14 +72,14 @@ void Base::probeVpdd(const std::string& path)
                 probeBpVpddDynamic(path, posId);
             }
             return;
-        case 0x81:
-            if (midplaneProbeEnabled)
+        case vpdId::powerDistributionBoard:
+            if (definition.midplaneProbeEnabled)
             {
                 probeChassisMidplaneBaseOnPdbStatic(path, posId);
             }
             return;
-        case 0xE0:
-            if (riserProbeStatic)
+        case vpdId::riser:
+            if (definition.riserProbeStatic)
             {
                 probeRiserVpddStatic(path, posId);
             }
@@ -170,12 +172,12 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
     {
         return;
     }
-    if (bpTypeKeyed && backplaneType == "NONE")
+    if (definition.bpTypeKeyed && backplaneType == "NONE")
     {
         backplaneType = backplaneTypeOf(vpdObjects);
     }
     rules::Selectors select;
-    if (bpTypeKeyed)
+    if (definition.bpTypeKeyed)
     {
         select.backplaneType = backplaneType;
     }

@@ -11,6 +11,7 @@
 #include "common/names.hpp"
 #include "common/paths.hpp"
 #include "common/sleep.hpp"
+#include "common/vpdIds.hpp"
 #include "dbus/client.hpp"
 #include "platformHighvol.hpp"
 #include "rules/rules.hpp"
@@ -94,12 +95,13 @@ struct FruKind
 // The kind of a board's VPD id; none for other ids.
 std::optional<FruKind> fruKindOf(std::uint64_t id)
 {
-    if (id == 0x70 || id == 0x74)
+    if (id == hwtopod::vpdId::backplane ||
+        id == hwtopod::vpdId::virtualBackplane)
     {
         return FruKind{"BackplaneId", "BackplaneName",
                        hwtopod::DeviceType::Backplane};
     }
-    if (id == 0xE0)
+    if (id == hwtopod::vpdId::riser)
     {
         return FruKind{"RiserSlot", "RiserName",
                        hwtopod::DeviceType::PcieRiser};
@@ -188,36 +190,35 @@ void checkFruName(Base& platform, const std::string& path,
 // Gives the management switch card its FRU name.
 void checkDaisyCard(const Base& platform, const std::string& path)
 {
-    if (platform.daisyCardFruName.empty() || platform.daisyCardVpdPath.empty())
+    const std::string daisyCardVpdPath(platform.definition.daisyCardVpdPath);
+    const std::string daisyCardFruName(platform.definition.daisyCardFruName);
+    if (daisyCardFruName.empty() || daisyCardVpdPath.empty())
     {
         logInfo() << "New daisy fru name or objPath is empty.";
         return;
     }
-    if (path != platform.daisyCardVpdPath)
+    if (path != daisyCardVpdPath)
     {
         return;
     }
     auto fruNumber = hwtopod::dbus::getPropertyValue<std::string>(
-        vpdService, platform.daisyCardVpdPath, halvexFullInterface,
-        "CardFruNumber");
+        vpdService, daisyCardVpdPath, halvexFullInterface, "CardFruNumber");
     if (fruNumber != daisyCardFruNumber)
     {
         logInfo() << "Daisy not install.";
         return;
     }
     auto fruName = hwtopod::dbus::getPropertyValue<std::string>(
-        vpdService, platform.daisyCardVpdPath, halvexFullInterface,
-        "IpmiFruName");
-    if (fruName == platform.daisyCardFruName)
+        vpdService, daisyCardVpdPath, halvexFullInterface, "IpmiFruName");
+    if (fruName == daisyCardFruName)
     {
         logInfo() << "Daisy not need to update name.";
         return;
     }
-    hwtopod::dbus::setPropertyValue(platform.daisyCardVpdPath,
-                                    halvexFullInterface,
-                                    platform.daisyCardFruName);
-    logInfo() << "Update daisy fru name: (" << platform.daisyCardVpdPath
-              << ")==>(" << platform.daisyCardFruName << ")";
+    hwtopod::dbus::setPropertyValue(daisyCardVpdPath, halvexFullInterface,
+                                    daisyCardFruName);
+    logInfo() << "Update daisy fru name: (" << daisyCardVpdPath << ")==>("
+              << daisyCardFruName << ")";
     logInfo() << "Daisy card found,update fru name.";
 }
 
@@ -259,12 +260,14 @@ int Base::loadTrd()
 
     // The three rule files are arrays of rules; one of another kind loads,
     // and the probes find no rule with a POSID in it.
-    backplanesData = rules::loadRuleFile("backplanesFile", backplanesFile,
-                                         rules::TopLevel::any);
-    risersData =
-        rules::loadRuleFile("risersFile", risersFile, rules::TopLevel::any);
-    powerBackplanesData = rules::loadRuleFile(
-        "powerBackplanesFiles", powerBackplanesFiles, rules::TopLevel::any);
+    auto load = [](std::string_view name, std::string_view file) {
+        return rules::loadRuleFile(name, MachineDefinition::dataPath(file),
+                                   rules::TopLevel::any);
+    };
+    backplanesData = load("backplanesFile", definition.backplanesFile);
+    risersData = load("risersFile", definition.risersFile);
+    powerBackplanesData =
+        load("powerBackplanesFiles", definition.powerBackplanesFiles);
     return 0;
 }
 
@@ -312,7 +315,7 @@ void Base::onVpdInterfacesAdded(const std::string& path,
             logInfo() << "Get interface "
                       << interface << " update on path: " << path;
             hwtopod::mergeVpdProperties(vpdObjects[path], properties);
-            if (bpProbeStatic)
+            if (definition.bpProbeStatic)
             {
                 probeVpdd(path);
                 continue;

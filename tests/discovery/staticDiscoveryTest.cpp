@@ -16,8 +16,8 @@ using testing::internal::GetCapturedStderr;
 
 namespace
 {
-constexpr auto risersPath = "/usr/share/vantarack-bmc-apps/hwtopod/risers.json";
-constexpr auto powerPath = "/usr/share/vantarack-bmc-apps/hwtopod/pdb.json";
+constexpr auto risersFile = "risers.json";
+constexpr auto powerFile = "pdb.json";
 
 const auto trd = nlohmann::json::parse(R"({
   "backplanes": [
@@ -62,9 +62,11 @@ class StaticDiscovery : public DiscoveryFixture
         writeRule("bhs_backplanes.json", nlohmann::json::parse(R"([
             {"Name": "BP", "POSID": 112,
              "com.halvex.hwtopod.backplane": {"Connector": 5}}])"));
-        test::writeFile(root / risersPath, R"([{"Name": "R", "POSID": 224}])");
-        test::writeFile(root / powerPath, R"([{"Name": "PDB", "POSID": 129,
-            "com.halvex.hwtopod.midplane": {"Index": "$Index"}}])");
+        writeRule(risersFile,
+                  nlohmann::json::parse(R"([{"Name": "R", "POSID": 224}])"));
+        writeRule(powerFile,
+                  nlohmann::json::parse(R"([{"Name": "PDB", "POSID": 129,
+            "com.halvex.hwtopod.midplane": {"Index": "$Index"}}])"));
         for (unsigned bus : {30, 21, 22, 23, 60})
         {
             makeI2cBus(bus);
@@ -76,13 +78,14 @@ class StaticDiscovery : public DiscoveryFixture
     std::unique_ptr<Platform::Base> start(bool midplanes)
     {
         CaptureStderr();
-        auto platform = std::make_unique<Platform::Base>();
-        platform->risersFile = risersPath;
+        Platform::MachineDefinition machine;
+        machine.risersFile = risersFile;
         if (midplanes)
         {
-            platform->powerBackplanesFiles = powerPath;
-            platform->midplaneProbeEnabled = true;
+            machine.powerBackplanesFiles = powerFile;
+            machine.midplaneProbeEnabled = true;
         }
+        auto platform = std::make_unique<Platform::Base>(machine);
         platform->serviceInit();
         platform->loadTrd();
         platform->serviceRun();

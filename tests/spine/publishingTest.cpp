@@ -40,15 +40,11 @@ class Publishing : public testing::Test
     }
 
     // serviceInit and serviceRun of a fresh platform; returns their log.
-    std::string startService(
-        const std::function<void(Platform::Kelvane1u&)>& prepare = {})
+    std::string startService(const Platform::MachineDefinition& machine =
+                                 Platform::kelvane1uDefinition)
     {
         CaptureStderr();
-        platform = std::make_unique<Platform::Kelvane1u>();
-        if (prepare)
-        {
-            prepare(*platform);
-        }
+        platform = std::make_unique<Platform::Kelvane1u>(machine);
         platform->serviceInit();
         platform->serviceRun();
         return GetCapturedStderr();
@@ -228,9 +224,9 @@ TEST_F(Publishing, FailuresCostTheirObjectAndAnEndedLoopFailsItsCallers)
 {
     // A string the bus refuses makes the software configuration's
     // publication fail; the objects after it are still published.
-    auto log = startService([](Platform::Kelvane1u& machine) {
-        machine.miniVersion = "01\xff";
-    });
+    auto machine = Platform::kelvane1uDefinition;
+    machine.miniVersion = "01\xff";
+    auto log = startService(machine);
     EXPECT_THAT(log,
                 HasSubstr("[CRITICAL] Exception in publishSoftwareConfig: "));
     EXPECT_THAT(log, HasSubstr("[INFO] Service is set\n"));
