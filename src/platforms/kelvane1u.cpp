@@ -3,6 +3,7 @@
 #include "common/logging.hpp"
 
 #include <array>
+#include <utility>
 
 namespace Platform
 {
@@ -20,7 +21,7 @@ static_assert(kelvane1uSlotMap.size() == 12);
 constexpr std::size_t remoteSkuByte = 12 * 16 + 9;
 } // namespace
 
-Kelvane1u::Kelvane1u()
+Kelvane1u::Kelvane1u(Seams seams) : Highvol(std::move(seams))
 {
     codeName = "kelvane1u";
     platformName = "kp100nx";

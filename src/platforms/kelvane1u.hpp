@@ -10,7 +10,7 @@ namespace Platform
 class Kelvane1u : public Highvol
 {
   public:
-    Kelvane1u();
+    explicit Kelvane1u(Seams seams);
     ~Kelvane1u() override = default;
 
     Kelvane1u(const Kelvane1u&) = delete;

@@ -41,7 +41,9 @@ std::optional<std::uint32_t> leadingNumber(const char* text)
 }
 } // namespace
 
-Base::Base() : discoveryWorker(std::make_unique<hwtopod::Worker>())
+Base::Base(Seams seams) :
+    seams(std::move(seams)),
+    discoveryWorker(std::make_unique<hwtopod::Worker>())
 {
     if (const char* revision = std::getenv("HW_REV_BASE"))
     {

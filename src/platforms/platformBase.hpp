@@ -10,6 +10,7 @@
 #include "monitor/faultTable.hpp"
 #include "rules/matcher.hpp"
 #include "rules/vpdValue.hpp"
+#include "seams.hpp"
 
 #include <boost/asio/io_context.hpp>
 #include <nlohmann/json.hpp>
@@ -61,13 +62,25 @@ using hwtopod::VpdProperties;
 class Base
 {
   public:
-    Base();
+    explicit Base(Seams seams);
     virtual ~Base();
 
     Base(const Base&) = delete;
     Base& operator=(const Base&) = delete;
     Base(Base&&) = delete;
     Base& operator=(Base&&) = delete;
+
+    // What the machine is reached through; fixed for the object's life.
+    const Seams seams;
+    // The absolute path placed below the root.
+    std::string rootPath(std::string_view absolutePath) const
+    {
+        return seams.root.path(absolutePath);
+    }
+    void sleepSeconds(unsigned seconds) const
+    {
+        seams.sleep(std::chrono::seconds(seconds));
+    }
 
     // Virtual operations, in their order.
     virtual void getHardwareRevision();
@@ -270,12 +283,12 @@ class Base
     static void publishStep(const std::string& vpdPath,
                             const std::function<void()>& step);
 
-    static void linkRiserSlots(const nlohmann::json& record);
+    void linkRiserSlots(const nlohmann::json& record) const;
     static void sendRiserPresence(const nlohmann::json& record);
 
     // The I2C link of a backplane record, or the warning that it lacks the
     // keys for one.
-    static void linkBackplane(const nlohmann::json& record);
+    void linkBackplane(const nlohmann::json& record) const;
 
     // The end of every probe that accepts a board: the record joins its
     // found-hardware document, its keys become the interface's properties,

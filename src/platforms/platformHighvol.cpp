@@ -1,9 +1,11 @@
 #include "platformHighvol.hpp"
 
+#include <utility>
+
 namespace Platform
 {
 
-Highvol::Highvol()
+Highvol::Highvol(Seams seams) : Base(std::move(seams))
 {
     maxCpu = 2;
     maxDimm = 32;

@@ -15,7 +15,7 @@ using hwtopod::bitset64;
 class Highvol : public Base
 {
   public:
-    Highvol();
+    explicit Highvol(Seams seams);
     ~Highvol() override;
 
     Highvol(const Highvol&) = delete;

@@ -44,9 +44,9 @@ constexpr std::array<std::pair<const char*, PsuKey>, 9> psuOptionalKeys = {{
 
 } // namespace
 
-std::string readBuildId()
+std::string readBuildId(const hwtopod::Root& root)
 {
-    std::ifstream file(hwtopod::rootPath("/etc/os-release"));
+    std::ifstream file(root.path("/etc/os-release"));
     std::string line;
     const std::string key = "HALVEX_BUILDID=";
     while (file && std::getline(file, line))
@@ -246,7 +246,7 @@ void Base::publishSoftwareConfig()
         logWarning() << "Failed to add interface";
         return;
     }
-    const std::string buildId = readBuildId();
+    const std::string buildId = readBuildId(seams.root);
     const std::string version = miniVersionFor(miniVersion, buildId);
     logInfo() << "BMC version " << buildId;
     logInfo() << "Set mini version:" << version;
@@ -306,7 +306,7 @@ void Base::publishChassisDimension()
 void Base::publishPsuConfigs()
 {
     std::error_code ec;
-    const std::string file = hwtopod::rootPath(psuConfigFiles);
+    const std::string file = rootPath(psuConfigFiles);
     if (psuConfigFiles.empty() ||
         !std::filesystem::exists(std::filesystem::status(file, ec)))
     {

@@ -203,8 +203,8 @@ void checkDaisyCard(const Base& platform, const std::string& path)
 int Base::loadTrd()
 {
     bpTrdRulesFile = hwtopod::dataFile("kelvane80_1u_pass1_trd.json");
-    bpTrdRules =
-        rules::loadRuleFile("bpTrdRules", bpTrdRulesFile, rules::TopLevel::any);
+    bpTrdRules = rules::loadRuleFile(seams.root, "bpTrdRules", bpTrdRulesFile,
+                                     rules::TopLevel::any);
     if (bpTrdRules)
     {
         try
@@ -236,12 +236,13 @@ int Base::loadTrd()
 
     // The three rule files are arrays of rules; one of another kind loads,
     // and the probes find no rule with a POSID in it.
-    backplanesData = rules::loadRuleFile("backplanesFile", backplanesFile,
-                                         rules::TopLevel::any);
-    risersData =
-        rules::loadRuleFile("risersFile", risersFile, rules::TopLevel::any);
-    powerBackplanesData = rules::loadRuleFile(
-        "powerBackplanesFiles", powerBackplanesFiles, rules::TopLevel::any);
+    backplanesData = rules::loadRuleFile(seams.root, "backplanesFile",
+                                         backplanesFile, rules::TopLevel::any);
+    risersData = rules::loadRuleFile(seams.root, "risersFile", risersFile,
+                                     rules::TopLevel::any);
+    powerBackplanesData =
+        rules::loadRuleFile(seams.root, "powerBackplanesFiles",
+                            powerBackplanesFiles, rules::TopLevel::any);
     return 0;
 }
 
@@ -329,7 +330,7 @@ void Base::waitForVpd()
     while (hwtopod::dbus::getDbusInterfaces(vpdService, vpdReadyPath).empty())
     {
         logInfo() << "VPDD is not ready, delay 5 seconds";
-        hwtopod::sleepSeconds(5);
+        sleepSeconds(5);
     }
 
     // Emptied before the call: a signal the worker merges after this is

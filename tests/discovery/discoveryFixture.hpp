@@ -5,6 +5,7 @@
 
 #include "busClient.hpp"
 #include "journal.hpp"
+#include "platformSeams.hpp"
 #include "privateBus.hpp"
 #include "sandbox.hpp"
 
@@ -90,7 +91,7 @@ class DiscoveryFixture : public testing::Test
     }
 
     PrivateBus bus;
-    SandboxRoot root;
+    TempDir root;
     std::unique_ptr<JournalReader> journal;
 };
 

@@ -76,7 +76,8 @@ class StaticDiscovery : public DiscoveryFixture
     std::unique_ptr<Platform::Base> start(bool midplanes)
     {
         CaptureStderr();
-        auto platform = std::make_unique<Platform::Base>();
+        auto platform =
+            std::make_unique<Platform::Base>(test::sandboxSeams(root));
         platform->risersFile = risersPath;
         if (midplanes)
         {

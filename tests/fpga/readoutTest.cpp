@@ -5,8 +5,8 @@
 #include "fpga/fpgaImages.hpp"
 #include "journal.hpp"
 #include "machineImages.hpp"
+#include "platformSeams.hpp"
 #include "platforms/kelvane1u.hpp"
-#include "recordedSleeps.hpp"
 
 #include <unistd.h>
 
@@ -46,7 +46,7 @@ class ReadOut : public testing::Test
         return testing::internal::GetCapturedStderr();
     }
 
-    test::SandboxRoot root;
+    test::TempDir root;
     test::TempDir images;
     // Waits take no time; a limit stops an endless one.
     std::size_t sleepLimit = 100;
@@ -56,7 +56,7 @@ class ReadOut : public testing::Test
             throw std::runtime_error("sleep limit");
         }
     }};
-    Platform::Kelvane1u platform;
+    Platform::Kelvane1u platform{test::sandboxSeams(root, &sleeps)};
 };
 } // namespace
 

@@ -1,8 +1,8 @@
 // Loading of the machine's rule files: every stage stands by itself, and a
 // missing or broken file costs its message and nothing more.
 
+#include "platformSeams.hpp"
 #include "platforms/kelvane1u.hpp"
-#include "sandbox.hpp"
 
 #include <cstdlib>
 #include <filesystem>
@@ -15,7 +15,6 @@ namespace
 {
 
 using hwtopod::test::readFile;
-using hwtopod::test::SandboxRoot;
 using hwtopod::test::sourceRoot;
 using hwtopod::test::TempDir;
 using hwtopod::test::writeFile;
@@ -63,14 +62,15 @@ class RuleLoading : public testing::Test
     std::string load(const RuleFiles& files)
     {
         place(root, files);
-        platform = std::make_unique<Platform::Kelvane1u>();
+        platform = std::make_unique<Platform::Kelvane1u>(
+            hwtopod::test::sandboxSeams(root));
         CaptureStderr();
         EXPECT_EQ(platform->loadTrd(), 0);
         platform->matchVpdd();
         return GetCapturedStderr();
     }
 
-    SandboxRoot root;
+    TempDir root;
     std::unique_ptr<Platform::Kelvane1u> platform;
 };
 

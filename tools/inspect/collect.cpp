@@ -37,9 +37,9 @@ const std::vector<std::string> resultFiles = {
 
 // The message registry of the daemon's records, installed beside its rule
 // files; an empty one, with the reason under errors, when it cannot be read.
-Json registryMessages(Json& errors)
+Json registryMessages(const Root& root, Json& errors)
 {
-    const auto path = rootPath(dataFile("EventRegistry.1.0.0.json"));
+    const auto path = root.path(dataFile("EventRegistry.1.0.0.json"));
     std::ifstream stream(path);
     if (!stream)
     {
@@ -137,9 +137,9 @@ std::string interfacesOf(const std::map<std::string, Properties>& interfaces)
 }
 
 // Where /dev/<name> points, with the bus number of an "i2c-N" target.
-Json i2cLink(const std::string& name)
+Json i2cLink(const Root& root, const std::string& name)
 {
-    const auto link = rootPath("/dev/" + name);
+    const auto link = root.path("/dev/" + name);
     Json result = {{"link", "/dev/" + name}};
     std::error_code error;
     const auto target = std::filesystem::read_symlink(link, error);
@@ -457,7 +457,7 @@ Json collect(const Options& options)
     document["service"]["onBus"] = onBus;
     document["service"]["pid"] = pid ? Json(*pid) : Json(nullptr);
 
-    const auto messages = registryMessages(errors);
+    const auto messages = registryMessages(options.root, errors);
     Json events = pid ? journalEvents(*pid, messages, errors) : Json::array();
 
     // Platform facts.
@@ -528,7 +528,8 @@ Json collect(const Options& options)
                     const auto number = *checked;
                     Json entry = {{"slot", number}};
                     entry["i2c"] =
-                        i2cLink("pcie_slot" + std::to_string(number) + "_i2c");
+                        i2cLink(options.root,
+                                "pcie_slot" + std::to_string(number) + "_i2c");
                     slots.push_back(entry);
                 }
             }
@@ -562,7 +563,8 @@ Json collect(const Options& options)
                                 : std::nullopt;
             if (id)
             {
-                bp["i2c"] = i2cLink("bp" + std::to_string(*id) + "_i2c");
+                bp["i2c"] =
+                    i2cLink(options.root, "bp" + std::to_string(*id) + "_i2c");
             }
             backplanes.push_back(bp);
         }
@@ -594,7 +596,7 @@ Json collect(const Options& options)
     {
         // A file that is not there has not been written yet, or not at all
         // on this machine (midplanes); one that is there must be readable.
-        const auto path = rootPath("/var/configuration/" + file);
+        const auto path = options.root.path("/var/configuration/" + file);
         files[file] = nullptr;
         std::error_code error;
         if (!std::filesystem::exists(path, error) && !error)
