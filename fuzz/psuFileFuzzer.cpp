@@ -26,7 +26,7 @@ PsuPlatform& platform()
 {
     static PsuPlatform* instance = []() {
         return new PsuPlatform(
-            Platform::machineSeams(hwtopod::fuzz::sandboxRoot()));
+            Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()});
     }();
     return *instance;
 }

@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
     }
 
     ReadoutPlatform platform{
-        Platform::machineSeams(hwtopod::fuzz::sandboxRoot())};
+        Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()}};
     platform.initPcieSlotMap();
     if (size - at >= sizeof(std::uint64_t))
     {

@@ -78,7 +78,7 @@ MatchPlatform& platform()
 {
     static MatchPlatform* instance = []() {
         auto* p = new MatchPlatform(
-            Platform::machineSeams(hwtopod::fuzz::sandboxRoot()));
+            Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()});
         p->bpProbeStatic = false;
         p->vpdReadyPath = "/com/halvex/vpdd/DIMM_32";
         p->daisyCardFruName.clear();

@@ -11,22 +11,19 @@ namespace Platform
 {
 
 // What the platform object reaches the machine through, given to it at
-// construction: tests hand in their own, so that several platforms can live
-// side by side without process-wide state.
+// construction, so that several platforms can live side by side without
+// process-wide state. A member left out is the machine's own.
 struct Seams
 {
     // The fault lines, used by the monitor thread alone.
-    std::shared_ptr<hwtopod::FaultLineGpio> gpio;
+    std::shared_ptr<hwtopod::FaultLineGpio> gpio = hwtopod::libgpiodLines();
     // The FPGA registers, read by the hardware thread alone.
-    std::shared_ptr<hwtopod::RegisterAccess> registers;
+    std::shared_ptr<hwtopod::RegisterAccess> registers =
+        hwtopod::libraryRegisters();
     // Every wait of seconds.
-    hwtopod::SleepFunction sleep;
+    hwtopod::SleepFunction sleep = hwtopod::realSleep;
     // Where every absolute path is placed.
-    hwtopod::Root root;
+    hwtopod::Root root = hwtopod::Root();
 };
-
-// The machine's own: libgpiod, the FPGA register library, real sleeping, and
-// the root given.
-Seams machineSeams(hwtopod::Root root);
 
 } // namespace Platform

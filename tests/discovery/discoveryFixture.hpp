@@ -5,7 +5,6 @@
 
 #include "busClient.hpp"
 #include "journal.hpp"
-#include "platformSeams.hpp"
 #include "privateBus.hpp"
 #include "sandbox.hpp"
 

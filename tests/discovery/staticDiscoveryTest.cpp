@@ -76,8 +76,8 @@ class StaticDiscovery : public DiscoveryFixture
     std::unique_ptr<Platform::Base> start(bool midplanes)
     {
         CaptureStderr();
-        auto platform =
-            std::make_unique<Platform::Base>(test::sandboxSeams(root));
+        auto platform = std::make_unique<Platform::Base>(
+            Platform::Seams{.root = hwtopod::Root(root.path())});
         platform->risersFile = risersPath;
         if (midplanes)
         {

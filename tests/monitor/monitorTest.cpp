@@ -63,18 +63,9 @@ class MonitorTest : public ::testing::Test
         }
     }
 
-    static Platform::Seams seams(std::shared_ptr<ScriptedLines> gpio,
-                                 RecordedSleeps& sleeps)
-    {
-        auto seams = Platform::machineSeams(Root());
-        seams.gpio = std::move(gpio);
-        seams.sleep = sleeps.function();
-        return seams;
-    }
-
     std::shared_ptr<ScriptedLines> gpio = std::make_shared<ScriptedLines>();
     RecordedSleeps sleeps;
-    Platform::Kelvane1u platform{seams(gpio, sleeps)};
+    Platform::Kelvane1u platform{{.gpio = gpio, .sleep = sleeps.function()}};
 };
 
 TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
@@ -213,7 +204,7 @@ void quietImages()
 
 TEST(PowerFaultDetect, ReportsActiveMonitoredBitsOfValidImages)
 {
-    Platform::Kelvane1u platform{Platform::machineSeams(Root())};
+    Platform::Kelvane1u platform{Platform::Seams{}};
     {
         // Standby low, P12V_MEM of CPU 1 and the unmonitored VR_FAULT_17_N
         // high.

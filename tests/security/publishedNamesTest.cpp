@@ -47,8 +47,8 @@ class PublishedNames : public DiscoveryFixture
     std::string start()
     {
         CaptureStderr();
-        platform =
-            std::make_unique<Platform::Kelvane1u>(test::sandboxSeams(root));
+        platform = std::make_unique<Platform::Kelvane1u>(
+            Platform::Seams{.root = hwtopod::Root(root.path())});
         platform->serviceInit();
         platform->serviceRun();
         return GetCapturedStderr();

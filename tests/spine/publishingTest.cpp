@@ -1,9 +1,9 @@
 // What the daemon publishes, read back by a real client of a private bus.
 
 #include "busClient.hpp"
-#include "platformSeams.hpp"
 #include "platforms/kelvane1u.hpp"
 #include "privateBus.hpp"
+#include "sandbox.hpp"
 
 #include <boost/asio/post.hpp>
 
@@ -44,8 +44,8 @@ class Publishing : public testing::Test
         const std::function<void(Platform::Kelvane1u&)>& prepare = {})
     {
         CaptureStderr();
-        platform =
-            std::make_unique<Platform::Kelvane1u>(test::sandboxSeams(root));
+        platform = std::make_unique<Platform::Kelvane1u>(
+            Platform::Seams{.root = hwtopod::Root(root.path())});
         if (prepare)
         {
             prepare(*platform);

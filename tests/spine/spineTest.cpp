@@ -83,7 +83,7 @@ std::string constructWith(StartEnvironment environment, std::uint64_t& revision,
     set("HWTOPOD_STATUS", environment.status);
     CaptureStderr();
     {
-        Platform::Kelvane1u platform{Platform::machineSeams(Root())};
+        Platform::Kelvane1u platform{Platform::Seams{}};
         revision = platform.motherboardRevisionBase;
         normalStart = platform.normalStart;
     }

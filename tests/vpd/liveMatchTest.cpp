@@ -1,11 +1,11 @@
 // VPD discovery against the stand-in VPD service on a private bus: the live
 // match on a first start and the read-out on a restart.
 
-#include "platformSeams.hpp"
 #include "platforms/kelvane1u.hpp"
 #include "privateBus.hpp"
 #include "process.hpp"
 #include "rules/vpdValue.hpp"
+#include "sandbox.hpp"
 
 #include <signal.h>
 
@@ -133,8 +133,8 @@ class VpdDiscovery : public testing::Test
 TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
 {
     ::setenv("HWTOPOD_STATUS", "normal", 1);
-    platform =
-        std::make_unique<CountingPlatform>(hwtopod::test::sandboxSeams(root));
+    platform = std::make_unique<CountingPlatform>(
+        Platform::Seams{.root = hwtopod::Root(root.path())});
     // Records as the probes would have left them.
     platform->backplanesFound = {
         {"backplanes",
@@ -308,7 +308,7 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
     ASSERT_TRUE(waitForOutput(*vpdd, "published /com/halvex/vpdd/Riser_1"));
 
     std::vector<std::chrono::milliseconds> sleeps;
-    auto seams = hwtopod::test::sandboxSeams(root);
+    auto seams = Platform::Seams{.root = hwtopod::Root(root.path())};
     seams.sleep = [&](std::chrono::milliseconds duration) {
         sleeps.push_back(duration);
         if (sleeps.size() == 3)

@@ -1,8 +1,8 @@
 // Loading of the machine's rule files: every stage stands by itself, and a
 // missing or broken file costs its message and nothing more.
 
-#include "platformSeams.hpp"
 #include "platforms/kelvane1u.hpp"
+#include "sandbox.hpp"
 
 #include <cstdlib>
 #include <filesystem>
@@ -63,7 +63,7 @@ class RuleLoading : public testing::Test
     {
         place(root, files);
         platform = std::make_unique<Platform::Kelvane1u>(
-            hwtopod::test::sandboxSeams(root));
+            Platform::Seams{.root = hwtopod::Root(root.path())});
         CaptureStderr();
         EXPECT_EQ(platform->loadTrd(), 0);
         platform->matchVpdd();
