@@ -7,8 +7,8 @@ namespace hwtopod
 {
 
 // Where the daemon's absolute paths are placed: the machine's own root, or a
-// directory below which tests and the simulator give the real binary a
-// sandbox. Every absolute path the daemon touches goes through path().
+// directory that stands for it, the sandbox of a test or of the simulator.
+// Every absolute path the daemon touches goes through path().
 class Root
 {
   public:
