@@ -1,8 +1,8 @@
 #pragma once
 
-// Register images of a Kelvane1u: risers 1, 3, 4, 5
-// fitted, cards in slots 1 and 4, OCP 0, riser 3 old, riser 4 with two cables
-// of which B is on PCIE6_CEMB instead of PCIE4_CEMB.
+// Register images of a Kelvane1u: risers 1, 3, 4, 5 fitted, cards in slots 1
+// and 4, OCP 0, riser 3 old, riser 4 with two cables of which B is on
+// PCIE6_CEMB instead of PCIE4_CEMB.
 
 #include "sandbox.hpp"
 
