@@ -58,7 +58,6 @@ const std::string& setUpSandbox()
         }
         std::filesystem::create_directories(pattern + "/var/configuration");
         std::filesystem::create_directories(pattern + "/dev");
-        setenv("HWTOPOD_ROOT", pattern.c_str(), 1);
         setenv("HWTOPOD_STATUS", "normal", 1);
         const std::string bus =
             "unix:path=" + pattern + "/no-system-bus-socket";

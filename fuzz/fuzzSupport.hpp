@@ -4,6 +4,7 @@
 // daemon reads or writes, no system bus, a journal that takes nothing, and
 // D-Bus values decoded from fuzzer bytes.
 
+#include "common/paths.hpp"
 #include "common/types.hpp"
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -14,10 +15,16 @@
 namespace hwtopod::fuzz
 {
 
-// Makes a private root directory (HWTOPOD_ROOT) with /var/configuration and
-// /dev, points the system bus at a socket that does not exist, and silences
-// standard output. Returns the root. Safe to call more than once.
+// Makes a private root directory with /var/configuration and /dev, points
+// the system bus at a socket that does not exist, and silences standard
+// output. Returns the root. Safe to call more than once.
 const std::string& setUpSandbox();
+
+// The daemon's root placed at the sandbox, set up first.
+inline Root sandboxRoot()
+{
+    return Root(setUpSandbox());
+}
 
 // Writes bytes to the file at the logical path below the sandbox root.
 void writeSandboxFile(const std::string& logicalPath, const std::string& text);

@@ -10,13 +10,13 @@ using hwtopod::fuzz::check;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
                                       std::size_t size)
 {
-    hwtopod::fuzz::setUpSandbox();
+    const hwtopod::Root root = hwtopod::fuzz::sandboxRoot();
     FuzzedDataProvider data(bytes, size);
     const std::string templateVersion = data.ConsumeRandomLengthString(8);
     hwtopod::fuzz::writeSandboxFile("/etc/os-release",
                                     data.ConsumeRemainingBytesAsString());
 
-    const std::string buildId = Platform::readBuildId();
+    const std::string buildId = Platform::readBuildId(root);
     check(buildId.find('\n') == std::string::npos);
 
     // The machine's template gives 00W for an even build, else 01W.

@@ -19,13 +19,14 @@ class PsuPlatform : public Platform::Kelvane1u
 {
   public:
     using Base::publishPsuConfigs;
+    using Kelvane1u::Kelvane1u;
 };
 
 PsuPlatform& platform()
 {
     static PsuPlatform* instance = []() {
-        hwtopod::fuzz::setUpSandbox();
-        return new PsuPlatform;
+        return new PsuPlatform(
+            Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()});
     }();
     return *instance;
 }

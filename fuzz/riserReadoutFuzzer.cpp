@@ -15,13 +15,15 @@ namespace
 constexpr std::uint32_t deviceIds[] = {0x00000000, 0x00000001, 0x00011408};
 
 class ReadoutPlatform : public Platform::Kelvane1u
-{};
+{
+  public:
+    using Kelvane1u::Kelvane1u;
+};
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
                                       std::size_t size)
 {
-    hwtopod::fuzz::setUpSandbox();
     // Byte 0: bit i says whether image i was read. Then the three images of
     // 1024 bytes each (a short input leaves the rest 0), then slot map words
     // of 8 bytes, little-endian.
@@ -41,7 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
         at += take;
     }
 
-    ReadoutPlatform platform;
+    ReadoutPlatform platform{
+        Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()}};
     platform.initPcieSlotMap();
     if (size - at >= sizeof(std::uint64_t))
     {

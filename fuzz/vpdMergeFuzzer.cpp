@@ -71,13 +71,14 @@ class MatchPlatform : public Platform::Kelvane1u
 {
   public:
     using Base::onVpdInterfacesAdded;
+    using Kelvane1u::Kelvane1u;
 };
 
 MatchPlatform& platform()
 {
     static MatchPlatform* instance = []() {
-        hwtopod::fuzz::setUpSandbox();
-        auto* p = new MatchPlatform;
+        auto* p = new MatchPlatform(
+            Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()});
         p->bpProbeStatic = false;
         p->vpdReadyPath = "/com/halvex/vpdd/DIMM_32";
         p->daisyCardFruName.clear();

@@ -1,22 +1,32 @@
 #include "paths.hpp"
 
 #include <cstdlib>
+#include <utility>
 
 namespace hwtopod
 {
 
-std::string rootPath(std::string_view absolutePath)
+Root::Root(std::string directory) : directory(std::move(directory))
+{
+    while (!this->directory.empty() && this->directory.back() == '/')
+    {
+        this->directory.pop_back();
+    }
+}
+
+Root Root::fromEnvironment()
 {
     const char* root = std::getenv("HWTOPOD_ROOT");
-    if (root == nullptr || *root == '\0')
+    return Root(root == nullptr ? std::string() : std::string(root));
+}
+
+std::string Root::path(std::string_view absolutePath) const
+{
+    if (directory.empty())
     {
         return std::string(absolutePath);
     }
-    std::string result(root);
-    while (!result.empty() && result.back() == '/')
-    {
-        result.pop_back();
-    }
+    std::string result = directory;
     if (!absolutePath.empty() && absolutePath.front() != '/')
     {
         result += '/';

@@ -6,10 +6,26 @@
 namespace hwtopod
 {
 
-// Every absolute path the daemon touches goes through here. With the
-// environment variable HWTOPOD_ROOT set, the path is placed below that
-// directory, so tests and the simulator run the real binary on a sandbox.
-std::string rootPath(std::string_view absolutePath);
+// Where the daemon's absolute paths are placed: the machine's own root, or a
+// directory that stands for it, the sandbox of a test or of the simulator.
+// Every absolute path the daemon touches goes through path().
+class Root
+{
+  public:
+    // The machine's own root: paths stay as they are.
+    Root() = default;
+    explicit Root(std::string directory);
+
+    // The root that the environment variable HWTOPOD_ROOT names; the
+    // machine's own when it is unset or empty.
+    static Root fromEnvironment();
+
+    std::string path(std::string_view absolutePath) const;
+
+  private:
+    // Without a trailing slash; empty for the machine's own root.
+    std::string directory;
+};
 
 // Where the machine's rule files, PSU configuration and event registry are
 // read from. A fixed place, not the build's prefix: meson install puts them
@@ -17,7 +33,7 @@ std::string rootPath(std::string_view absolutePath);
 inline constexpr std::string_view dataDirectory =
     "/usr/share/vantarack-bmc-apps/hwtopod/";
 
-// The absolute path of a file in dataDirectory, before rootPath.
+// The absolute path of a file in dataDirectory, before Root::path.
 inline std::string dataFile(std::string_view name)
 {
     std::string path(dataDirectory);

@@ -12,38 +12,64 @@ std::span<char> asChars(std::span<std::uint8_t> bytes)
     return {reinterpret_cast<char*>(bytes.data()), bytes.size()};
 }
 
+unsigned lengthOf(std::span<std::uint8_t> bytes)
+{
+    return static_cast<unsigned>(bytes.size());
+}
+
 constexpr auto readOp = halvex_fpga::Operation::read;
+
+class LibraryRegisters : public RegisterAccess
+{
+  public:
+    int readLocal(unsigned block, unsigned offset,
+                  std::span<std::uint8_t> buffer) override
+    {
+        return halvex_fpga::rawNormalAccess(readOp, block, offset,
+                                            lengthOf(buffer), asChars(buffer));
+    }
+
+    int readRemote(unsigned remote, unsigned block, unsigned offset,
+                   std::span<std::uint8_t> buffer) override
+    {
+        return halvex_fpga::rawRemoteNormalAccess(
+            remote, readOp, block, offset, lengthOf(buffer), asChars(buffer));
+    }
+
+    int readRemoteAdi(unsigned remote, unsigned adiBlock, unsigned adiOffset,
+                      unsigned block, unsigned offset,
+                      std::span<std::uint8_t> buffer) override
+    {
+        return halvex_fpga::rawRemoteAdiAccess(
+            remote, readOp, adiBlock, adiOffset, block, offset,
+            lengthOf(buffer), asChars(buffer));
+    }
+};
 } // namespace
 
-int readRegisterSpace(std::uint32_t id, std::span<std::uint8_t> regs)
+std::unique_ptr<RegisterAccess> libraryRegisters()
 {
-    const auto length = static_cast<unsigned>(regs.size());
+    return std::make_unique<LibraryRegisters>();
+}
+
+int readRegisterSpace(RegisterAccess& registers, std::uint32_t id,
+                      std::span<std::uint8_t> regs)
+{
     if (id == 0)
     {
-        return halvex_fpga::rawNormalAccess(readOp, 0, 0, length,
-                                            asChars(regs));
+        return registers.readLocal(0, 0, regs);
     }
     if (id <= 3)
     {
-        return halvex_fpga::rawRemoteNormalAccess(id - 1, readOp, 0, 0, length,
-                                                  asChars(regs));
+        return registers.readRemote(id - 1, 0, 0, regs);
     }
     const unsigned remotePlusOne = (id >> 16) & 0xFF;
     if (remotePlusOne == 0)
     {
         return -1;
     }
-    return halvex_fpga::rawRemoteAdiAccess(
-        remotePlusOne - 1, readOp, (id >> 8) & 0xFF, id & 0xFF, 0, 0, length,
-        asChars(regs));
-}
-
-int readRemoteRegisters(unsigned remote, unsigned block, unsigned offset,
-                        std::span<std::uint8_t> buffer)
-{
-    return halvex_fpga::rawRemoteNormalAccess(
-        remote, readOp, block, offset, static_cast<unsigned>(buffer.size()),
-        asChars(buffer));
+    return registers.readRemoteAdi(remotePlusOne - 1, (id >> 8) & 0xFF,
+                                   id & 0xFF, 0, 0, regs);
 }
 
 } // namespace hwtopod

@@ -86,22 +86,11 @@ class GpiodFaultLines : public FaultLineGpio
     gpiod::line_bulk changed;
 };
 
-std::unique_ptr<FaultLineGpio>& current()
-{
-    static std::unique_ptr<FaultLineGpio> gpio =
-        std::make_unique<GpiodFaultLines>();
-    return gpio;
-}
 } // namespace
 
-FaultLineGpio& faultLineGpio()
+std::unique_ptr<FaultLineGpio> libgpiodLines()
 {
-    return *current();
-}
-
-void setFaultLineGpio(std::unique_ptr<FaultLineGpio> gpio)
-{
-    current() = gpio ? std::move(gpio) : std::make_unique<GpiodFaultLines>();
+    return std::make_unique<GpiodFaultLines>();
 }
 
 } // namespace hwtopod

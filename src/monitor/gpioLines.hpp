@@ -61,11 +61,7 @@ class FaultLineGpio
     virtual std::vector<GpioEdgeEvent> readEvents(unsigned offset) = 0;
 };
 
-// The lines the monitor uses: libgpiod's unless replaced.
-FaultLineGpio& faultLineGpio();
-
-// Replaces the lines; null restores libgpiod. Meant to be called before the
-// monitor thread starts.
-void setFaultLineGpio(std::unique_ptr<FaultLineGpio> gpio);
+// The kernel's GPIO controllers, through libgpiod.
+std::unique_ptr<FaultLineGpio> libgpiodLines();
 
 } // namespace hwtopod

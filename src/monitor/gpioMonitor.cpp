@@ -114,11 +114,10 @@ void handleEvent(const std::vector<FpgaGpioEntry>& rows,
 }
 } // namespace
 
-void monitorFaultLines(const std::vector<FpgaGpioEntry>& rows,
+void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
+                       const std::vector<FpgaGpioEntry>& rows,
                        const FaultLineReports& reports)
 {
-    FaultLineGpio& gpio = faultLineGpio();
-
     std::string chipName;
     for (int attempt = discoveryAttempts; attempt > 0 && chipName.empty();)
     {
@@ -134,7 +133,7 @@ void monitorFaultLines(const std::vector<FpgaGpioEntry>& rows,
         }
         if (chipName.empty())
         {
-            sleepSeconds(discoveryRetrySeconds);
+            sleep(std::chrono::seconds(discoveryRetrySeconds));
             --attempt;
         }
     }

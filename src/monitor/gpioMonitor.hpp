@@ -3,7 +3,9 @@
 // The fault line monitor: finds the FPGA's GPIO controller, watches the
 // monitored lines of the fault line table for edges and reports each edge.
 
+#include "common/sleep.hpp"
 #include "faultTable.hpp"
+#include "gpioLines.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -24,10 +26,12 @@ struct FaultLineReports
     std::function<void(const std::string& chipName)> controllerReady;
 };
 
-// Body of the monitor thread, over the lines of faultLineGpio(). Returns
+// Body of the monitor thread, over the lines of gpio; waits between
+// discovery attempts go through sleep. Returns
 // only when it gives up: after the last failed discovery attempt or on an
 // error while watching. Throws nothing of the standard exception family.
-void monitorFaultLines(const std::vector<FpgaGpioEntry>& rows,
+void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
+                       const std::vector<FpgaGpioEntry>& rows,
                        const FaultLineReports& reports);
 
 } // namespace hwtopod

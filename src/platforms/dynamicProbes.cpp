@@ -434,7 +434,7 @@ void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
         // BUS is read only when a link is made: a riser without slots to
         // link still reaches its connector steps.
         hwtopod::createI2cLink(
-            DeviceType::PcieCard, static_cast<unsigned>(slot),
+            seams.root, DeviceType::PcieCard, static_cast<unsigned>(slot),
             numberAs<unsigned>(riser.at("BUS")) + 1 + static_cast<unsigned>(i));
         vpdRiserSlots.set(slot - 1);
         if (slot > riserTopology.size())

@@ -95,7 +95,7 @@ void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows)
     reports.controllerReady = [this](const std::string& chipName) {
         gpioChipName = chipName;
     };
-    hwtopod::monitorFaultLines(rows, reports);
+    hwtopod::monitorFaultLines(*seams.gpio, seams.sleep, rows, reports);
 }
 
 void Base::setDevicePresence()
@@ -144,7 +144,7 @@ void Base::remedyChassisCloseEvent()
         }
     }
 
-    const std::string directory = hwtopod::rootPath(chassisHwmonDir);
+    const std::string directory = rootPath(chassisHwmonDir);
     const std::string entry = chassisHwmonEntry(directory);
     if (entry.empty())
     {
@@ -164,7 +164,7 @@ void Base::remedyChassisCloseEvent()
     if (state == '1')
     {
         logWarning() << "debug remedyChassisCloseEvent sleep for 90s";
-        hwtopod::sleepSeconds(chassisCloseDelaySeconds);
+        sleepSeconds(chassisCloseDelaySeconds);
         hwtopod::sendChassisClosedEvent(getProductName());
     }
     chassisCloseRemedied = true;

@@ -41,10 +41,10 @@ std::string deviceId(std::uint32_t id)
     return text.data();
 }
 
-bool nodeExists(std::string_view path)
+bool nodeExists(const hwtopod::Root& root, std::string_view path)
 {
     std::error_code error;
-    return std::filesystem::exists(hwtopod::rootPath(path), error);
+    return std::filesystem::exists(root.path(path), error);
 }
 
 const char* chars(const std::uint8_t* bytes)
@@ -65,7 +65,7 @@ void Highvol::waitForFpga()
             const auto& path = nodes[row].path;
             for (int test = 0; test < 5; ++test)
             {
-                if (nodeExists(path))
+                if (nodeExists(seams.root, path))
                 {
                     logInfo() << "[INIT] FIND THE FPGA DEV, PATH = " << path;
                     if (row + 1 == nodes.size())
@@ -76,14 +76,14 @@ void Highvol::waitForFpga()
                     break;
                 }
                 logInfo() << "[INIT] CANNOT FIND THE FPGA DEV, PATH = " << path;
-                hwtopod::sleepSeconds(5);
+                sleepSeconds(5);
             }
         }
         if (found)
         {
             return;
         }
-        hwtopod::sleepSeconds(10);
+        sleepSeconds(10);
     }
 }
 
@@ -99,8 +99,8 @@ void Highvol::fpgaDump()
             logInfo() << "Dumpping FPGA registors,ID:" << deviceId(node.id);
             for (int attempt = 0; attempt < 10; ++attempt)
             {
-                const int result =
-                    hwtopod::readRegisterSpace(node.id, image.regs);
+                const int result = hwtopod::readRegisterSpace(
+                    *seams.registers, node.id, image.regs);
                 if (result == 0)
                 {
                     image.valid = true;
@@ -108,9 +108,9 @@ void Highvol::fpgaDump()
                 }
                 logInfo() << "Failed to read FPGA: " << deviceId(node.id)
                           << " error " << result;
-                hwtopod::sleepSeconds(1);
+                sleepSeconds(1);
             }
-            hwtopod::sleepSeconds(1);
+            sleepSeconds(1);
         }
         fpgaBlock0 = images.at(localDevice).regs.data();
         fpgaBlock1 = images.at(remoteDevice).regs.data();
@@ -241,7 +241,7 @@ void Highvol::refreshFpgaBlock12()
     }
     // The result is not looked at: a failed read leaves the block as it was
     // or partly written, and nothing reads the refreshed bytes at present.
-    hwtopod::readRemoteRegisters(
+    seams.registers->readRemote(
         0, 12, 0, std::span<std::uint8_t>(fpgaBlock1 + at(12, 0), 16));
 }
 

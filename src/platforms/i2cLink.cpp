@@ -27,7 +27,8 @@ bool climbsUp(const std::filesystem::path& relative)
 }
 } // namespace
 
-bool createI2cLink(DeviceType type, unsigned index, unsigned bus)
+bool createI2cLink(const Root& root, DeviceType type, unsigned index,
+                   unsigned bus)
 {
     std::string linkName;
     switch (type)
@@ -49,7 +50,7 @@ bool createI2cLink(DeviceType type, unsigned index, unsigned bus)
     const std::string source =
         "/sys/bus/i2c/devices/i2c-" + std::to_string(bus);
     std::error_code error;
-    if (!std::filesystem::exists(rootPath(source), error))
+    if (!std::filesystem::exists(root.path(source), error))
     {
         logError() << "[ERR] CANNOT FIND THE PATH : " << source;
         return false;
@@ -58,7 +59,7 @@ bool createI2cLink(DeviceType type, unsigned index, unsigned bus)
     // In sysfs the bus entry is a relative link such as
     // "../../../devices/platform/x/i2c-7"; its leading "../" parts are
     // dropped and the rest is taken below /sys.
-    std::string relative = std::filesystem::read_symlink(rootPath(source));
+    std::string relative = std::filesystem::read_symlink(root.path(source));
     while (relative.find("../") != std::string::npos)
     {
         relative.erase(0, 3);
@@ -70,11 +71,11 @@ bool createI2cLink(DeviceType type, unsigned index, unsigned bus)
         return false;
     }
     // The link's target is an absolute path, and it is placed below
-    // HWTOPOD_ROOT like every other path, so that in a sandbox the link
+    // the root like every other path, so that in a sandbox the link
     // resolves to the sandbox's /sys and not to the host's.
-    const std::string target = rootPath("/sys/" + relative);
+    const std::string target = root.path("/sys/" + relative);
 
-    const std::string link = rootPath(linkName);
+    const std::string link = root.path(linkName);
     // exists() follows the link: a link whose target has gone counts as not
     // there, is left, and makes the creation below fail.
     if (std::filesystem::exists(link))

@@ -145,7 +145,7 @@ void Base::publishRecord(
         }
         interface->initialize(std::move(values));
     }
-    hwtopod::rules::saveFoundHardware(document, file, saveMessage);
+    hwtopod::rules::saveFoundHardware(seams.root, document, file, saveMessage);
 }
 
 } // namespace Platform

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <tuple>
+#include <utility>
 
 namespace Platform
 {
@@ -78,7 +79,9 @@ static_assert(riserPositionsInTopology());
 constexpr std::size_t remoteSkuByte = 12 * 16 + 9;
 } // namespace
 
-Kelvane1u::Kelvane1u(const MachineDefinition& machine) : Highvol(machine) {}
+Kelvane1u::Kelvane1u(Seams seams, const MachineDefinition& machine) :
+    Highvol(std::move(seams), machine)
+{}
 
 void Kelvane1u::initPcieSlotMap()
 {

@@ -35,7 +35,8 @@ inline constexpr MachineDefinition kelvane1uDefinition{
 class Kelvane1u : public Highvol
 {
   public:
-    explicit Kelvane1u(const MachineDefinition& machine = kelvane1uDefinition);
+    explicit Kelvane1u(Seams seams,
+                       const MachineDefinition& machine = kelvane1uDefinition);
     ~Kelvane1u() override = default;
 
     Kelvane1u(const Kelvane1u&) = delete;

@@ -41,7 +41,8 @@ std::optional<std::uint32_t> leadingNumber(const char* text)
 }
 } // namespace
 
-Base::Base(const MachineDefinition& machine) :
+Base::Base(Seams seams, const MachineDefinition& machine) :
+    seams(std::move(seams)),
     discoveryWorker(std::make_unique<hwtopod::Worker>()), definition(machine)
 {
     if (const char* revision = std::getenv("HW_REV_BASE"))

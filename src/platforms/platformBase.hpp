@@ -11,6 +11,7 @@
 #include "monitor/faultTable.hpp"
 #include "rules/matcher.hpp"
 #include "rules/vpdValue.hpp"
+#include "seams.hpp"
 
 #include <boost/asio/io_context.hpp>
 #include <nlohmann/json.hpp>
@@ -62,13 +63,26 @@ using hwtopod::VpdProperties;
 class Base
 {
   public:
-    explicit Base(const MachineDefinition& machine = MachineDefinition{});
+    explicit Base(Seams seams,
+                  const MachineDefinition& machine = MachineDefinition{});
     virtual ~Base();
 
     Base(const Base&) = delete;
     Base& operator=(const Base&) = delete;
     Base(Base&&) = delete;
     Base& operator=(Base&&) = delete;
+
+    // What the machine is reached through; fixed for the object's life.
+    const Seams seams;
+    // The absolute path placed below the root.
+    std::string rootPath(std::string_view absolutePath) const
+    {
+        return seams.root.path(absolutePath);
+    }
+    void sleepSeconds(unsigned seconds) const
+    {
+        seams.sleep(std::chrono::seconds(seconds));
+    }
 
     // Virtual operations, in their order.
     virtual void getHardwareRevision();
@@ -249,13 +263,13 @@ class Base
     static void publishStep(const std::string& vpdPath,
                             const std::function<void()>& step);
 
-    static void linkRiserSlots(const nlohmann::json& record);
+    void linkRiserSlots(const nlohmann::json& record) const;
     static void sendRiserPresence(const nlohmann::json& record);
 
     // The I2C link of a backplane record, or the warning that it lacks the
     // keys for one.
-    static void linkBackplane(const nlohmann::json& record);
-    static void linkMidplane(const nlohmann::json& record);
+    void linkBackplane(const nlohmann::json& record) const;
+    void linkMidplane(const nlohmann::json& record) const;
 
     // The end of every probe that accepts a board: the record joins its
     // found-hardware document, its keys become the interface's properties,

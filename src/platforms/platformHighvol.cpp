@@ -1,9 +1,12 @@
 #include "platformHighvol.hpp"
 
+#include <utility>
+
 namespace Platform
 {
 
-Highvol::Highvol(const MachineDefinition& machine) : Base(machine)
+Highvol::Highvol(Seams seams, const MachineDefinition& machine) :
+    Base(std::move(seams), machine)
 {
     gpioChipName = "gpiochip6";
     skuNames["Front"] = "NONE";

@@ -25,7 +25,8 @@ inline constexpr MachineDefinition highvolDefinition{
 class Highvol : public Base
 {
   public:
-    explicit Highvol(const MachineDefinition& machine = highvolDefinition);
+    explicit Highvol(Seams seams,
+                     const MachineDefinition& machine = highvolDefinition);
     ~Highvol() override;
 
     Highvol(const Highvol&) = delete;

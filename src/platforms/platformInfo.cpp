@@ -44,9 +44,9 @@ constexpr auto psuOptionalKeys = std::to_array<std::pair<const char*, PsuKey>>({
 
 } // namespace
 
-std::string readBuildId()
+std::string readBuildId(const hwtopod::Root& root)
 {
-    std::ifstream file(hwtopod::rootPath("/etc/os-release"));
+    std::ifstream file(root.path("/etc/os-release"));
     std::string line;
     const std::string key = "HALVEX_BUILDID=";
     while (file && std::getline(file, line))
@@ -248,7 +248,7 @@ void Base::publishSoftwareConfig()
         logWarning() << "Failed to add interface";
         return;
     }
-    const std::string buildId = readBuildId();
+    const std::string buildId = readBuildId(seams.root);
     const std::string version =
         miniVersionFor(std::string(definition.miniVersion), buildId);
     logInfo() << "BMC version " << buildId;
@@ -311,7 +311,7 @@ void Base::publishPsuConfigs()
     std::error_code ec;
     const std::string psuConfigFiles =
         MachineDefinition::dataPath(definition.psuConfigFiles);
-    const std::string file = hwtopod::rootPath(psuConfigFiles);
+    const std::string file = rootPath(psuConfigFiles);
     if (psuConfigFiles.empty() ||
         !std::filesystem::exists(std::filesystem::status(file, ec)))
     {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/paths.hpp"
 #include "dbus/bus.hpp"
 
 #include <nlohmann/json.hpp>
@@ -11,8 +12,9 @@
 namespace Platform
 {
 
-// The firmware build identifier of /etc/os-release, or the default one.
-std::string readBuildId();
+// The firmware build identifier of /etc/os-release below root, or the
+// default one.
+std::string readBuildId(const hwtopod::Root& root);
 
 // MiniVersion: the template's two-digit number made even or odd with the
 // build, followed by the template's letter.

@@ -150,11 +150,11 @@ void Base::publishStep(const std::string& vpdPath,
     }
 }
 
-void Base::linkBackplane(const nlohmann::json& record)
+void Base::linkBackplane(const nlohmann::json& record) const
 {
     if (record.contains("BackplaneId") && record.contains("BusNumber"))
     {
-        hwtopod::createI2cLink(hwtopod::DeviceType::Backplane,
+        hwtopod::createI2cLink(seams.root, hwtopod::DeviceType::Backplane,
                                numberAs<unsigned>(record.at("BackplaneId")),
                                numberAs<unsigned>(record.at("BusNumber")));
     }
@@ -213,7 +213,7 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
 
 // The I2C links of a riser's PCIe slots: consecutive buses from BUS and
 // BusOffset, a position without a slot using one up.
-void Base::linkRiserSlots(const nlohmann::json& record)
+void Base::linkRiserSlots(const nlohmann::json& record) const
 {
     if (record.contains("PCIeSlot") && record.contains("BUS"))
     {
@@ -231,7 +231,8 @@ void Base::linkRiserSlots(const nlohmann::json& record)
                 const auto slot = rules::numberIf<unsigned>(slots[i]);
                 if (slot && *slot > 0)
                 {
-                    hwtopod::createI2cLink(hwtopod::DeviceType::PcieCard, *slot,
+                    hwtopod::createI2cLink(seams.root,
+                                           hwtopod::DeviceType::PcieCard, *slot,
                                            first + static_cast<unsigned>(i));
                 }
             }
@@ -291,11 +292,11 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
 }
 
 // The I2C link of a midplane record, or the warning that it has no bus.
-void Base::linkMidplane(const nlohmann::json& record)
+void Base::linkMidplane(const nlohmann::json& record) const
 {
     if (record.contains("Bus"))
     {
-        hwtopod::createI2cLink(hwtopod::DeviceType::Midplane,
+        hwtopod::createI2cLink(seams.root, hwtopod::DeviceType::Midplane,
                                numberAs<unsigned>(record.at("Index")),
                                numberAs<unsigned>(record.at("Bus")));
     }

@@ -59,7 +59,7 @@ void hardwareThread(std::shared_ptr<Kelvane1u> platform)
             platform->refreshFpgaBlock12();
             platform->applyPlatformCoolingSettings();
         });
-        hwtopod::sleepSeconds(10);
+        platform->sleepSeconds(10);
     }
 }
 
@@ -84,7 +84,7 @@ void serviceThread(std::shared_ptr<Kelvane1u> platform)
             platform->setDevicePresence();
             platform->remedyChassisCloseEvent();
         });
-        hwtopod::sleepSeconds(10);
+        platform->sleepSeconds(10);
     }
 }
 

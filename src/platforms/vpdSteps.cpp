@@ -227,8 +227,8 @@ void checkDaisyCard(const Base& platform, const std::string& path)
 int Base::loadTrd()
 {
     bpTrdRulesFile = hwtopod::dataFile("kelvane80_1u_pass1_trd.json");
-    bpTrdRules =
-        rules::loadRuleFile("bpTrdRules", bpTrdRulesFile, rules::TopLevel::any);
+    bpTrdRules = rules::loadRuleFile(seams.root, "bpTrdRules", bpTrdRulesFile,
+                                     rules::TopLevel::any);
     if (bpTrdRules)
     {
         try
@@ -260,8 +260,9 @@ int Base::loadTrd()
 
     // The three rule files are arrays of rules; one of another kind loads,
     // and the probes find no rule with a POSID in it.
-    auto load = [](std::string_view name, std::string_view file) {
-        return rules::loadRuleFile(name, MachineDefinition::dataPath(file),
+    auto load = [this](std::string_view name, std::string_view file) {
+        return rules::loadRuleFile(seams.root, name,
+                                   MachineDefinition::dataPath(file),
                                    rules::TopLevel::any);
     };
     backplanesData = load("backplanesFile", definition.backplanesFile);
@@ -355,7 +356,7 @@ void Base::waitForVpd()
     while (hwtopod::dbus::getDbusInterfaces(vpdService, vpdReadyPath).empty())
     {
         logInfo() << "VPDD is not ready, delay 5 seconds";
-        hwtopod::sleepSeconds(5);
+        sleepSeconds(5);
     }
 
     // Emptied before the call: a signal the worker merges after this is

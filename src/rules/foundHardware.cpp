@@ -70,7 +70,7 @@ std::string foundHardwareText(const nlohmann::json& document)
                          nlohmann::json::error_handler_t::replace);
 }
 
-bool saveFoundHardware(const nlohmann::json& document,
+bool saveFoundHardware(const Root& root, const nlohmann::json& document,
                        const std::string& logicalPath,
                        std::string_view startMessage)
 {
@@ -78,7 +78,7 @@ bool saveFoundHardware(const nlohmann::json& document,
     {
         logInfo() << startMessage;
     }
-    const std::filesystem::path target = rootPath(logicalPath);
+    const std::filesystem::path target = root.path(logicalPath);
     // A name of our own in the target's directory: rename() then replaces
     // the file in one step, and two writers never share a temporary file.
     std::filesystem::path temporary = target;

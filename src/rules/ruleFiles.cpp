@@ -10,21 +10,22 @@
 namespace hwtopod::rules
 {
 
-bool ruleFileMissing(const std::string& logicalPath)
+bool ruleFileMissing(const Root& root, const std::string& logicalPath)
 {
-    // An empty path would name HWTOPOD_ROOT itself once placed below it.
+    // An empty path would name the root itself once placed below it.
     if (logicalPath.empty())
     {
         return true;
     }
     std::error_code error;
-    auto status = std::filesystem::status(rootPath(logicalPath), error);
+    auto status = std::filesystem::status(root.path(logicalPath), error);
     return error || status.type() == std::filesystem::file_type::not_found;
 }
 
-nlohmann::json parseRuleFile(const std::string& logicalPath, TopLevel expected)
+nlohmann::json parseRuleFile(const Root& root, const std::string& logicalPath,
+                             TopLevel expected)
 {
-    std::ifstream stream(rootPath(logicalPath));
+    std::ifstream stream(root.path(logicalPath));
     if (!stream.is_open())
     {
         throw std::runtime_error("cannot open " + logicalPath);
@@ -44,9 +45,10 @@ nlohmann::json parseRuleFile(const std::string& logicalPath, TopLevel expected)
 }
 
 std::shared_ptr<nlohmann::json> loadRuleFile(
-    std::string_view name, const std::string& logicalPath, TopLevel expected)
+    const Root& root, std::string_view name, const std::string& logicalPath,
+    TopLevel expected)
 {
-    if (ruleFileMissing(logicalPath))
+    if (ruleFileMissing(root, logicalPath))
     {
         logWarning() << "[STATE0] CANNOT FIND THE JSON " << name
                      << ", PATH = " << logicalPath;
@@ -55,7 +57,7 @@ std::shared_ptr<nlohmann::json> loadRuleFile(
     try
     {
         return std::make_shared<nlohmann::json>(
-            parseRuleFile(logicalPath, expected));
+            parseRuleFile(root, logicalPath, expected));
     }
     catch (const std::exception& e)
     {

@@ -4,6 +4,7 @@
 // record from a rule's template, a topology entry's Properties and a VPD
 // object, and writing a found-hardware document.
 
+#include "common/paths.hpp"
 #include "common/types.hpp"
 #include "rules/matcher.hpp"
 #include "rules/vpdValue.hpp"
@@ -31,13 +32,14 @@ enum class TopLevel
 // True when the file at the logical path cannot be found: its status is
 // not-found or cannot be had. An empty path is always missing. Directories
 // and other file types count as present (and then fail to parse).
-bool ruleFileMissing(const std::string& logicalPath);
+bool ruleFileMissing(const Root& root, const std::string& logicalPath);
 
-// Parses the JSON file at the logical path (placed below HWTOPOD_ROOT).
+// Parses the JSON file at the logical path, placed below root.
 // Throws std::runtime_error when it cannot be opened or read,
 // nlohmann::json::parse_error when it is no JSON, std::runtime_error when
 // its top level is not of the expected kind.
-nlohmann::json parseRuleFile(const std::string& logicalPath, TopLevel expected);
+nlohmann::json parseRuleFile(const Root& root, const std::string& logicalPath,
+                             TopLevel expected);
 
 // One stage of loading the rule files, with its messages:
 //  - missing file: WARNING "[STATE0] CANNOT FIND THE JSON <name>, PATH = "
@@ -46,7 +48,8 @@ nlohmann::json parseRuleFile(const std::string& logicalPath, TopLevel expected);
 //    CRITICAL "Exception in loadTrd : <name> " and the exception's text.
 // Returns the parsed document, or null when there is none. Never throws.
 std::shared_ptr<nlohmann::json> loadRuleFile(
-    std::string_view name, const std::string& logicalPath, TopLevel expected);
+    const Root& root, std::string_view name, const std::string& logicalPath,
+    TopLevel expected);
 
 // ---- Record composition --------------------------------------------------
 
@@ -128,12 +131,12 @@ void appendFound(nlohmann::json& document, const std::string& key,
 std::string foundHardwareText(const nlohmann::json& document);
 
 // Logs INFO startMessage (when not empty), then writes the document to the
-// logical path (placed below HWTOPOD_ROOT) through a temporary file in the
+// logical path (placed below root) through a temporary file in the
 // same directory and a rename, so that a reader sees the old file or the new
 // one, never half of one. On failure logs WARNING
 // "hwtopod cannot write data at " and the logical path, and returns false;
 // the document is not touched either way. Never throws.
-bool saveFoundHardware(const nlohmann::json& document,
+bool saveFoundHardware(const Root& root, const nlohmann::json& document,
                        const std::string& logicalPath,
                        std::string_view startMessage);
 

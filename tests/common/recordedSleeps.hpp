@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <utility>
 #include <vector>
 
 namespace hwtopod::test
@@ -16,9 +17,14 @@ namespace hwtopod::test
 class RecordedSleeps
 {
   public:
-    explicit RecordedSleeps(std::function<void(std::size_t)> after = {})
+    explicit RecordedSleeps(std::function<void(std::size_t)> after = {}) :
+        after(std::move(after))
+    {}
+
+    // The sleep seam that records here, for as long as this object lives.
+    SleepFunction function()
     {
-        setSleepFunction([this, after](std::chrono::milliseconds duration) {
+        return [this](std::chrono::milliseconds duration) {
             taken.push_back(static_cast<unsigned>(
                 std::chrono::duration_cast<std::chrono::seconds>(duration)
                     .count()));
@@ -26,13 +32,11 @@ class RecordedSleeps
             {
                 after(taken.size());
             }
-        });
+        };
     }
-    ~RecordedSleeps()
-    {
-        setSleepFunction({});
-    }
+
     std::vector<unsigned> taken;
+    std::function<void(std::size_t)> after;
 };
 
 } // namespace hwtopod::test

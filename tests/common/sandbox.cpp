@@ -26,16 +26,6 @@ TempDir::~TempDir()
     std::filesystem::remove_all(root, ec);
 }
 
-SandboxRoot::SandboxRoot()
-{
-    setenv("HWTOPOD_ROOT", path().c_str(), 1);
-}
-
-SandboxRoot::~SandboxRoot()
-{
-    unsetenv("HWTOPOD_ROOT");
-}
-
 std::filesystem::path TempDir::operator/(const std::string& relative) const
 {
     std::string trimmed = relative;

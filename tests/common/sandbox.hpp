@@ -29,14 +29,6 @@ class TempDir
     std::filesystem::path root;
 };
 
-// A temporary directory that HWTOPOD_ROOT names while it lives.
-class SandboxRoot : public TempDir
-{
-  public:
-    SandboxRoot();
-    ~SandboxRoot();
-};
-
 // Writes text to a file, making its directories.
 void writeFile(const std::filesystem::path& file, const std::string& text);
 std::string readFile(const std::filesystem::path& file);

@@ -90,7 +90,7 @@ class DiscoveryFixture : public testing::Test
     }
 
     PrivateBus bus;
-    SandboxRoot root;
+    TempDir root;
     std::unique_ptr<JournalReader> journal;
 };
 

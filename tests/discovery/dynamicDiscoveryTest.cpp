@@ -84,7 +84,8 @@ class DynamicDiscovery : public DiscoveryFixture
         writeRule("bhs_risers.json", riserRules);
         makeI2cBus(30);
         CaptureStderr();
-        platform = std::make_unique<Platform::Kelvane1u>();
+        platform = std::make_unique<Platform::Kelvane1u>(
+            Platform::Seams{.root = hwtopod::Root(root.path())});
         platform->serviceInit();
         platform->serviceRun();
         platform->platformInfoInit();

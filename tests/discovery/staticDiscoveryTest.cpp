@@ -85,7 +85,8 @@ class StaticDiscovery : public DiscoveryFixture
             machine.powerBackplanesFiles = powerFile;
             machine.midplaneProbeEnabled = true;
         }
-        auto platform = std::make_unique<Platform::Base>(machine);
+        auto platform = std::make_unique<Platform::Base>(
+            Platform::Seams{.root = hwtopod::Root(root.path())}, machine);
         platform->serviceInit();
         platform->loadTrd();
         platform->serviceRun();

@@ -1,12 +1,13 @@
 #pragma once
 
-// Register images of a Kelvane1u for the library stand-in: risers 1, 3, 4, 5
-// fitted, cards in slots 1 and 4, OCP 0, riser 3 old, riser 4 with two cables
-// of which B is on PCIE6_CEMB instead of PCIE4_CEMB.
+// Register images of a Kelvane1u: risers 1, 3, 4, 5 fitted, cards in slots 1
+// and 4, OCP 0, riser 3 old, riser 4 with two cables of which B is on
+// PCIE6_CEMB instead of PCIE4_CEMB.
 
 #include "sandbox.hpp"
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 namespace hwtopod::test
@@ -14,38 +15,39 @@ namespace hwtopod::test
 
 struct MachineImages
 {
-    std::string local = std::string(1024, '\0');
-    std::string remote = std::string(1024, '\0');
-    std::string adi = std::string(1024, '\0');
+    // The register spaces by FPGA device id: local, remote 0, its ADI space.
+    static constexpr std::uint32_t adiId = 0x00011408;
+    std::map<std::uint32_t, std::string> spaces = {
+        {0, std::string(1024, '\0')},
+        {1, std::string(1024, '\0')},
+        {adiId, std::string(1024, '\0')}};
 
     void set(unsigned block, unsigned offset, std::uint8_t value)
     {
-        remote[block * 16 + offset] = static_cast<char>(value);
+        spaces[1][block * 16 + offset] = static_cast<char>(value);
     }
     // One entry of the ADI riser topology map.
     void topology(unsigned position, std::uint8_t aExp, std::uint8_t bExp,
                   std::uint8_t aAct, std::uint8_t bAct, std::uint8_t status)
     {
-        adi.replace((position - 1) * 4, 4,
-                    {static_cast<char>(aExp), static_cast<char>(bExp),
-                     static_cast<char>((bAct << 4) | aAct),
-                     static_cast<char>(status)});
+        spaces[adiId].replace(
+            (position - 1) * 4, 4,
+            {static_cast<char>(aExp), static_cast<char>(bExp),
+             static_cast<char>((bAct << 4) | aAct), static_cast<char>(status)});
     }
-    void write(const TempDir& dir, bool withAdi = true) const
+    // The files of the library stand-in.
+    void write(const TempDir& dir) const
     {
-        writeFile(dir / "local.img", local);
-        writeFile(dir / "remote0.img", remote);
-        if (withAdi)
-        {
-            writeFile(dir / "remote0-adi-20-8.img", adi);
-        }
+        writeFile(dir / "local.img", spaces.at(0));
+        writeFile(dir / "remote0.img", spaces.at(1));
+        writeFile(dir / "remote0-adi-20-8.img", spaces.at(adiId));
     }
 };
 
 inline MachineImages kelvaneImages()
 {
     MachineImages m;
-    m.local[22 * 16 + 10] = 0x02;
+    m.spaces[0][22 * 16 + 10] = 0x02;
     m.set(20, 1, 0x1F);  // riser presence, positions 1 to 5
     m.set(20, 4, 0x08);  // pairing: position 4
     m.set(20, 8, 0xA5);  // not part of the pairing bits

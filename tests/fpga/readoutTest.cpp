@@ -1,16 +1,16 @@
 // FPGA wait, register dump, device table scan, riser read-out, presence
-// analysis and fan types of the platform object, on register images served
-// by the library stand-in; events are read back from the journal.
+// analysis and fan types of the platform object, on register images in
+// memory; events are read back from the journal.
 
 #include "fpga/fpgaImages.hpp"
 #include "journal.hpp"
 #include "machineImages.hpp"
+#include "memoryRegisters.hpp"
 #include "platforms/kelvane1u.hpp"
 #include "recordedSleeps.hpp"
+#include "sandbox.hpp"
 
 #include <unistd.h>
-
-#include <cstdlib>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,13 +26,8 @@ class ReadOut : public testing::Test
   protected:
     ReadOut()
     {
-        setenv("HALVEX_FPGA_IMAGES", images.path().c_str(), 1);
         fpgaImages().clear();
         platform.initPcieSlotMap();
-    }
-    ~ReadOut() override
-    {
-        unsetenv("HALVEX_FPGA_IMAGES");
     }
 
     // The hardware thread's read-out steps; their log.
@@ -46,8 +41,9 @@ class ReadOut : public testing::Test
         return testing::internal::GetCapturedStderr();
     }
 
-    test::SandboxRoot root;
-    test::TempDir images;
+    test::TempDir root;
+    std::shared_ptr<MemoryRegisters> registers =
+        std::make_shared<MemoryRegisters>();
     // Waits take no time; a limit stops an endless one.
     std::size_t sleepLimit = 100;
     test::RecordedSleeps sleeps{[this](std::size_t count) {
@@ -56,7 +52,9 @@ class ReadOut : public testing::Test
             throw std::runtime_error("sleep limit");
         }
     }};
-    Platform::Kelvane1u platform;
+    Platform::Kelvane1u platform{{.registers = registers,
+                                  .sleep = sleeps.function(),
+                                  .root = Root(root.path())}};
 };
 } // namespace
 
@@ -102,7 +100,7 @@ TEST_F(ReadOut, NamedBitsDeviceStatesAndFanTypes)
     EXPECT_THROW(readFpgaDeviceBit(1, 0, 0, 0, &value), std::out_of_range);
     EXPECT_THROW(platform.getFpgaFanInfo(), std::out_of_range);
     // Remote FPGA unreadable: each row's state is its inverted value.
-    test::writeFile(images / "local.img", std::string(1024, '\xFF'));
+    registers->spaces[0] = std::string(1024, '\xFF');
     auto log = readOut();
     EXPECT_THAT(log, HasSubstr("[WARNING] Error: Remote FPGA not ready\n"));
     EXPECT_THAT(log, HasSubstr("[INFO] 1. hwDeviceDiscovery: device CPU_2 is "
@@ -146,8 +144,9 @@ TEST_F(ReadOut, NamedBitsDeviceStatesAndFanTypes)
 
 TEST_F(ReadOut, StatusOnlyRoadAfterDumpRetries)
 {
-    test::kelvaneImages().write(images, false);
-    test::writeFile(images / "local.img.fail", "1");
+    registers->spaces = test::kelvaneImages().spaces;
+    registers->spaces.erase(test::MachineImages::adiId);
+    registers->failing[0] = 1;
     test::JournalReader journal;
     const auto log = readOut();
 
@@ -194,7 +193,7 @@ TEST_F(ReadOut, AdiRoadCableCageAndOcpJudgements)
     machine.topology(4, 3, 4, 0, 5, 0x44);
     machine.topology(5, 9, 0, 0, 0, 0x5A); // its one cable loose
     machine.set(12, 6, 0x09);              // the x8 front OCP has the OCP_0 bit
-    machine.write(images);
+    registers->spaces = machine.spaces;
     test::JournalReader journal;
     const auto log = readOut();
 

@@ -51,27 +51,21 @@ GpioEdgeEvent edge(int type, const std::string& line)
 }
 
 // A scripted controller with every table line on "gpiochip1", in place of
-// libgpiod for one test.
+// libgpiod, and waits recorded.
 class MonitorTest : public ::testing::Test
 {
   protected:
     MonitorTest()
     {
-        auto owned = std::make_unique<ScriptedLines>();
-        gpio = owned.get();
         for (unsigned i = 0; i < fpgaGpioTable().size(); ++i)
         {
             gpio->lines[fpgaGpioTable()[i].lineName] = {"gpiochip1", i};
         }
-        setFaultLineGpio(std::move(owned));
-    }
-    ~MonitorTest() override
-    {
-        setFaultLineGpio(nullptr);
     }
 
-    ScriptedLines* gpio = nullptr;
-    Platform::Kelvane1u platform;
+    std::shared_ptr<ScriptedLines> gpio = std::make_shared<ScriptedLines>();
+    RecordedSleeps sleeps;
+    Platform::Kelvane1u platform{{.gpio = gpio, .sleep = sleeps.function()}};
 };
 
 TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
@@ -110,9 +104,7 @@ TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)
     {
         // The controller shows up during the second wait.
         gpio->available = false;
-        RecordedSleeps sleeps([this](std::size_t n) {
-            gpio->available = n == 2;
-        });
+        sleeps.after = [this](std::size_t n) { gpio->available = n == 2; };
         CaptureStderr();
         // Unmonitored rows handed in are not requested either.
         platform.gpioMonitor(fpgaGpioTable());
@@ -127,9 +119,8 @@ TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)
     {
         // A controller that can't be opened, then none at all.
         gpio->openError = "no such controller";
-        RecordedSleeps sleeps([this](std::size_t n) {
-            gpio->available = n < 2;
-        });
+        sleeps.taken.clear();
+        sleeps.after = [this](std::size_t n) { gpio->available = n < 2; };
         CaptureStderr();
         platform.gpioMonitor(fpgaGpioTable());
         const std::string log = GetCapturedStderr();
@@ -213,7 +204,7 @@ void quietImages()
 
 TEST(PowerFaultDetect, ReportsActiveMonitoredBitsOfValidImages)
 {
-    Platform::Kelvane1u platform;
+    Platform::Kelvane1u platform{Platform::Seams{}};
     {
         // Standby low, P12V_MEM of CPU 1 and the unmonitored VR_FAULT_17_N
         // high.

@@ -19,13 +19,14 @@ using ::testing::ElementsAre;
 
 TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
 {
-    SandboxRoot root;
+    TempDir root;
     RecordedSleeps sleeps;
     const auto hwmon =
         root / "sys/devices/platform/ahb/ahb:apb/1e6ef010.chassis/hwmon";
     JournalReader journal;
     {
-        Platform::Kelvane1u platform;
+        Platform::Kelvane1u platform{Platform::Seams{
+            .sleep = sleeps.function(), .root = Root(root.path())}};
         platform.fpgaDevices[11] = {"INTRUSSION_CONN", false};
         // A file whose name holds "hwmon" is passed over for the directory.
         writeFile(hwmon / "hwmon_label", "");
@@ -56,7 +57,8 @@ TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
     std::filesystem::remove_all(hwmon);
     {
         // No intrusion connection entry at all: the state file decides.
-        Platform::Kelvane1u platform;
+        Platform::Kelvane1u platform{Platform::Seams{
+            .sleep = sleeps.function(), .root = Root(root.path())}};
         platform.hwDiscoveryDone = true;
         // Without the directory, or without its state file, later passes
         // look again.

@@ -47,7 +47,8 @@ class PublishedNames : public DiscoveryFixture
     std::string start()
     {
         CaptureStderr();
-        platform = std::make_unique<Platform::Kelvane1u>();
+        platform = std::make_unique<Platform::Kelvane1u>(
+            Platform::Seams{.root = hwtopod::Root(root.path())});
         platform->serviceInit();
         platform->serviceRun();
         return GetCapturedStderr();
@@ -204,9 +205,10 @@ TEST_F(PublishedNames, I2cLinksPointIntoSysOnly)
                        root / "sys/bus/i2c/devices/i2c-3");
 
     CaptureStderr();
-    createI2cLink(DeviceType::Backplane, 1, 1);
-    EXPECT_FALSE(createI2cLink(DeviceType::Backplane, 2, 2));
-    EXPECT_FALSE(createI2cLink(DeviceType::Backplane, 3, 3));
+    const Root sandbox(root.path().string());
+    createI2cLink(sandbox, DeviceType::Backplane, 1, 1);
+    EXPECT_FALSE(createI2cLink(sandbox, DeviceType::Backplane, 2, 2));
+    EXPECT_FALSE(createI2cLink(sandbox, DeviceType::Backplane, 3, 3));
     const auto log = GetCapturedStderr();
     EXPECT_EQ(test::countInText(log, "[ERROR] [ERR] CANNOT FIND THE PATH : "),
               2U)

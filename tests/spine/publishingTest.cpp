@@ -44,14 +44,15 @@ class Publishing : public testing::Test
                                  Platform::kelvane1uDefinition)
     {
         CaptureStderr();
-        platform = std::make_unique<Platform::Kelvane1u>(machine);
+        platform = std::make_unique<Platform::Kelvane1u>(
+            Platform::Seams{.root = hwtopod::Root(root.path())}, machine);
         platform->serviceInit();
         platform->serviceRun();
         return GetCapturedStderr();
     }
 
     test::PrivateBus bus;
-    test::SandboxRoot root;
+    test::TempDir root;
     std::unique_ptr<Platform::Kelvane1u> platform;
 };
 } // namespace

@@ -83,7 +83,7 @@ std::string constructWith(StartEnvironment environment, std::uint64_t& revision,
     set("HWTOPOD_STATUS", environment.status);
     CaptureStderr();
     {
-        Platform::Kelvane1u platform;
+        Platform::Kelvane1u platform{Platform::Seams{}};
         revision = platform.motherboardRevisionBase;
         normalStart = platform.normalStart;
     }
@@ -147,17 +147,19 @@ TEST(MiniVersion, FollowsTheParityOfTheBuild)
 
 TEST(MiniVersion, BuildIdComesFromOsRelease)
 {
-    test::SandboxRoot root;
-    EXPECT_EQ(Platform::readBuildId(), "QDM413B") << "no file";
+    test::TempDir root;
+    const Root sandbox(root.path().string());
+    EXPECT_EQ(Platform::readBuildId(sandbox), "QDM413B") << "no file";
 
     test::writeFile(
         root / "etc/os-release",
         "NAME=x\n X_HALVEX_BUILDID=\"BAD\"\nHALVEX_BUILDID=\"QDM500A\"\n");
-    EXPECT_EQ(Platform::readBuildId(), "QDM500A");
+    EXPECT_EQ(Platform::readBuildId(sandbox), "QDM500A");
     test::writeFile(root / "etc/os-release", "HALVEX_BUILDID=QDM502C\n");
-    EXPECT_EQ(Platform::readBuildId(), "QDM502C");
+    EXPECT_EQ(Platform::readBuildId(sandbox), "QDM502C");
     test::writeFile(root / "etc/os-release", " HALVEX_BUILDID=QDM502C\n");
-    EXPECT_EQ(Platform::readBuildId(), "QDM413B") << "key not at line start";
+    EXPECT_EQ(Platform::readBuildId(sandbox), "QDM413B")
+        << "key not at line start";
 }
 
 TEST(Introspection, InterfaceNamesWithoutTheStandardOnes)

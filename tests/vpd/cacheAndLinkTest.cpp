@@ -88,18 +88,19 @@ class I2cLinks : public testing::Test
         return error ? fs::path() : path;
     }
 
-    hwtopod::test::SandboxRoot root;
+    hwtopod::test::TempDir root;
+    const hwtopod::Root sandbox{root.path()};
 };
 
 TEST_F(I2cLinks, LinksResolveInsideTheSandbox)
 {
     const fs::path bus = fs::canonical(root / "sys/devices/platform/x/i2c-7");
     CaptureStderr();
-    EXPECT_TRUE(hwtopod::createI2cLink(DeviceType::Backplane, 2, 7));
+    EXPECT_TRUE(hwtopod::createI2cLink(sandbox, DeviceType::Backplane, 2, 7));
     // A second call replaces the link of the first.
-    EXPECT_TRUE(hwtopod::createI2cLink(DeviceType::Backplane, 2, 7));
-    EXPECT_TRUE(hwtopod::createI2cLink(DeviceType::PcieCard, 13, 7));
-    EXPECT_TRUE(hwtopod::createI2cLink(DeviceType::Midplane, 0, 7));
+    EXPECT_TRUE(hwtopod::createI2cLink(sandbox, DeviceType::Backplane, 2, 7));
+    EXPECT_TRUE(hwtopod::createI2cLink(sandbox, DeviceType::PcieCard, 13, 7));
+    EXPECT_TRUE(hwtopod::createI2cLink(sandbox, DeviceType::Midplane, 0, 7));
     EXPECT_EQ(GetCapturedStderr(), "");
 
     EXPECT_TRUE(fs::is_symlink(root / "dev/bp2_i2c"));
@@ -119,9 +120,9 @@ TEST_F(I2cLinks, RefusalsAndFailures)
     fs::create_directories(root / "sys/bus/i2c/devices/i2c-9");
 
     CaptureStderr();
-    EXPECT_FALSE(hwtopod::createI2cLink(DeviceType::PcieRiser, 1, 7));
-    EXPECT_FALSE(hwtopod::createI2cLink(DeviceType::Backplane, 5, 11));
-    EXPECT_FALSE(hwtopod::createI2cLink(DeviceType::Backplane, 4, 7));
+    EXPECT_FALSE(hwtopod::createI2cLink(sandbox, DeviceType::PcieRiser, 1, 7));
+    EXPECT_FALSE(hwtopod::createI2cLink(sandbox, DeviceType::Backplane, 5, 11));
+    EXPECT_FALSE(hwtopod::createI2cLink(sandbox, DeviceType::Backplane, 4, 7));
     const std::string log = GetCapturedStderr();
     EXPECT_THAT(log, testing::StartsWith(
                          "[INFO] Device does not support i2c link creation\n"
@@ -136,7 +137,7 @@ TEST_F(I2cLinks, RefusalsAndFailures)
     EXPECT_EQ(fs::read_symlink(root / "dev/bp4_i2c"), "/nowhere");
 
     // A bus entry that is no link is the caller's problem.
-    EXPECT_THROW(hwtopod::createI2cLink(DeviceType::Backplane, 1, 9),
+    EXPECT_THROW(hwtopod::createI2cLink(sandbox, DeviceType::Backplane, 1, 9),
                  fs::filesystem_error);
 }
 

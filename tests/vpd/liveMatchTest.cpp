@@ -1,7 +1,6 @@
 // VPD discovery against the stand-in VPD service on a private bus: the live
 // match on a first start and the read-out on a restart.
 
-#include "common/sleep.hpp"
 #include "platforms/kelvane1u.hpp"
 #include "privateBus.hpp"
 #include "process.hpp"
@@ -38,6 +37,7 @@ constexpr auto dataDir = "usr/share/vantarack-bmc-apps/hwtopod";
 class CountingPlatform : public Platform::Kelvane1u
 {
   public:
+    using Kelvane1u::Kelvane1u;
     using Kelvane1u::onVpdInterfacesAdded;
 
     void probeCachedVpdd() override
@@ -102,7 +102,6 @@ class VpdDiscovery : public testing::Test
     }
     void TearDown() override
     {
-        hwtopod::setSleepFunction({});
         platform.reset();
         ::unsetenv("HWTOPOD_STATUS");
     }
@@ -128,14 +127,15 @@ class VpdDiscovery : public testing::Test
     }
 
     hwtopod::test::PrivateBus bus;
-    hwtopod::test::SandboxRoot root;
+    hwtopod::test::TempDir root;
     std::unique_ptr<CountingPlatform> platform;
 };
 
 TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
 {
     ::setenv("HWTOPOD_STATUS", "normal", 1);
-    platform = std::make_unique<CountingPlatform>();
+    platform = std::make_unique<CountingPlatform>(
+        Platform::Seams{.root = hwtopod::Root(root.path())});
     // Records as the probes would have left them.
     platform->backplanesFound = {
         {"backplanes",
@@ -309,9 +309,9 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
                   {{"holdAnswer", true}});
     ASSERT_TRUE(waitForOutput(*vpdd, "published /com/halvex/vpdd/Riser_1"));
 
-    platform = std::make_unique<CountingPlatform>();
     std::vector<std::chrono::milliseconds> sleeps;
-    hwtopod::setSleepFunction([&](std::chrono::milliseconds duration) {
+    auto seams = Platform::Seams{.root = hwtopod::Root(root.path())};
+    seams.sleep = [&](std::chrono::milliseconds duration) {
         sleeps.push_back(duration);
         if (sleeps.size() == 3)
         {
@@ -328,7 +328,8 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
                 std::this_thread::sleep_for(10ms);
             }
         }
-    });
+    };
+    platform = std::make_unique<CountingPlatform>(std::move(seams));
 
     // While the read-out's answer is held, the signal of an object the
     // answer does not hold reaches the worker: it is kept.

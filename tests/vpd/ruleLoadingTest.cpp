@@ -15,7 +15,6 @@ namespace
 {
 
 using hwtopod::test::readFile;
-using hwtopod::test::SandboxRoot;
 using hwtopod::test::sourceRoot;
 using hwtopod::test::TempDir;
 using hwtopod::test::writeFile;
@@ -63,14 +62,15 @@ class RuleLoading : public testing::Test
     std::string load(const RuleFiles& files)
     {
         place(root, files);
-        platform = std::make_unique<Platform::Kelvane1u>();
+        platform = std::make_unique<Platform::Kelvane1u>(
+            Platform::Seams{.root = hwtopod::Root(root.path())});
         CaptureStderr();
         EXPECT_EQ(platform->loadTrd(), 0);
         platform->matchVpdd();
         return GetCapturedStderr();
     }
 
-    SandboxRoot root;
+    TempDir root;
     std::unique_ptr<Platform::Kelvane1u> platform;
 };
 

@@ -18,7 +18,7 @@ using hwtopod::DbusVariant;
 using hwtopod::readVpdNumber;
 using hwtopod::VpdProperties;
 using hwtopod::test::readFile;
-using Sandbox = hwtopod::test::SandboxRoot;
+using Sandbox = hwtopod::test::TempDir;
 using hwtopod::test::writeFile;
 using nlohmann::json;
 namespace rules = hwtopod::rules;
@@ -101,6 +101,7 @@ TEST(RecordComposition, PlaceholdersThenVpdReferences)
 TEST(FoundHardware, FileTextAndFailedWrites)
 {
     Sandbox sandbox;
+    const hwtopod::Root root(sandbox.path());
     const std::string file = rules::risersFoundFile;
     std::filesystem::create_directories((sandbox / file).parent_path());
     writeFile(sandbox / file, "left by an earlier run");
@@ -111,8 +112,8 @@ TEST(FoundHardware, FileTextAndFailedWrites)
     rules::appendFound(document, "risers", {{"RiserSlot", 3}});
 
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(
-        rules::saveFoundHardware(document, file, "hwtopod start save json "));
+    EXPECT_TRUE(rules::saveFoundHardware(root, document, file,
+                                         "hwtopod start save json "));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "[INFO] hwtopod start save json \n");
     EXPECT_EQ(readFile(sandbox / file),
@@ -138,7 +139,7 @@ TEST(FoundHardware, FileTextAndFailedWrites)
     const json before = document;
     testing::internal::CaptureStderr();
     EXPECT_FALSE(rules::saveFoundHardware(
-        document, "/var/nowhere/backplanes_found.json", ""));
+        root, document, "/var/nowhere/backplanes_found.json", ""));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "[WARNING] hwtopod cannot write data at "
               "/var/nowhere/backplanes_found.json\n");
@@ -155,16 +156,17 @@ TEST(RuleFiles, DirectoriesAndEmptyPaths)
     // Missing, empty, broken and wrongly shaped files are covered with
     // loadTrd; here the cases that only the path test sees.
     Sandbox sandbox;
+    const hwtopod::Root root(sandbox.path());
     writeFile(sandbox / "/data/array.json", "[{\"POSID\": 224.0}]");
     std::filesystem::create_directories(sandbox / "/data/dir.json");
 
     testing::internal::CaptureStderr();
-    auto array = rules::loadRuleFile("risersFile", "/data/array.json",
+    auto array = rules::loadRuleFile(root, "risersFile", "/data/array.json",
                                      rules::TopLevel::array);
     // The sandbox root itself must not pass for an empty path.
-    EXPECT_EQ(rules::loadRuleFile("risersFile", "", rules::TopLevel::any),
+    EXPECT_EQ(rules::loadRuleFile(root, "risersFile", "", rules::TopLevel::any),
               nullptr);
-    EXPECT_EQ(rules::loadRuleFile("risersFile", "/data/dir.json",
+    EXPECT_EQ(rules::loadRuleFile(root, "risersFile", "/data/dir.json",
                                   rules::TopLevel::any),
               nullptr);
     const std::string text = testing::internal::GetCapturedStderr();

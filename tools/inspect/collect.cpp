@@ -37,9 +37,9 @@ const std::vector<std::string> resultFiles = {
 
 // The message registry of the daemon's records, installed beside its rule
 // files; an empty one, with the reason under errors, when it cannot be read.
-Json registryMessages(Json& errors)
+Json registryMessages(const Root& root, Json& errors)
 {
-    const auto path = rootPath(dataFile("EventRegistry.1.0.0.json"));
+    const auto path = root.path(dataFile("EventRegistry.1.0.0.json"));
     std::ifstream stream(path);
     if (!stream)
     {
@@ -137,9 +137,9 @@ std::string interfacesOf(const std::map<std::string, Properties>& interfaces)
 }
 
 // Where /dev/<name> points, with the bus number of an "i2c-N" target.
-Json i2cLink(const std::string& name)
+Json i2cLink(const Root& root, const std::string& name)
 {
-    const auto link = rootPath("/dev/" + name);
+    const auto link = root.path("/dev/" + name);
     Json result = {{"link", "/dev/" + name}};
     std::error_code error;
     const auto target = std::filesystem::read_symlink(link, error);
@@ -454,7 +454,7 @@ ManagedObjects readObjects(const Options& options, std::optional<pid_t>& pid,
 }
 
 // A riser's object with its slots' links and what the records say of it.
-Json riserEntry(const std::string& name,
+Json riserEntry(const Root& root, const std::string& name,
                 const std::map<std::string, Properties>& interfaces,
                 const Json& properties, const Json& events)
 {
@@ -468,8 +468,9 @@ Json riserEntry(const std::string& name,
             {
                 slots.push_back(
                     {{"slot", *number},
-                     {"i2c", i2cLink("pcie_slot" + std::to_string(*number) +
-                                     "_i2c")}});
+                     {"i2c",
+                      i2cLink(root, "pcie_slot" + std::to_string(*number) +
+                                        "_i2c")}});
             }
         }
     }
@@ -517,7 +518,7 @@ struct Picture
         }
     }
 
-    void add(const std::string& name,
+    void add(const Root& root, const std::string& name,
              const std::map<std::string, Properties>& interfaces,
              const Json& events)
     {
@@ -552,7 +553,8 @@ struct Picture
         }
         else if (name.starts_with("/chassis/riser/"))
         {
-            risers.push_back(riserEntry(name, interfaces, properties, events));
+            risers.push_back(
+                riserEntry(root, name, interfaces, properties, events));
         }
         else if (name.starts_with("/chassis/bp/"))
         {
@@ -563,7 +565,7 @@ struct Picture
             if (id)
             {
                 backplanes.back()["i2c"] =
-                    i2cLink("bp" + std::to_string(*id) + "_i2c");
+                    i2cLink(root, "bp" + std::to_string(*id) + "_i2c");
             }
         }
         else if (name.starts_with("/chassis/midplane/"))
@@ -587,14 +589,14 @@ struct Picture
     }
 };
 
-Json readResultFiles(Json& errors, Json& failures)
+Json readResultFiles(const Root& root, Json& errors, Json& failures)
 {
     Json files = Json::object();
     for (const auto& file : resultFiles)
     {
         // A file that is not there has not been written yet, or not at all
         // on this machine (midplanes); one that is there must be readable.
-        const auto path = rootPath("/var/configuration/" + file);
+        const auto path = root.path("/var/configuration/" + file);
         files[file] = nullptr;
         std::error_code error;
         if (!std::filesystem::exists(path, error) && !error)
@@ -647,13 +649,13 @@ Json collect(const Options& options)
     document["service"]["onBus"] = failures.empty();
     document["service"]["pid"] = pid ? Json(*pid) : Json(nullptr);
 
-    const auto messages = registryMessages(errors);
+    const auto messages = registryMessages(options.root, errors);
     Json events = pid ? journalEvents(*pid, messages, errors) : Json::array();
 
     Picture picture;
     for (const auto& [path, interfaces] : objects)
     {
-        picture.add(path, interfaces, events);
+        picture.add(options.root, path, interfaces, events);
     }
     picture.addRisersOnlyFpgaSaw(events);
     picture.platform["Psus"] = picture.psus;
@@ -663,7 +665,7 @@ Json collect(const Options& options)
     document["backplanes"] = picture.backplanes;
     document["midplanes"] = picture.midplanes;
     document["devicePresence"] = picture.presence;
-    document["resultFiles"] = readResultFiles(errors, failures);
+    document["resultFiles"] = readResultFiles(options.root, errors, failures);
     document["events"] = events;
     document["problems"] = problemsOf(events);
     document["failures"] = failures;

@@ -4,6 +4,8 @@
 // objects, its result files, its I2C links and its journal records) into one
 // JSON document, and renders that document as text.
 
+#include "common/paths.hpp"
+
 #include <sys/types.h>
 
 #include <nlohmann/json.hpp>
@@ -21,6 +23,8 @@ struct Options
     std::string service = "com.halvex.hwtopod";
     // The daemon's process; found on the bus when not given.
     std::optional<pid_t> pid;
+    // Where the daemon's files are: the root that HWTOPOD_ROOT names.
+    Root root = Root::fromEnvironment();
 };
 
 // Everything known of the daemon and the machine; parts that could not be

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "common/paths.hpp"
+#include "common/sleep.hpp"
+#include "fpga/registerAccess.hpp"
+#include "monitor/gpioLines.hpp"
+
+#include <memory>
+
+namespace Platform
+{
+
+// What the platform object reaches the machine through, given to it at
+// construction, so that several platforms can live side by side without
+// process-wide state. A member left out is the machine's own.
+struct Seams
+{
+    // The fault lines, used by the monitor thread alone.
+    std::shared_ptr<hwtopod::FaultLineGpio> gpio = hwtopod::libgpiodLines();
+    // The FPGA registers, read by the hardware thread alone.
+    std::shared_ptr<hwtopod::RegisterAccess> registers =
+        hwtopod::libraryRegisters();
+    // Every wait of seconds.
+    hwtopod::SleepFunction sleep = hwtopod::realSleep;
+    // Where every absolute path is placed.
+    hwtopod::Root root = hwtopod::Root();
+};
+
+} // namespace Platform
