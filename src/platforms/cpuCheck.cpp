@@ -52,13 +52,13 @@ std::string textOf(const VpdProperties& vpd, const char* name)
 
 void Base::probeCpu(const std::string& path)
 {
-    auto& state = cpuCheck;
+    auto& state = discovery.cpuCheck;
     if (!state.cpuPowerDenied)
     {
         powerVote(true);
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logWarning() << "probeCpu: path " << path << " was not found";
         return;

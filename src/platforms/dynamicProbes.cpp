@@ -33,11 +33,11 @@ std::uint64_t numberOrEnter(VpdProperties& vpd, const char* name)
 
 void Highvol::probeCachedVpdd()
 {
-    if (cachedVpdDone)
+    if (discovery.cachedVpdDone)
     {
         return;
     }
-    if (!hwDiscoveryDone)
+    if (!hwDiscoveryDone())
     {
         // The closing check compares VPD with the FPGA's picture: it waits
         // until the read-out and the presence analysis have ended. This runs
@@ -46,11 +46,11 @@ void Highvol::probeCachedVpdd()
         waitForHardwareDiscovery();
     }
 
-    backplaneType = backplaneTypeOf(vpdObjects);
+    discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
 
     std::vector<std::string> paths;
-    paths.reserve(vpdObjects.size());
-    for (const auto& entry : vpdObjects)
+    paths.reserve(discovery.vpdObjects.size());
+    for (const auto& entry : discovery.vpdObjects)
     {
         paths.push_back(entry.first);
     }
@@ -58,7 +58,7 @@ void Highvol::probeCachedVpdd()
     {
         try
         {
-            auto& vpd = vpdObjects.at(path);
+            auto& vpd = discovery.vpdObjects.at(path);
             const auto vpdId = numberOrEnter(vpd, "VpdId");
             const auto posId = numberOrEnter(vpd, "PosIdValue");
             logInfo() << "-> probeCachedVpdd : VPDID " << vpdId << ", POSID "
@@ -92,7 +92,7 @@ void Highvol::probeCachedVpdd()
     }
 
     reportUnconfirmedRisers();
-    cachedVpdDone = true;
+    discovery.cachedVpdDone = true;
     // Tells a watcher of the log (the simulator, a field engineer) that the
     // boards have been walked and the books closed.
     logInfo() << "Board discovery has ended";
@@ -103,7 +103,7 @@ void Highvol::probeCachedVpdd()
 // gives for it.
 void Highvol::reportUnconfirmedRisers()
 {
-    for (const auto& [riser, queued] : fpgaMatchQueue)
+    for (const auto& [riser, queued] : discovery.fpgaMatchQueue)
     {
         const std::string name = "Slot " + std::to_string(riser) + " Riser";
         logError() << "BMC didn't detect PCIe Riser " << riser;
@@ -114,24 +114,24 @@ void Highvol::reportUnconfirmedRisers()
         {
             continue;
         }
-        const bool unconfirmed =
-            fpgaRiserSlots.test(riser - 1) && !vpdRiserSlots.test(riser - 1);
+        const bool unconfirmed = fpgaPicture().fpgaRiserSlots.test(riser - 1) &&
+                                 !discovery.vpdRiserSlots.test(riser - 1);
         if (!unconfirmed)
         {
             continue;
         }
-        for (const auto& entry : pcieSlotMap)
+        for (const auto& entry : fpgaPicture().pcieSlotMap)
         {
             if (!entry.isRiser() || entry.riser() != riser)
             {
                 continue;
             }
             const unsigned slot = entry.slot();
-            if (slot == 0 || slot > riserTopology.size())
+            if (slot == 0 || slot > fpgaPicture().riserTopology.size())
             {
                 continue;
             }
-            const auto& status = riserTopology[slot - 1];
+            const auto& status = fpgaPicture().riserTopology[slot - 1];
             if (status.cageMatch() == 0)
             {
                 logError()
@@ -148,7 +148,7 @@ void Highvol::reportUnconfirmedRisers()
                     << "PCIe <Slot " << riser
                     << " riser> has connection mismatch status for PCIe slot "
                     << slot;
-                if (oldRisers.test(riser - 1))
+                if (fpgaPicture().oldRisers.test(riser - 1))
                 {
                     hwtopod::sendConfigMismatchEvent(
                         DeviceType::SlotRiser,
@@ -178,11 +178,11 @@ void Highvol::sendBackplanePresence(const nlohmann::json& record)
                               connector, false);
 }
 
-rules::Selectors Highvol::selectors() const
+rules::Selectors Highvol::selectors()
 {
     rules::Selectors result;
-    result.backplaneType = backplaneType;
-    for (const auto& [side, name] : skuNames)
+    result.backplaneType = discovery.backplaneType;
+    for (const auto& [side, name] : fpgaPicture().skuNames)
     {
         (side == "Front" ? result.front : result.rear) = name;
     }
@@ -196,15 +196,15 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
         logError() << "hwtopod TRD files are not loaded ";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logError() << "probeVpdd: path " << path << " was not found";
         return;
     }
     const auto& vpd = found->second;
     auto select = selectors();
-    select.openLoop = getFpgaDeviceState(89);
+    select.openLoop = fpgaPicture().getFpgaDeviceState(89);
     auto match =
         rules::matchDynamicBoard(rules::Board::backplane, *backplanesData,
                                  *trdBackplanes, vpd, posId, select);
@@ -240,7 +240,7 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
             updateBackplaneStatus(id);
         }
     });
-    publishRecord(interface, std::move(match.record), backplanesFound,
+    publishRecord(interface, std::move(match.record), discovery.backplanesFound,
                   "backplanes", rules::backplanesFoundFile,
                   "Finally save BP json.");
 }
@@ -257,7 +257,7 @@ void Highvol::updateBackplaneStatus(std::uint8_t id)
     const std::string property =
         "BP_" + std::to_string(static_cast<unsigned>(id)) + "_INSTALLED";
     logInfo() << "Update backplane " << property << " status ";
-    backplaneInstalled[property] = true;
+    discovery.backplaneInstalled[property] = true;
     if (interface->isInitialized() && interface->hasProperty(property))
     {
         interface->setProperty(property, true);
@@ -273,8 +273,8 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
         logError() << "hwtopod TRD files are not loaded ";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logError() << "probeVpdd: path " << path << " was not found";
         return;
@@ -312,8 +312,8 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
         updateFruName(path, vpdText(vpd, "VpdFormat"), DeviceType::PcieRiser,
                       static_cast<std::uint8_t>(*slot), name);
     });
-    publishRecord(interface, std::move(match.record), risersFound, "risers",
-                  rules::risersFoundFile, "Finally save riser json.");
+    publishRecord(interface, std::move(match.record), discovery.risersFound,
+                  "risers", rules::risersFoundFile, "Finally save riser json.");
 }
 
 // The riser number of a record, taken once: none when the record lacks it,
@@ -334,14 +334,14 @@ std::optional<std::uint64_t> Highvol::claimRiserSlot(
     }
     if (slot > 0)
     {
-        if (riserSlotsProbed.test(slot - 1))
+        if (discovery.riserSlotsProbed.test(slot - 1))
         {
             logError()
                 << "Riser slot index error, need review TRD, conflected to "
                 << slot;
             return std::nullopt;
         }
-        riserSlotsProbed.set(slot - 1);
+        discovery.riserSlotsProbed.set(slot - 1);
     }
     return slot;
 }
@@ -352,7 +352,7 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
                               const std::string& riserName, std::uint64_t slot,
                               bool riserPresent)
 {
-    const auto& status = riserTopology[slot - 1];
+    const auto& status = fpgaPicture().riserTopology[slot - 1];
     if (status.cageMatch() == 0)
     {
         if (!riserPresent)
@@ -380,7 +380,7 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
         text = "CEMA::" + cables[0].get<std::string>() +
                "::CEMB::" + cables[1].get<std::string>();
     }
-    if (oldRisers.test(slot - 1))
+    if (fpgaPicture().oldRisers.test(slot - 1))
     {
         hwtopod::sendConfigMismatchEvent(DeviceType::SlotRiser,
                                          ConfigMismatchKind::CableMisconnected,
@@ -406,7 +406,7 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         return;
     }
     const bool riserPresent = riserNumber >= 1 && riserNumber <= 64 &&
-                              riserPresence.test(riserNumber - 1);
+                              fpgaPicture().riserPresence.test(riserNumber - 1);
     for (std::size_t i = 0; i < slots.size(); ++i)
     {
         const auto slot = numberAs<std::uint64_t>(slots[i]);
@@ -426,8 +426,8 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         hwtopod::createI2cLink(
             DeviceType::PcieCard, static_cast<unsigned>(slot),
             numberAs<unsigned>(riser.at("BUS")) + 1 + static_cast<unsigned>(i));
-        vpdRiserSlots.set(slot - 1);
-        if (slot > riserTopology.size())
+        discovery.vpdRiserSlots.set(slot - 1);
+        if (slot > fpgaPicture().riserTopology.size())
         {
             // A slot the FPGA has no status for: nothing to hold against it.
             continue;
@@ -451,12 +451,12 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
               << " was found in setting: " << connector;
     hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber,
                               connector, false);
-    auto queued = fpgaMatchQueue.find(riserNumber);
-    if (queued != fpgaMatchQueue.end())
+    auto queued = discovery.fpgaMatchQueue.find(riserNumber);
+    if (queued != discovery.fpgaMatchQueue.end())
     {
         logInfo() << "FPGA also detected " << displayName;
-        fpgaMatchQueue.erase(queued);
-        logInfo() << "Remain " << fpgaMatchQueue.size()
+        discovery.fpgaMatchQueue.erase(queued);
+        logInfo() << "Remain " << discovery.fpgaMatchQueue.size()
                   << " PCIe Slot Riser(s) in FPGA match queue";
     }
     else

@@ -100,7 +100,8 @@ void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows)
 
 void Base::setDevicePresence()
 {
-    if (!hwDiscoveryDone || devicePresencePublished)
+    const auto readout = hwDiscoveryDone();
+    if (!readout || service.devicePresencePublished)
     {
         return;
     }
@@ -112,7 +113,7 @@ void Base::setDevicePresence()
         {
             return;
         }
-        for (const auto& [key, device] : fpgaDevices)
+        for (const auto& [key, device] : readout->fpgaDevices)
         {
             // Names such as the liquid leak rows' are no member names.
             if (hwtopod::dbus::isValidMemberName(device.name))
@@ -121,7 +122,7 @@ void Base::setDevicePresence()
             }
         }
         interface->initialize();
-        devicePresencePublished = true;
+        service.devicePresencePublished = true;
     }
     catch (const std::exception& e)
     {
@@ -132,11 +133,12 @@ void Base::setDevicePresence()
 
 void Base::remedyChassisCloseEvent()
 {
-    if (!hwDiscoveryDone || chassisCloseRemedied)
+    const auto readout = hwDiscoveryDone();
+    if (!readout || service.chassisCloseRemedied)
     {
         return;
     }
-    for (const auto& [key, device] : fpgaDevices)
+    for (const auto& [key, device] : readout->fpgaDevices)
     {
         if (device.name == "INTRUSSION_CONN" && !device.state)
         {
@@ -167,7 +169,7 @@ void Base::remedyChassisCloseEvent()
         hwtopod::sleepSeconds(chassisCloseDelaySeconds);
         hwtopod::sendChassisClosedEvent(getProductName());
     }
-    chassisCloseRemedied = true;
+    service.chassisCloseRemedied = true;
 }
 
 void Highvol::powerFaultMonitor()

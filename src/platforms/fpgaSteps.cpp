@@ -108,8 +108,8 @@ void Highvol::fpgaDump()
             }
             hwtopod::sleepSeconds(1);
         }
-        fpgaBlock0 = images.at(localDevice).regs.data();
-        fpgaBlock1 = images.at(remoteDevice).regs.data();
+        hardware.readout.fpgaBlock0 = images.at(localDevice).regs.data();
+        hardware.readout.fpgaBlock1 = images.at(remoteDevice).regs.data();
     }
     catch (const std::exception& e)
     {
@@ -129,7 +129,7 @@ void Highvol::hwDeviceDiscovery()
         row.present = row.inverted != (value != 0);
         logInfo() << key << ". hwDeviceDiscovery: device " << row.name
                   << (row.present ? " is present" : " is absent");
-        fpgaDevices[key] = DeviceState{row.name, row.present};
+        hardware.readout.fpgaDevices[key] = DeviceState{row.name, row.present};
     }
 }
 
@@ -148,11 +148,13 @@ void Highvol::readRiserTopology()
     }
     const std::uint8_t* regs = remote.regs.data();
 
-    pcieCardPresence = bitsetFromBytes(chars(regs + at(25, 12)), 3);
+    hardware.readout.pcieCardPresence =
+        bitsetFromBytes(chars(regs + at(25, 12)), 3);
     logInfo()
         << "Dump FPGA riser presence from Block 25 offset 0C to offset 0E";
     logInfo() << hexDump(chars(regs + at(25, 12)), 3, 16);
-    logInfo() << "pcieCardPrsnt " << bitsetString(pcieCardPresence);
+    logInfo() << "pcieCardPrsnt "
+              << bitsetString(hardware.readout.pcieCardPresence);
 
     const auto adi = images.find(adiDevice);
     if (adi == images.end() || !adi->second.valid)
@@ -161,22 +163,26 @@ void Highvol::readRiserTopology()
             << "Unable to get Riser ADI block, read Riser status from block 24/25";
         // The status bytes of the 24 positions run from block 24 into 25.
         logInfo() << "Dump FPGA riser topology map from Block 24 offset 01";
-        logInfo() << hexDump(chars(regs + at(24, 0)), riserTopology.size(), 16);
-        for (std::size_t i = 0; i < riserTopology.size(); ++i)
+        logInfo() << hexDump(chars(regs + at(24, 0)),
+                             hardware.readout.riserTopology.size(), 16);
+        for (std::size_t i = 0; i < hardware.readout.riserTopology.size(); ++i)
         {
-            riserTopology[i] = hwtopod::RiserTopologyEntry{};
-            riserTopology[i].bytes[3] = regs[at(24, 0) + i];
+            hardware.readout.riserTopology[i] = hwtopod::RiserTopologyEntry{};
+            hardware.readout.riserTopology[i].bytes[3] = regs[at(24, 0) + i];
         }
-        riserPresence = bitsetFromBytes(chars(regs + at(25, 8)), 3);
+        hardware.readout.riserPresence =
+            bitsetFromBytes(chars(regs + at(25, 8)), 3);
         logInfo() << "Dump FPGA riser presence from Block 25 offset 08";
         logInfo() << hexDump(chars(regs + at(25, 8)), 3, 16);
-        logInfo() << "Riser presence " << bitsetString(riserPresence);
+        logInfo() << "Riser presence "
+                  << bitsetString(hardware.readout.riserPresence);
         return;
     }
 
     logInfo() << "Riser ADI block is ready, read Riser status from block 20/25";
-    pciePairing = bitsetFromBytes(chars(regs + at(20, 4)), 4);
-    riserPresence = bitsetFromBytes(chars(regs + at(20, 1)), 3);
+    hardware.readout.pciePairing = bitsetFromBytes(chars(regs + at(20, 4)), 4);
+    hardware.readout.riserPresence =
+        bitsetFromBytes(chars(regs + at(20, 1)), 3);
     logInfo()
         << "Dump FPGA riser presence from Block 20 offset 01 to offset 03";
     logInfo() << hexDump(chars(regs + at(20, 1)), 3, 16);
@@ -184,18 +190,18 @@ void Highvol::readRiserTopology()
     logInfo() << hexDump(chars(regs + at(20, 4)), 4, 16);
 
     const std::uint8_t* map = adi->second.regs.data();
-    constexpr std::size_t mapSize = sizeof(riserTopology);
+    constexpr std::size_t mapSize = sizeof(hardware.readout.riserTopology);
     static_assert(mapSize == 96);
-    std::memcpy(riserTopology.data(), map, mapSize);
-    for (std::size_t i = 0; i < riserTopology.size(); ++i)
+    std::memcpy(hardware.readout.riserTopology.data(), map, mapSize);
+    for (std::size_t i = 0; i < hardware.readout.riserTopology.size(); ++i)
     {
         // No expected connector for cable A: a riser without ADI data.
-        if (riserTopology[i].aExpected() == 0)
+        if (hardware.readout.riserTopology[i].aExpected() == 0)
         {
-            oldRisers.set(i);
+            hardware.readout.oldRisers.set(i);
         }
     }
-    logInfo() << "Old Riser " << bitsetString(oldRisers);
+    logInfo() << "Old Riser " << bitsetString(hardware.readout.oldRisers);
     logInfo() << "Dump FPGA riser topology map from Block 20 offset 08 ADI";
     logInfo() << hexDump(chars(map), mapSize, 4);
 }
@@ -225,14 +231,15 @@ void Highvol::getFpgaFanInfo()
 void Highvol::refreshFpgaBlock12()
 {
     // Without a finished fpgaDump there is no image to refresh.
-    if (fpgaBlock1 == nullptr)
+    if (hardware.readout.fpgaBlock1 == nullptr)
     {
         return;
     }
     // The result is not looked at: a failed read leaves the block as it was
     // or partly written, and nothing reads the refreshed bytes at present.
     hwtopod::readRemoteRegisters(
-        0, 12, 0, std::span<std::uint8_t>(fpgaBlock1 + at(12, 0), 16));
+        0, 12, 0,
+        std::span<std::uint8_t>(hardware.readout.fpgaBlock1 + at(12, 0), 16));
 }
 
 void Highvol::applyPlatformCoolingSettings()
@@ -259,17 +266,7 @@ void Highvol::applyPlatformCoolingSettings()
 
 bool Base::getFpgaDeviceState(std::uint32_t key)
 {
-    try
-    {
-        const DeviceState& device = fpgaDevices.at(key);
-        logInfo() << device.name << (device.state ? " is set" : " is unset");
-        return device.state;
-    }
-    catch (const std::exception& e)
-    {
-        logError() << "Exception in getFpgaDeviceState: " << e.what();
-    }
-    return false;
+    return hardware.readout.getFpgaDeviceState(key);
 }
 
 } // namespace Platform

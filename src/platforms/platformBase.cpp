@@ -124,8 +124,8 @@ void Base::probeCachedVpdd()
     // Copy the paths: a probe may not change the map, but the walk must not
     // depend on that.
     std::vector<std::string> paths;
-    paths.reserve(vpdObjects.size());
-    for (const auto& entry : vpdObjects)
+    paths.reserve(discovery.vpdObjects.size());
+    for (const auto& entry : discovery.vpdObjects)
     {
         paths.push_back(entry.first);
     }
@@ -262,11 +262,33 @@ void Base::waitForServiceSetup()
 
 void Base::markHardwareDiscovered()
 {
+    auto readout = std::make_shared<const FpgaReadout>(hardware.readout);
     {
         std::lock_guard lock(stateMutex);
-        hwDiscoveryDone = true;
+        handedOver = std::move(readout);
     }
     stateChanged.notify_all();
+}
+
+std::shared_ptr<const FpgaReadout> Base::hwDiscoveryDone() const
+{
+    std::lock_guard lock(stateMutex);
+    return handedOver;
+}
+
+const FpgaReadout& Base::fpgaPicture()
+{
+    if (!discovery.fpga)
+    {
+        discovery.fpga = hwDiscoveryDone();
+        if (!discovery.fpga)
+        {
+            static const FpgaReadout none;
+            return none;
+        }
+        discovery.fpgaMatchQueue = discovery.fpga->fpgaMatchQueue;
+    }
+    return *discovery.fpga;
 }
 
 void Base::waitForHardwareDiscovery()
@@ -276,12 +298,11 @@ void Base::waitForHardwareDiscovery()
     // hardwareWaitLimit discovery goes on with the picture there is (riser
     // checks then see no FPGA riser); three minutes is well past a slow
     // FPGA start and short enough for a technician waiting on the boards.
-    // A read-out that still ends after the bound writes the riser fields
-    // while discovery reads them: the bound is for an FPGA that never
-    // comes, not for a slow one.
+    // A read-out that still ends after the bound is taken by the next
+    // discovery step that looks at the picture.
     std::unique_lock lock(stateMutex);
     if (!stateChanged.wait_for(lock, hardwareWaitLimit, [this]() {
-            return hwDiscoveryDone.load();
+            return handedOver != nullptr;
         }))
     {
         logWarning() << "Board discovery waited " << hardwareWaitLimit.count()

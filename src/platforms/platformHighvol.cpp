@@ -12,8 +12,6 @@ Highvol::Highvol()
     maxRearM2 = 1;
     maxInternalM2 = 1;
     gpioChipName = "gpiochip6";
-    skuNames["Front"] = "NONE";
-    skuNames["Rear"] = "NONE";
 }
 
 Highvol::~Highvol() = default;

@@ -45,8 +45,8 @@ std::shared_ptr<hwtopod::dbus::Interface> Base::addEntryInterface(
 
 void Base::probeVpdd(const std::string& path)
 {
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logInfo() << "probeVpdd: path " << path << " was not found";
         return;
@@ -158,20 +158,20 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
         logError() << "hwtopod TRD files are not loaded";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logError() << "probeBpVpddStatic: path " << path << " was not found";
         return;
     }
-    if (bpTypeKeyed && backplaneType == "NONE")
+    if (bpTypeKeyed && discovery.backplaneType == "NONE")
     {
-        backplaneType = backplaneTypeOf(vpdObjects);
+        discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
     }
     rules::Selectors select;
     if (bpTypeKeyed)
     {
-        select.backplaneType = backplaneType;
+        select.backplaneType = discovery.backplaneType;
     }
     auto match = rules::matchStaticBackplane(*backplanesData, *trdBackplanes,
                                              found->second, posId, select);
@@ -198,7 +198,7 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
                 numberAs<unsigned>(record.at("BackplaneId")), "", false);
         });
     }
-    publishRecord(interface, std::move(match.record), backplanesFound,
+    publishRecord(interface, std::move(match.record), discovery.backplanesFound,
                   "backplanes", rules::backplanesFoundFile,
                   "hwtopod start save json ");
 }
@@ -260,8 +260,8 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
         logError() << "hwtopod TRD files are not loaded";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logError() << "probeRiserVpddStatic: path " << path << " was not found";
         return;
@@ -332,8 +332,9 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
 
         linkRiserSlots(record);
         sendRiserPresence(record);
-        publishRecord(interface, std::move(record), risersFound, "risers",
-                      rules::risersFoundFile, "hwtopod start save json ");
+        publishRecord(interface, std::move(record), discovery.risersFound,
+                      "risers", rules::risersFoundFile,
+                      "hwtopod start save json ");
         return;
     }
 }
@@ -346,8 +347,8 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
         logError() << "hwtopod TRD files are not loaded";
         return;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logError() << "probeChassisMidplaneBaseOnPdbStatic: path " << path
                    << " was not found";
@@ -413,8 +414,9 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
         {
             logWarning() << "Midplane's I2C bus was not found in setting ";
         }
-        publishRecord(interface, std::move(record), midplanesFound, "midplanes",
-                      rules::midplanesFoundFile, "hwtopod start save json");
+        publishRecord(interface, std::move(record), discovery.midplanesFound,
+                      "midplanes", rules::midplanesFoundFile,
+                      "hwtopod start save json");
         return;
     }
 }
