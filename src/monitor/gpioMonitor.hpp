@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -25,9 +26,11 @@ struct FaultLineReports
 };
 
 // Body of the monitor thread, over the lines of faultLineGpio(). Returns
-// only when it gives up: after the last failed discovery attempt or on an
-// error while watching. Throws nothing of the standard exception family.
+// when it gives up (after the last failed discovery attempt or on an error
+// while watching) or within a second of a stop request. Throws nothing of
+// the standard exception family.
 void monitorFaultLines(const std::vector<FpgaGpioEntry>& rows,
-                       const FaultLineReports& reports);
+                       const FaultLineReports& reports,
+                       std::stop_token stop = {});
 
 } // namespace hwtopod

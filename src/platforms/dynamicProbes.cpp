@@ -45,6 +45,9 @@ void Highvol::probeCachedVpdd()
         logInfo() << "probeCachedVpdd waits for the FPGA read-out";
         waitForHardwareDiscovery();
     }
+    // Taken now, so that the closing check knows the risers to confirm even
+    // when no probe looks at the picture before it.
+    fpgaPicture();
 
     discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
 

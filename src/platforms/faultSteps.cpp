@@ -84,7 +84,8 @@ void Base::powerFaultDetect()
     }
 }
 
-void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows)
+void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows,
+                       std::stop_token stop)
 {
     logInfo() << "Base::gpioMonitor()";
     hwtopod::FaultLineReports reports;
@@ -95,7 +96,7 @@ void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows)
     reports.controllerReady = [this](const std::string& chipName) {
         gpioChipName = chipName;
     };
-    hwtopod::monitorFaultLines(rows, reports);
+    hwtopod::monitorFaultLines(rows, reports, std::move(stop));
 }
 
 void Base::setDevicePresence()
@@ -184,13 +185,15 @@ void Highvol::powerFaultMonitor()
                 rows.push_back(row);
             }
         }
-        if (gpioThread)
+        if (gpioThread.joinable())
         {
             return;
         }
         // The thread owns its copy of the rows; this list ends here.
-        gpioThread = std::make_shared<std::thread>(
-            [this, rows = std::move(rows)]() { gpioMonitor(rows); });
+        gpioThread = std::jthread(
+            [this, rows = std::move(rows)](std::stop_token stop) {
+            gpioMonitor(rows, std::move(stop));
+        });
         logInfo() << "Thread for gpioMonitor is forked";
     }
     catch (const std::exception& e)

@@ -45,6 +45,11 @@ Kelvane1u::Kelvane1u()
     daisyCardFruName = "Mgt_Switch_Card";
 }
 
+Kelvane1u::~Kelvane1u()
+{
+    stopThreads();
+}
+
 void Kelvane1u::initPcieSlotMap()
 {
     hardware.readout.pcieSlotMap.clear();

@@ -11,7 +11,7 @@ class Kelvane1u : public Highvol
 {
   public:
     Kelvane1u();
-    ~Kelvane1u() override = default;
+    ~Kelvane1u() override;
 
     Kelvane1u(const Kelvane1u&) = delete;
     Kelvane1u& operator=(const Kelvane1u&) = delete;

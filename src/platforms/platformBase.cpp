@@ -87,18 +87,28 @@ Base::Base() : discoveryWorker(std::make_unique<hwtopod::Worker>())
 
 Base::~Base()
 {
-    // The worker may be waiting on the io thread: stop it first.
-    discoveryWorker.reset();
-    io.stop();
-    if (ioThread && ioThread->joinable())
-    {
-        ioThread->join();
-    }
+    stopThreads();
     // Matches and interfaces go before the connection they live on.
     dbusMatches.clear();
     dbusInterfaces.clear();
     objectServer.reset();
     connection.reset();
+}
+
+void Base::stopThreads()
+{
+    if (gpioThread.joinable())
+    {
+        gpioThread.request_stop();
+        gpioThread.join();
+    }
+    // The worker may be waiting on the io thread: stop it first.
+    discoveryWorker.reset();
+    if (ioThread.joinable())
+    {
+        ioThread.request_stop();
+        ioThread.join();
+    }
 }
 
 void Base::getHardwareRevision()
@@ -224,11 +234,12 @@ void Base::serviceRun()
         logInfo() << "Base::serviceInit was notexecuted";
         return;
     }
-    if (ioThread)
+    if (ioThread.joinable())
     {
         return;
     }
-    ioThread = std::make_shared<std::thread>([this]() {
+    ioThread = std::jthread([this](std::stop_token stop) {
+        const std::stop_callback stopIo(stop, [this]() { io.stop(); });
         try
         {
             connection->runLoop();

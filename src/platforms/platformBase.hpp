@@ -23,6 +23,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -139,7 +140,8 @@ class Base
 
     // Fault monitoring, device presence, chassis intrusion.
     void powerFaultDetect();
-    void gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows);
+    void gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows,
+                     std::stop_token stop = {});
     void setDevicePresence();
     void remedyChassisCloseEvent();
 
@@ -245,8 +247,9 @@ class Base
         dbusInterfaces;
     std::shared_ptr<hwtopod::dbus::ObjectServer> objectServer;
     std::shared_ptr<hwtopod::dbus::Connection> connection;
-    std::shared_ptr<std::thread> ioThread;
-    std::shared_ptr<std::thread> gpioThread;
+    // Held so that destruction stops and joins them (stopThreads).
+    std::jthread ioThread;
+    std::jthread gpioThread;
     std::shared_ptr<nlohmann::json> bpTrdRules;
     std::shared_ptr<nlohmann::json> trdBackplanes;
     std::shared_ptr<nlohmann::json> trdRisers;
@@ -261,6 +264,12 @@ class Base
     std::string productName = "Vantarack";
 
   protected:
+    // Stops the threads the object started and waits for them: the GPIO
+    // monitor, VPD discovery, the io thread. Each derived class that the
+    // threads call into runs it in its destructor, so no thread sees a
+    // half-destroyed object; later calls find nothing to stop.
+    void stopThreads();
+
     // The interface that carries a topology entry's record at prefix and the
     // entry's Name, blanks made underscores; null when the names are refused
     // or the object is published already.

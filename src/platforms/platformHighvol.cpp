@@ -14,6 +14,9 @@ Highvol::Highvol()
     gpioChipName = "gpiochip6";
 }
 
-Highvol::~Highvol() = default;
+Highvol::~Highvol()
+{
+    stopThreads();
+}
 
 } // namespace Platform

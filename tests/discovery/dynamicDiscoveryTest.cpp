@@ -223,6 +223,13 @@ TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
     }
 }
 
+TEST_F(DynamicDiscovery, RiserSeenByTheFpgaAloneWithNoBoardVpdAtAll)
+{
+    fpgaSees({1}, {});
+    EXPECT_THAT(discover(),
+                HasSubstr("[ERROR] BMC didn't detect PCIe Riser 1\n"));
+}
+
 TEST_F(DynamicDiscovery, NoFpgaReadoutDelaysDiscoveryForALimitedTime)
 {
     platform->hardwareWaitLimit = std::chrono::seconds(0);

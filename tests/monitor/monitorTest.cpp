@@ -81,12 +81,12 @@ TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
     gpio->lines.erase("VR_FAULT_5_N");
     CaptureStderr();
     platform.powerFaultMonitor();
-    ASSERT_TRUE(platform.gpioThread);
-    auto first = platform.gpioThread;
+    ASSERT_TRUE(platform.gpioThread.joinable());
+    const auto first = platform.gpioThread.get_id();
     platform.powerFaultMonitor();
-    EXPECT_EQ(platform.gpioThread, first);
+    EXPECT_EQ(platform.gpioThread.get_id(), first);
     // Without a script the first wait fails, which ends the thread.
-    platform.gpioThread->join();
+    platform.gpioThread.join();
     const std::string log = GetCapturedStderr();
 
     EXPECT_EQ(countInText(log, "Thread for gpioMonitor is forked"), 1U);
@@ -103,6 +103,14 @@ TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
     std::erase_if(expected, [](unsigned row) { return row == 0 || row == 5; });
     EXPECT_THAT(gpio->selections, ElementsAre(expected));
     EXPECT_THAT(gpio->consumers, ElementsAre("monitor"));
+}
+
+TEST_F(MonitorTest, DestroyingThePlatformStopsAndJoinsTheMonitor)
+{
+    gpio->idle = true;
+    Platform::Kelvane1u watching;
+    watching.powerFaultMonitor();
+    ASSERT_TRUE(watching.gpioThread.joinable());
 }
 
 TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)
