@@ -61,15 +61,11 @@ class ScriptedLines : public FaultLineGpio
     }
     std::vector<unsigned> waitForEvents(std::chrono::nanoseconds) override
     {
-        if (waits >= script.size() && idle)
-        {
-            return {};
-        }
-        if (waits >= script.size())
+        if (waits >= script.size() && !idle)
         {
             throw std::runtime_error("end of script");
         }
-        current = script[waits++];
+        current = waits < script.size() ? script[waits++] : Batch{};
         std::vector<unsigned> offsets;
         for (const auto& entry : current)
         {
