@@ -52,9 +52,9 @@ using hwtopod::VpdProperties;
 // Run-time state is grouped by the thread that owns it: `hardware` for the
 // hardware thread, `discovery` for the VPD discovery worker, `service` for the
 // service thread; state that several threads share sits beside the mutex that
-// guards it. The machine definition is written before any thread starts.
-// Everything the daemon publishes goes through the connection's run(), so the
-// bus is used by one thread at a time.
+// guards it (stateMutex, productNameMutex). The machine definition is written
+// before any thread starts. Everything the daemon publishes goes through the
+// connection's run(), so the bus is used by one thread at a time.
 class Base
 {
   public:
@@ -261,7 +261,6 @@ class Base
     std::string bpTrdRulesFile;
     std::string vpdReadyPath;
     std::string gpioChipName;
-    std::string productName = "Vantarack";
 
   protected:
     // Stops the threads the object started and waits for them: the GPIO
@@ -327,8 +326,9 @@ class Base
     std::condition_variable stateChanged;
     bool serviceSetupDone = false;
     std::shared_ptr<const FpgaReadout> handedOver;
-    // productName is written on the io thread and read on the service thread.
+    // Written by VPD discovery, read on the service thread.
     mutable std::mutex productNameMutex;
+    std::string productName = "Vantarack";
 };
 
 } // namespace Platform
