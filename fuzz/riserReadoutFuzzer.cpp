@@ -48,9 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
     platform.initPcieSlotMap();
     if (size - at >= sizeof(std::uint64_t))
     {
-        platform.pcieSlotMap.clear();
+        platform.hardware.readout.pcieSlotMap.clear();
         while (size - at >= sizeof(std::uint64_t) &&
-               platform.pcieSlotMap.size() < 24)
+               platform.hardware.readout.pcieSlotMap.size() < 24)
         {
             std::uint64_t word = 0;
             for (std::size_t b = 0; b < sizeof(word); ++b)
@@ -58,11 +58,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
                 word |= static_cast<std::uint64_t>(bytes[at + b]) << (8 * b);
             }
             at += sizeof(word);
-            platform.pcieSlotMap.push_back(hwtopod::PcieSlotEntry{word});
+            platform.hardware.readout.pcieSlotMap.push_back(
+                hwtopod::PcieSlotEntry{word});
         }
     }
-    platform.fpgaBlock0 = images.at(0).regs.data();
-    platform.fpgaBlock1 = images.at(1).regs.data();
+    platform.hardware.readout.fpgaBlock0 = images.at(0).regs.data();
+    platform.hardware.readout.fpgaBlock1 = images.at(1).regs.data();
 
     // As the hardware thread runs them, each step guarded the same way.
     try

@@ -97,21 +97,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
 
     // Found records the FRU name check looks through: a backplane and a
     // riser whose fields come from the input too.
-    match.backplanesFound = nullptr;
-    match.risersFound = nullptr;
+    match.discovery.backplanesFound = nullptr;
+    match.discovery.risersFound = nullptr;
     if (data.ConsumeBool())
     {
-        match.backplanesFound["backplanes"].push_back(
+        match.discovery.backplanesFound["backplanes"].push_back(
             {{"Connector", data.ConsumeIntegral<std::uint8_t>()},
              {"BackplaneId", data.ConsumeIntegral<std::uint16_t>()},
              {"BackplaneName", data.ConsumeRandomLengthString(16)}});
-        match.risersFound["risers"].push_back(
+        match.discovery.risersFound["risers"].push_back(
             {{"Connector", data.ConsumeIntegral<std::uint8_t>()},
              {"RiserSlot", data.ConsumeIntegral<std::int16_t>()},
              {"RiserName", data.ConsumeRandomLengthString(16)}});
     }
-    match.vpdMatchCompleted = data.ConsumeBool();
-    match.vpdObjects.clear();
+    match.discovery.vpdMatchCompleted = data.ConsumeBool();
+    match.discovery.vpdObjects.clear();
 
     hwtopod::VpdCache cache;
     const auto signals = data.ConsumeIntegralInRange<int>(1, 4);

@@ -17,9 +17,9 @@ namespace
 constexpr int discoveryAttempts = 5;
 constexpr unsigned discoveryRetrySeconds = 5;
 constexpr const char* consumerName = "monitor";
-// Minus one second: libgpiod turns it into a wait without a practical end,
-// and an empty result only leads to the next wait.
-constexpr std::chrono::nanoseconds eventWaitTimeout{-1'000'000'000};
+// Bounded so that the thread sees a stop request within a second; an empty
+// result only leads to the next wait.
+constexpr std::chrono::nanoseconds eventWaitTimeout{1'000'000'000};
 
 // One discovery attempt: finds the controller that holds the rows' lines and
 // selects its monitored lines. The controller's name when there is a line
@@ -116,10 +116,11 @@ void handleEvent(const std::vector<FpgaGpioEntry>& rows,
 
 void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
                        const std::vector<FpgaGpioEntry>& rows,
-                       const FaultLineReports& reports)
+                       const FaultLineReports& reports, std::stop_token stop)
 {
     std::string chipName;
-    for (int attempt = discoveryAttempts; attempt > 0 && chipName.empty();)
+    for (int attempt = discoveryAttempts;
+         attempt > 0 && chipName.empty() && !stop.stop_requested();)
     {
         try
         {
@@ -147,7 +148,7 @@ void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
     try
     {
         gpio.requestBothEdges(consumerName);
-        while (true)
+        while (!stop.stop_requested())
         {
             for (unsigned offset : gpio.waitForEvents(eventWaitTimeout))
             {

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -27,11 +28,12 @@ struct FaultLineReports
 };
 
 // Body of the monitor thread, over the lines of gpio; waits between
-// discovery attempts go through sleep. Returns
-// only when it gives up: after the last failed discovery attempt or on an
-// error while watching. Throws nothing of the standard exception family.
+// discovery attempts go through sleep. Returns when it gives up (after the
+// last failed discovery attempt or on an error while watching) or within a
+// second of a stop request. Throws nothing of the standard exception family.
 void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
                        const std::vector<FpgaGpioEntry>& rows,
-                       const FaultLineReports& reports);
+                       const FaultLineReports& reports,
+                       std::stop_token stop = {});
 
 } // namespace hwtopod

@@ -78,7 +78,7 @@ std::optional<CpuIdentity> identityOf(const VpdProperties& vpd)
         textOf(vpd, "SkuNumber"), textOf(vpd, "SSpecOrQdfNumber")};
 }
 
-void reportCpu1Missing(Base::CpuCheckState& state)
+void reportCpu1Missing(Base::DiscoveryState::CpuCheckState& state)
 {
     hwtopod::sendConfigMismatchEvent(
         DeviceType::Cpu, ConfigMismatchKind::ProcessorConfiguration, "1", "");
@@ -87,7 +87,8 @@ void reportCpu1Missing(Base::CpuCheckState& state)
     state.cpuPowerDenied = true;
 }
 
-void storeCpu1(Base::CpuCheckState& state, const CpuIdentity& cpu)
+void storeCpu1(Base::DiscoveryState::CpuCheckState& state,
+               const CpuIdentity& cpu)
 {
     state.cpu1CoreFeatureFlags = cpu.flags;
     state.cpu1CpuId = cpu.cpuId;
@@ -99,8 +100,8 @@ void storeCpu1(Base::CpuCheckState& state, const CpuIdentity& cpu)
 }
 
 // An installed CPU other than CPU 1, held against CPU 1.
-void compareWithCpu1(Base::CpuCheckState& state, std::uint64_t location,
-                     const CpuIdentity& cpu)
+void compareWithCpu1(Base::DiscoveryState::CpuCheckState& state,
+                     std::uint64_t location, const CpuIdentity& cpu)
 {
     const std::string number = std::to_string(location);
     if (cpu.cpuId == state.cpu1CpuId && cpu.stepping == state.cpu1Stepping &&
@@ -135,13 +136,13 @@ void compareWithCpu1(Base::CpuCheckState& state, std::uint64_t location,
 
 void Base::probeCpu(const std::string& path)
 {
-    auto& state = cpuCheck;
+    auto& state = discovery.cpuCheck;
     if (!state.cpuPowerDenied)
     {
         powerVote(true);
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logWarning() << "probeCpu: path " << path << " was not found";
         return;

@@ -36,11 +36,11 @@ std::uint64_t numberOrEnter(VpdProperties& vpd, const char* name)
 
 void Highvol::probeCachedVpdd()
 {
-    if (cachedVpdDone)
+    if (discovery.cachedVpdDone)
     {
         return;
     }
-    if (!hwDiscoveryDone)
+    if (!hwDiscoveryDone())
     {
         // The closing check compares VPD with the FPGA's picture: it waits
         // until the read-out and the presence analysis have ended. This runs
@@ -48,12 +48,15 @@ void Highvol::probeCachedVpdd()
         logInfo() << "probeCachedVpdd waits for the FPGA read-out";
         waitForHardwareDiscovery();
     }
+    // Taken now, so that the closing check knows the risers to confirm even
+    // when no probe looks at the picture before it.
+    fpgaPicture();
 
-    backplaneType = backplaneTypeOf(vpdObjects);
+    discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
 
     std::vector<std::string> paths;
-    paths.reserve(vpdObjects.size());
-    for (const auto& entry : vpdObjects)
+    paths.reserve(discovery.vpdObjects.size());
+    for (const auto& entry : discovery.vpdObjects)
     {
         paths.push_back(entry.first);
     }
@@ -71,7 +74,7 @@ void Highvol::probeCachedVpdd()
     }
 
     reportUnconfirmedRisers();
-    cachedVpdDone = true;
+    discovery.cachedVpdDone = true;
     // Tells a watcher of the log (the simulator, a field engineer) that the
     // boards have been walked and the books closed.
     logInfo() << "Board discovery has ended";
@@ -80,7 +83,7 @@ void Highvol::probeCachedVpdd()
 // One object of the cache, probed by its kind.
 void Highvol::probeCachedObject(const std::string& path)
 {
-    auto& vpd = vpdObjects.at(path);
+    auto& vpd = discovery.vpdObjects.at(path);
     const auto vpdId = numberOrEnter(vpd, "VpdId");
     const auto posId = numberOrEnter(vpd, "PosIdValue");
     logInfo() << "-> probeCachedVpdd : VPDID " << vpdId << ", POSID " << posId
@@ -112,7 +115,7 @@ void Highvol::probeCachedObject(const std::string& path)
 // gives for it.
 void Highvol::reportUnconfirmedRisers()
 {
-    for (const auto& [riser, queued] : fpgaMatchQueue)
+    for (const auto& [riser, queued] : discovery.fpgaMatchQueue)
     {
         const std::string name = "Slot " + std::to_string(riser) + " Riser";
         logError() << "BMC didn't detect PCIe Riser " << riser;
@@ -123,24 +126,24 @@ void Highvol::reportUnconfirmedRisers()
         {
             continue;
         }
-        const bool unconfirmed =
-            fpgaRiserSlots.test(riser - 1) && !vpdRiserSlots.test(riser - 1);
+        const bool unconfirmed = fpgaPicture().fpgaRiserSlots.test(riser - 1) &&
+                                 !discovery.vpdRiserSlots.test(riser - 1);
         if (!unconfirmed)
         {
             continue;
         }
-        for (const auto& entry : pcieSlotMap)
+        for (const auto& entry : fpgaPicture().pcieSlotMap)
         {
             if (!entry.isRiser() || entry.riser() != riser)
             {
                 continue;
             }
             const unsigned slot = entry.slot();
-            if (slot == 0 || slot > riserTopology.size())
+            if (slot == 0 || slot > fpgaPicture().riserTopology.size())
             {
                 continue;
             }
-            const auto& status = riserTopology[slot - 1];
+            const auto& status = fpgaPicture().riserTopology[slot - 1];
             if (status.cageMatch() == 0)
             {
                 logError()
@@ -157,7 +160,7 @@ void Highvol::reportUnconfirmedRisers()
                     << "PCIe <Slot " << riser
                     << " riser> has connection mismatch status for PCIe slot "
                     << slot;
-                if (oldRisers.test(riser - 1))
+                if (fpgaPicture().oldRisers.test(riser - 1))
                 {
                     hwtopod::sendConfigMismatchEvent(
                         DeviceType::SlotRiser,
@@ -187,11 +190,11 @@ void Highvol::sendBackplanePresence(const nlohmann::json& record)
                               connector, false);
 }
 
-rules::Selectors Highvol::selectors() const
+rules::Selectors Highvol::selectors()
 {
     rules::Selectors result;
-    result.backplaneType = backplaneType;
-    for (const auto& [side, name] : skuNames)
+    result.backplaneType = discovery.backplaneType;
+    for (const auto& [side, name] : fpgaPicture().skuNames)
     {
         (side == "Front" ? result.front : result.rear) = name;
     }
@@ -208,8 +211,8 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
     }
     const auto& vpd = *cached;
     auto select = selectors();
-    select.openLoop =
-        getFpgaDeviceState(hwtopod::deviceKey::kelvaneOpenLoopLeak);
+    select.openLoop = fpgaPicture().getFpgaDeviceState(
+        hwtopod::deviceKey::kelvaneOpenLoopLeak);
     auto match =
         rules::matchDynamicBoard(rules::Board::backplane, *backplanesData,
                                  *trdBackplanes, vpd, posId, select);
@@ -245,7 +248,7 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
             updateBackplaneStatus(id);
         }
     });
-    publishRecord(interface, std::move(match.record), backplanesFound,
+    publishRecord(interface, std::move(match.record), discovery.backplanesFound,
                   "backplanes", rules::backplanesFoundFile,
                   "Finally save BP json.");
 }
@@ -262,7 +265,7 @@ void Highvol::updateBackplaneStatus(std::uint8_t id)
     const std::string property =
         "BP_" + std::to_string(static_cast<unsigned>(id)) + "_INSTALLED";
     logInfo() << "Update backplane " << property << " status ";
-    backplaneInstalled[property] = true;
+    discovery.backplaneInstalled[property] = true;
     if (interface->isInitialized() && interface->hasProperty(property))
     {
         interface->setProperty(property, true);
@@ -312,8 +315,8 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
         updateFruName(path, vpdText(vpd, "VpdFormat"), DeviceType::PcieRiser,
                       static_cast<std::uint8_t>(*slot), name);
     });
-    publishRecord(interface, std::move(match.record), risersFound, "risers",
-                  rules::risersFoundFile, "Finally save riser json.");
+    publishRecord(interface, std::move(match.record), discovery.risersFound,
+                  "risers", rules::risersFoundFile, "Finally save riser json.");
 }
 
 // The riser number of a record, taken once: none when the record lacks it,
@@ -334,14 +337,14 @@ std::optional<std::uint64_t> Highvol::claimRiserSlot(
     }
     if (slot > 0)
     {
-        if (riserSlotsProbed.test(slot - 1))
+        if (discovery.riserSlotsProbed.test(slot - 1))
         {
             logError()
                 << "Riser slot index error, need review TRD, conflected to "
                 << slot;
             return std::nullopt;
         }
-        riserSlotsProbed.set(slot - 1);
+        discovery.riserSlotsProbed.set(slot - 1);
     }
     return slot;
 }
@@ -352,7 +355,7 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
                               const std::string& riserName, std::uint64_t slot,
                               bool riserPresent)
 {
-    const auto& status = riserTopology[slot - 1];
+    const auto& status = fpgaPicture().riserTopology[slot - 1];
     if (status.cageMatch() == 0)
     {
         if (!riserPresent)
@@ -380,7 +383,7 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
         text = "CEMA::" + cables[0].get<std::string>() +
                "::CEMB::" + cables[1].get<std::string>();
     }
-    if (oldRisers.test(slot - 1))
+    if (fpgaPicture().oldRisers.test(slot - 1))
     {
         hwtopod::sendConfigMismatchEvent(DeviceType::SlotRiser,
                                          ConfigMismatchKind::CableMisconnected,
@@ -405,7 +408,7 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         return;
     }
     const bool riserPresent = riserNumber >= 1 && riserNumber <= 64 &&
-                              riserPresence.test(riserNumber - 1);
+                              fpgaPicture().riserPresence.test(riserNumber - 1);
     linkRiserCardSlots(riser, riserName, riserPresent);
     confirmRiserConnector(riser, riserName, riserNumber);
 }
@@ -436,8 +439,8 @@ void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
         hwtopod::createI2cLink(
             seams.root, DeviceType::PcieCard, static_cast<unsigned>(slot),
             numberAs<unsigned>(riser.at("BUS")) + 1 + static_cast<unsigned>(i));
-        vpdRiserSlots.set(slot - 1);
-        if (slot > riserTopology.size())
+        discovery.vpdRiserSlots.set(slot - 1);
+        if (slot > fpgaPicture().riserTopology.size())
         {
             // A slot the FPGA has no status for: nothing to hold against it.
             continue;
@@ -468,12 +471,12 @@ void Highvol::confirmRiserConnector(const nlohmann::json& riser,
               << " was found in setting: " << connector;
     hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber,
                               connector, false);
-    auto queued = fpgaMatchQueue.find(riserNumber);
-    if (queued != fpgaMatchQueue.end())
+    auto queued = discovery.fpgaMatchQueue.find(riserNumber);
+    if (queued != discovery.fpgaMatchQueue.end())
     {
         logInfo() << "FPGA also detected " << displayName;
-        fpgaMatchQueue.erase(queued);
-        logInfo() << "Remain " << fpgaMatchQueue.size()
+        discovery.fpgaMatchQueue.erase(queued);
+        logInfo() << "Remain " << discovery.fpgaMatchQueue.size()
                   << " PCIe Slot Riser(s) in FPGA match queue";
     }
     else

@@ -84,7 +84,8 @@ void Base::powerFaultDetect()
     }
 }
 
-void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows)
+void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows,
+                       std::stop_token stop)
 {
     logInfo() << "Base::gpioMonitor()";
     hwtopod::FaultLineReports reports;
@@ -95,12 +96,14 @@ void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows)
     reports.controllerReady = [this](const std::string& chipName) {
         gpioChipName = chipName;
     };
-    hwtopod::monitorFaultLines(*seams.gpio, seams.sleep, rows, reports);
+    hwtopod::monitorFaultLines(*seams.gpio, seams.sleep, rows, reports,
+                               std::move(stop));
 }
 
 void Base::setDevicePresence()
 {
-    if (!hwDiscoveryDone || devicePresencePublished)
+    const auto readout = hwDiscoveryDone();
+    if (!readout || service.devicePresencePublished)
     {
         return;
     }
@@ -112,7 +115,7 @@ void Base::setDevicePresence()
         {
             return;
         }
-        for (const auto& [key, device] : fpgaDevices)
+        for (const auto& [key, device] : readout->fpgaDevices)
         {
             // Names such as the liquid leak rows' are no member names.
             if (hwtopod::dbus::isValidMemberName(device.name))
@@ -121,7 +124,7 @@ void Base::setDevicePresence()
             }
         }
         interface->initialize();
-        devicePresencePublished = true;
+        service.devicePresencePublished = true;
     }
     catch (const std::exception& e)
     {
@@ -132,11 +135,12 @@ void Base::setDevicePresence()
 
 void Base::remedyChassisCloseEvent()
 {
-    if (!hwDiscoveryDone || chassisCloseRemedied)
+    const auto readout = hwDiscoveryDone();
+    if (!readout || service.chassisCloseRemedied)
     {
         return;
     }
-    for (const auto& [key, device] : fpgaDevices)
+    for (const auto& [key, device] : readout->fpgaDevices)
     {
         if (device.name == "INTRUSSION_CONN" && !device.state)
         {
@@ -167,7 +171,7 @@ void Base::remedyChassisCloseEvent()
         sleepSeconds(chassisCloseDelaySeconds);
         hwtopod::sendChassisClosedEvent(getProductName());
     }
-    chassisCloseRemedied = true;
+    service.chassisCloseRemedied = true;
 }
 
 void Highvol::powerFaultMonitor()
@@ -182,13 +186,15 @@ void Highvol::powerFaultMonitor()
                 rows.push_back(row);
             }
         }
-        if (gpioThread)
+        if (gpioThread.joinable())
         {
             return;
         }
         // The thread owns its copy of the rows; this list ends here.
-        gpioThread = std::make_shared<std::thread>(
-            [this, rows = std::move(rows)]() { gpioMonitor(rows); });
+        gpioThread = std::jthread(
+            [this, rows = std::move(rows)](std::stop_token stop) {
+            gpioMonitor(rows, std::move(stop));
+        });
         logInfo() << "Thread for gpioMonitor is forked";
     }
     catch (const std::exception& e)

@@ -112,8 +112,8 @@ void Highvol::fpgaDump()
             }
             sleepSeconds(1);
         }
-        fpgaBlock0 = images.at(localDevice).regs.data();
-        fpgaBlock1 = images.at(remoteDevice).regs.data();
+        hardware.readout.fpgaBlock0 = images.at(localDevice).regs.data();
+        hardware.readout.fpgaBlock1 = images.at(remoteDevice).regs.data();
     }
     catch (const std::exception& e)
     {
@@ -133,7 +133,7 @@ void Highvol::hwDeviceDiscovery()
         row.present = row.inverted != (value != 0);
         logInfo() << key << ". hwDeviceDiscovery: device " << row.name
                   << (row.present ? " is present" : " is absent");
-        fpgaDevices[key] = DeviceState{row.name, row.present};
+        hardware.readout.fpgaDevices[key] = DeviceState{row.name, row.present};
     }
 }
 
@@ -148,11 +148,13 @@ void Highvol::readRiserTopology()
     }
     const std::uint8_t* regs = remote.regs.data();
 
-    pcieCardPresence = bitsetFromBytes(chars(regs + at(25, 12)), 3);
+    hardware.readout.pcieCardPresence =
+        bitsetFromBytes(chars(regs + at(25, 12)), 3);
     logInfo()
         << "Dump FPGA riser presence from Block 25 offset 0C to offset 0E";
     logInfo() << hexDump(chars(regs + at(25, 12)), 3, 16);
-    logInfo() << "pcieCardPrsnt " << bitsetString(pcieCardPresence);
+    logInfo() << "pcieCardPrsnt "
+              << bitsetString(hardware.readout.pcieCardPresence);
 
     const auto adi = images.find(adiDevice);
     if (adi == images.end() || !adi->second.valid)
@@ -170,42 +172,46 @@ void Highvol::readRiserTopology()
 void Highvol::readRiserStatus(const std::uint8_t* regs)
 {
     logInfo() << "Dump FPGA riser topology map from Block 24 offset 01";
-    logInfo() << hexDump(chars(regs + at(24, 0)), riserTopology.size(), 16);
-    for (std::size_t i = 0; i < riserTopology.size(); ++i)
+    logInfo() << hexDump(chars(regs + at(24, 0)),
+                         hardware.readout.riserTopology.size(), 16);
+    for (std::size_t i = 0; i < hardware.readout.riserTopology.size(); ++i)
     {
-        riserTopology[i] = hwtopod::RiserTopologyEntry{};
-        riserTopology[i].bytes[3] = regs[at(24, 0) + i];
+        hardware.readout.riserTopology[i] = hwtopod::RiserTopologyEntry{};
+        hardware.readout.riserTopology[i].bytes[3] = regs[at(24, 0) + i];
     }
-    riserPresence = bitsetFromBytes(chars(regs + at(25, 8)), 3);
+    hardware.readout.riserPresence =
+        bitsetFromBytes(chars(regs + at(25, 8)), 3);
     logInfo() << "Dump FPGA riser presence from Block 25 offset 08";
     logInfo() << hexDump(chars(regs + at(25, 8)), 3, 16);
-    logInfo() << "Riser presence " << bitsetString(riserPresence);
+    logInfo() << "Riser presence "
+              << bitsetString(hardware.readout.riserPresence);
 }
 
 // The riser status from block 20 and the topology map of the ADI block.
 void Highvol::readRiserAdiMap(const std::uint8_t* regs, const std::uint8_t* map)
 {
     logInfo() << "Riser ADI block is ready, read Riser status from block 20/25";
-    pciePairing = bitsetFromBytes(chars(regs + at(20, 4)), 4);
-    riserPresence = bitsetFromBytes(chars(regs + at(20, 1)), 3);
+    hardware.readout.pciePairing = bitsetFromBytes(chars(regs + at(20, 4)), 4);
+    hardware.readout.riserPresence =
+        bitsetFromBytes(chars(regs + at(20, 1)), 3);
     logInfo()
         << "Dump FPGA riser presence from Block 20 offset 01 to offset 03";
     logInfo() << hexDump(chars(regs + at(20, 1)), 3, 16);
     logInfo() << "Dump FPGA PCIe pairing from Block 20 offset 04 to offset 07";
     logInfo() << hexDump(chars(regs + at(20, 4)), 4, 16);
 
-    constexpr std::size_t mapSize = sizeof(riserTopology);
+    constexpr std::size_t mapSize = sizeof(hardware.readout.riserTopology);
     static_assert(mapSize == 96);
-    std::memcpy(riserTopology.data(), map, mapSize);
-    for (std::size_t i = 0; i < riserTopology.size(); ++i)
+    std::memcpy(hardware.readout.riserTopology.data(), map, mapSize);
+    for (std::size_t i = 0; i < hardware.readout.riserTopology.size(); ++i)
     {
         // No expected connector for cable A: a riser without ADI data.
-        if (riserTopology[i].aExpected() == 0)
+        if (hardware.readout.riserTopology[i].aExpected() == 0)
         {
-            oldRisers.set(i);
+            hardware.readout.oldRisers.set(i);
         }
     }
-    logInfo() << "Old Riser " << bitsetString(oldRisers);
+    logInfo() << "Old Riser " << bitsetString(hardware.readout.oldRisers);
     logInfo() << "Dump FPGA riser topology map from Block 20 offset 08 ADI";
     logInfo() << hexDump(chars(map), mapSize, 4);
 }
@@ -235,14 +241,15 @@ void Highvol::getFpgaFanInfo()
 void Highvol::refreshFpgaBlock12()
 {
     // Without a finished fpgaDump there is no image to refresh.
-    if (fpgaBlock1 == nullptr)
+    if (hardware.readout.fpgaBlock1 == nullptr)
     {
         return;
     }
     // The result is not looked at: a failed read leaves the block as it was
     // or partly written, and nothing reads the refreshed bytes at present.
     seams.registers->readRemote(
-        0, 12, 0, std::span<std::uint8_t>(fpgaBlock1 + at(12, 0), 16));
+        0, 12, 0,
+        std::span<std::uint8_t>(hardware.readout.fpgaBlock1 + at(12, 0), 16));
 }
 
 void Highvol::applyPlatformCoolingSettings()
@@ -269,17 +276,7 @@ void Highvol::applyPlatformCoolingSettings()
 
 bool Base::getFpgaDeviceState(std::uint32_t key)
 {
-    try
-    {
-        const DeviceState& device = fpgaDevices.at(key);
-        logInfo() << device.name << (device.state ? " is set" : " is unset");
-        return device.state;
-    }
-    catch (const std::exception& e)
-    {
-        logError() << "Exception in getFpgaDeviceState: " << e.what();
-    }
-    return false;
+    return hardware.readout.getFpgaDeviceState(key);
 }
 
 } // namespace Platform

@@ -63,7 +63,7 @@ static_assert(slotMapKeysFree());
 constexpr bool riserPositionsInTopology()
 {
     constexpr std::size_t positions =
-        std::tuple_size_v<decltype(Highvol::riserTopology)>;
+        std::tuple_size_v<decltype(FpgaReadout::riserTopology)>;
     for (const auto& entry : kelvane1uSlotMap)
     {
         if (entry.isRiser() &&
@@ -83,9 +83,15 @@ Kelvane1u::Kelvane1u(Seams seams, const MachineDefinition& machine) :
     Highvol(std::move(seams), machine)
 {}
 
+Kelvane1u::~Kelvane1u()
+{
+    stopThreads();
+}
+
 void Kelvane1u::initPcieSlotMap()
 {
-    pcieSlotMap.assign(kelvane1uSlotMap.begin(), kelvane1uSlotMap.end());
+    hardware.readout.pcieSlotMap.assign(kelvane1uSlotMap.begin(),
+                                        kelvane1uSlotMap.end());
 }
 
 void Kelvane1u::serviceSetup()
@@ -99,22 +105,27 @@ void Kelvane1u::serviceSetup()
 void Kelvane1u::getSkuConfig()
 {
     // An image that was never read holds zeros.
-    const bool rearM2 = fpgaBlock1 != nullptr &&
-                        (fpgaBlock1[remoteSkuByte] & 0x01) != 0;
-    skuRearConfig = rearM2 ? 1 : 0;
-    skuNames["Rear"] = rearM2 ? "SkuRearM2" : "SkuRearDefault";
+    const bool rearM2 =
+        hardware.readout.fpgaBlock1 != nullptr &&
+        (hardware.readout.fpgaBlock1[remoteSkuByte] & 0x01) != 0;
+    hardware.readout.skuRearConfig = rearM2 ? 1 : 0;
+    hardware.readout.skuNames["Rear"] = rearM2 ? "SkuRearM2" : "SkuRearDefault";
 
-    const bool frontRiser = (riserPresence.to_ullong() & 0x18) != 0;
-    skuFrontConfig = frontRiser ? 2 : 3;
-    skuNames["Front"] = frontRiser ? "SkuFront2Slot" : "SkuNonFrontRiser";
+    const bool frontRiser =
+        (hardware.readout.riserPresence.to_ullong() & 0x18) != 0;
+    hardware.readout.skuFrontConfig = frontRiser ? 2 : 3;
+    hardware.readout.skuNames["Front"] =
+        frontRiser ? "SkuFront2Slot" : "SkuNonFrontRiser";
 
-    logInfo() << "[kelvane1u] getSkuConfig skuRearConfig: " << skuRearConfig;
-    logInfo() << "[kelvane1u] getSkuConfig skuFrontConfig: " << skuFrontConfig;
+    logInfo() << "[kelvane1u] getSkuConfig skuRearConfig: "
+              << hardware.readout.skuRearConfig;
+    logInfo() << "[kelvane1u] getSkuConfig skuFrontConfig: "
+              << hardware.readout.skuFrontConfig;
 
     // The probes select rules by these names; the machine runs them with
     // none selected.
-    skuNames["Rear"] = "NONE";
-    skuNames["Front"] = "NONE";
+    hardware.readout.skuNames["Rear"] = "NONE";
+    hardware.readout.skuNames["Front"] = "NONE";
 }
 
 } // namespace Platform

@@ -37,7 +37,7 @@ class Kelvane1u : public Highvol
   public:
     explicit Kelvane1u(Seams seams,
                        const MachineDefinition& machine = kelvane1uDefinition);
-    ~Kelvane1u() override = default;
+    ~Kelvane1u() override;
 
     Kelvane1u(const Kelvane1u&) = delete;
     Kelvane1u& operator=(const Kelvane1u&) = delete;

@@ -89,18 +89,28 @@ Base::Base(Seams seams, const MachineDefinition& machine) :
 
 Base::~Base()
 {
-    // The worker may be waiting on the io thread: stop it first.
-    discoveryWorker.reset();
-    io.stop();
-    if (ioThread && ioThread->joinable())
-    {
-        ioThread->join();
-    }
+    stopThreads();
     // Matches and interfaces go before the connection they live on.
     dbusMatches.clear();
     dbusInterfaces.clear();
     objectServer.reset();
     connection.reset();
+}
+
+void Base::stopThreads()
+{
+    if (gpioThread.joinable())
+    {
+        gpioThread.request_stop();
+        gpioThread.join();
+    }
+    // The worker may be waiting on the io thread: stop it first.
+    discoveryWorker.reset();
+    if (ioThread.joinable())
+    {
+        ioThread.request_stop();
+        ioThread.join();
+    }
 }
 
 void Base::getHardwareRevision()
@@ -126,8 +136,8 @@ void Base::probeCachedVpdd()
     // Copy the paths: a probe may not change the map, but the walk must not
     // depend on that.
     std::vector<std::string> paths;
-    paths.reserve(vpdObjects.size());
-    for (const auto& entry : vpdObjects)
+    paths.reserve(discovery.vpdObjects.size());
+    for (const auto& entry : discovery.vpdObjects)
     {
         paths.push_back(entry.first);
     }
@@ -226,11 +236,12 @@ void Base::serviceRun()
         logInfo() << "Base::serviceInit was notexecuted";
         return;
     }
-    if (ioThread)
+    if (ioThread.joinable())
     {
         return;
     }
-    ioThread = std::make_shared<std::thread>([this]() {
+    ioThread = std::jthread([this](std::stop_token stop) {
+        const std::stop_callback stopIo(stop, [this]() { io.stop(); });
         try
         {
             connection->runLoop();
@@ -264,11 +275,33 @@ void Base::waitForServiceSetup()
 
 void Base::markHardwareDiscovered()
 {
+    auto readout = std::make_shared<const FpgaReadout>(hardware.readout);
     {
         std::lock_guard lock(stateMutex);
-        hwDiscoveryDone = true;
+        handedOver = std::move(readout);
     }
     stateChanged.notify_all();
+}
+
+std::shared_ptr<const FpgaReadout> Base::hwDiscoveryDone() const
+{
+    std::lock_guard lock(stateMutex);
+    return handedOver;
+}
+
+const FpgaReadout& Base::fpgaPicture()
+{
+    if (!discovery.fpga)
+    {
+        discovery.fpga = hwDiscoveryDone();
+        if (!discovery.fpga)
+        {
+            static const FpgaReadout none;
+            return none;
+        }
+        discovery.fpgaMatchQueue = discovery.fpga->fpgaMatchQueue;
+    }
+    return *discovery.fpga;
 }
 
 void Base::waitForHardwareDiscovery()
@@ -278,12 +311,11 @@ void Base::waitForHardwareDiscovery()
     // hardwareWaitLimit discovery goes on with the picture there is (riser
     // checks then see no FPGA riser); three minutes is well past a slow
     // FPGA start and short enough for a technician waiting on the boards.
-    // A read-out that still ends after the bound writes the riser fields
-    // while discovery reads them: the bound is for an FPGA that never
-    // comes, not for a slow one.
+    // A read-out that still ends after the bound is taken by the next
+    // discovery step that looks at the picture.
     std::unique_lock lock(stateMutex);
     if (!stateChanged.wait_for(lock, hardwareWaitLimit, [this]() {
-            return hwDiscoveryDone.load();
+            return handedOver != nullptr;
         }))
     {
         logWarning() << "Board discovery waited " << hardwareWaitLimit.count()

@@ -7,6 +7,7 @@
 #include "common/worker.hpp"
 #include "dbus/bus.hpp"
 #include "events/events.hpp"
+#include "fpgaReadout.hpp"
 #include "machineDefinition.hpp"
 #include "monitor/faultTable.hpp"
 #include "rules/matcher.hpp"
@@ -24,6 +25,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -49,17 +51,12 @@ using hwtopod::VpdProperties;
 // publishing, rule documents, the VPD cache, the device-state table and the
 // found-hardware documents.
 //
-// Threads and locks. The machine definition is a constant value.
-// Everything the daemon publishes goes through the connection's
-// run(), so the bus is used by one thread at a time. VPD discovery (the
-// match callback's work, probeCachedVpdd and the probes) runs on
-// discoveryWorker only: the io thread hands each signal to it, and on a
-// restart the hardware thread hands it the objects it read, so the cache and
-// the found-hardware documents have a single writer and need no lock.
-// Journal records are sent under a mutex of their own (events.cpp), and
-// productName has one too. The FPGA-derived members
-// are written by the hardware thread before hwDiscoveryDone, an atomic flag
-// that orders every later reader after them.
+// Run-time state is grouped by the thread that owns it: `hardware` for the
+// hardware thread, `discovery` for the VPD discovery worker, `service` for the
+// service thread; state that several threads share sits beside the mutex that
+// guards it (stateMutex, productNameMutex). The machine definition is a
+// constant value. Everything the daemon publishes goes through the
+// connection's run(), so the bus is used by one thread at a time.
 class Base
 {
   public:
@@ -124,9 +121,12 @@ class Base
     // Blocks until serviceSetup has run (rule documents, vpdReadyPath).
     void waitForServiceSetup();
 
-    // Sets hwDiscoveryDone once the FPGA read-out has ended, and wakes a
-    // discovery that waits for it.
+    // Hands the hardware thread's read-out over as a value nobody changes
+    // again, and wakes a discovery that waits for it. Called again, it hands
+    // over a fresh copy; a discovery that has taken one keeps it.
     void markHardwareDiscovered();
+    // The read-out handed over, or null while the hardware thread reads.
+    std::shared_ptr<const FpgaReadout> hwDiscoveryDone() const;
     void waitForHardwareDiscovery();
     std::chrono::seconds hardwareWaitLimit{180};
 
@@ -150,77 +150,96 @@ class Base
     void updateProductName();
 
     // FPGA device states.
+    // The hardware thread's reading of its own read-out.
     bool getFpgaDeviceState(std::uint32_t key);
 
     // Fault monitoring, device presence, chassis intrusion.
     void powerFaultDetect();
-    void gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows);
+    void gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows,
+                     std::stop_token stop = {});
     void setDevicePresence();
     void remedyChassisCloseEvent();
 
     std::string getProductName() const;
 
-    // What the CPU check remembers from call to call: CPU 1's values and
-    // the vote and event already cast.
-    struct CpuCheckState
+    // The hardware thread's own: the FPGA read-out it fills before handing
+    // it over.
+    struct HardwareThreadState
     {
-        bool cpuPowerDenied = false;
-        bool cpu1Stored = false;
-        std::uint64_t cpu1CoreFeatureFlags = 0;
-        std::uint64_t cpu1CpuId = 0;
-        std::uint64_t cpu1Stepping = 0;
-        std::string cpu1SkuNumber;
-        std::string cpu1SSpecOrQdfNumber;
-        bool cpuFeatureMismatchSent = false;
+        FpgaReadout readout;
     };
-    CpuCheckState cpuCheck;
+    HardwareThreadState hardware;
+
+    // The VPD discovery worker's own. The match callback and the restart's
+    // read of the VPD service hand their work to it, so everything here has
+    // one writer and needs no lock.
+    struct DiscoveryState
+    {
+        // The read-out as discovery took it (see fpgaPicture).
+        std::shared_ptr<const FpgaReadout> fpga;
+        boost::container::flat_map<std::string, VpdProperties> vpdObjects;
+        bool vpdMatchCompleted = false;
+        // On a restart: waitForVpd has read the service and run discovery.
+        bool vpdReadoutDone = false;
+        std::string backplaneType = "NONE";
+        nlohmann::json backplanesFound;
+        nlohmann::json risersFound;
+        nlohmann::json midplanesFound;
+        std::map<std::string, bool> backplaneInstalled;
+        // Risers the FPGA detected that no VPD has confirmed yet.
+        std::map<std::uint32_t, std::string> fpgaMatchQueue;
+        hwtopod::bitset64 riserSlotsProbed;
+        hwtopod::bitset64 vpdRiserSlots;
+        bool cachedVpdDone = false;
+        // What the CPU check remembers from call to call: CPU 1's values and
+        // the vote and event already cast.
+        struct CpuCheckState
+        {
+            bool cpuPowerDenied = false;
+            bool cpu1Stored = false;
+            std::uint64_t cpu1CoreFeatureFlags = 0;
+            std::uint64_t cpu1CpuId = 0;
+            std::uint64_t cpu1Stepping = 0;
+            std::string cpu1SkuNumber;
+            std::string cpu1SSpecOrQdfNumber;
+            bool cpuFeatureMismatchSent = false;
+        };
+        CpuCheckState cpuCheck;
+    };
+    DiscoveryState discovery;
+    // VPD discovery's view of the FPGA read-out: the value handed over,
+    // taken at the first use after the handover, which also starts
+    // discovery's own queue of risers to confirm. Before the handover (the
+    // wait for it is bounded) an empty picture.
+    const FpgaReadout& fpgaPicture();
+
+    // The service thread's own.
+    struct ServiceThreadState
+    {
+        bool chassisCloseRemedied = false;
+        bool devicePresencePublished = false;
+    };
+    ServiceThreadState service;
 
     // What this machine is; never changes.
     const MachineDefinition definition;
     std::uint64_t motherboardRevisionBase = 0;
     long upTimeSeconds = 0;
-    // Service thread only.
-    bool chassisCloseRemedied = false;
-    // Set once by the hardware thread after the FPGA read-out. Atomic, and
-    // set under stateMutex by markHardwareDiscovered: a reader that sees it
-    // true (setDevicePresence, remedyChassisCloseEvent, probeCachedVpdd)
-    // sees every FPGA-derived member written before it.
-    std::atomic<bool> hwDiscoveryDone = false;
-    // Service thread only.
-    bool devicePresencePublished = false;
-    // No lock: written by the hardware thread only, and only before
-    // hwDiscoveryDone (device table scan, presence analysis); every other
-    // thread reads it only after seeing hwDiscoveryDone, and nothing writes
-    // it afterwards.
-    std::map<std::uint32_t, DeviceState> fpgaDevices;
     // Written by the constructor before any thread starts.
     bool normalStart = true;
-    // VPD discovery only (one thread at a time, see vpdObjects).
-    bool vpdMatchCompleted = false;
-    // On a restart: waitForVpd has read the service and run discovery.
-    bool vpdReadoutDone = false;
     boost::asio::io_context io;
     std::string serviceName;
-    // No lock: one writer at a time. The match callback and the restart's
-    // read of the VPD service hand their merge to VPD discovery, whose work
-    // runs one task after the other; the probes that read it run there too.
-    boost::container::flat_map<std::string, VpdProperties> vpdObjects;
     // Guarded by stateMutex: added to by the hardware thread (platform
     // information), the service thread (service objects, device presence)
     // and VPD discovery (boards), and looked up by all three.
     std::map<std::pair<std::string, std::string>,
              std::shared_ptr<hwtopod::dbus::Interface>>
         dbusInterfaces;
-    std::map<std::string, bool> backplaneInstalled;
     std::shared_ptr<hwtopod::dbus::ObjectServer> objectServer;
     std::shared_ptr<hwtopod::dbus::Connection> connection;
-    std::shared_ptr<std::thread> ioThread;
-    std::shared_ptr<std::thread> gpioThread;
-    // No lock: appended to by the probes and copied by the FRU name check,
-    // all of them VPD discovery, which has a single writer (see vpdObjects).
-    nlohmann::json backplanesFound;
-    nlohmann::json risersFound;
-    nlohmann::json midplanesFound;
+    // Held so that destruction stops and joins them (stopThreads).
+    std::jthread ioThread;
+    std::jthread gpioThread;
     std::shared_ptr<nlohmann::json> bpTrdRules;
     std::shared_ptr<nlohmann::json> trdBackplanes;
     std::shared_ptr<nlohmann::json> trdRisers;
@@ -231,9 +250,7 @@ class Base
     std::map<std::string, std::unique_ptr<hwtopod::dbus::Match>> dbusMatches;
     std::string bpTrdRulesFile;
     std::string vpdReadyPath;
-    std::string backplaneType = "NONE";
     std::string gpioChipName;
-    std::string productName = "Vantarack";
 
   protected:
     // The cached VPD object of path, when the rule documents of its probe
@@ -244,6 +261,12 @@ class Base
         const std::shared_ptr<nlohmann::json>& topology,
         const std::string& path, std::string_view notLoaded,
         std::string_view prober) const;
+
+    // Stops the threads the object started and waits for them: the GPIO
+    // monitor, VPD discovery, the io thread. Each derived class that the
+    // threads call into runs it in its destructor, so no thread sees a
+    // half-destroyed object; later calls find nothing to stop.
+    void stopThreads();
 
     // Logs what the matcher said. A match that failed on the VPD object
     // throws, to be reported for that object; false when there is no match.
@@ -296,8 +319,10 @@ class Base
     mutable std::mutex stateMutex;
     std::condition_variable stateChanged;
     bool serviceSetupDone = false;
-    // productName is written on the io thread and read on the service thread.
+    std::shared_ptr<const FpgaReadout> handedOver;
+    // Written by VPD discovery, read on the service thread.
     mutable std::mutex productNameMutex;
+    std::string productName = "Vantarack";
 };
 
 } // namespace Platform

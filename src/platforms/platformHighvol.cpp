@@ -9,10 +9,11 @@ Highvol::Highvol(Seams seams, const MachineDefinition& machine) :
     Base(std::move(seams), machine)
 {
     gpioChipName = "gpiochip6";
-    skuNames["Front"] = "NONE";
-    skuNames["Rear"] = "NONE";
 }
 
-Highvol::~Highvol() = default;
+Highvol::~Highvol()
+{
+    stopThreads();
+}
 
 } // namespace Platform

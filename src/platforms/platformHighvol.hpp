@@ -20,8 +20,8 @@ inline constexpr MachineDefinition highvolDefinition{
     .maxInternalM2 = 1,
 };
 
-// The volume-server family: riser and PCIe bit sets, the riser topology
-// table, SKU state and the FPGA read-out.
+// The volume-server family: the riser and PCIe read-out of the FPGA, the
+// presence analysis, SKU selection and the dynamic probes.
 class Highvol : public Base
 {
   public:
@@ -72,38 +72,11 @@ class Highvol : public Base
     std::optional<std::uint64_t> claimRiserSlot(const nlohmann::json& record,
                                                 const std::string& name);
     // The machine's selectors of topology entries, but for the open loop.
-    hwtopod::rules::Selectors selectors() const;
+    hwtopod::rules::Selectors selectors();
     // Sets BP_<id>_INSTALLED on the backplane status object.
     void updateBackplaneStatus(std::uint8_t id);
 
     void powerFaultMonitor();
-
-    // No lock on the members below. The read-out fields, skuNames and
-    // fpgaMatchQueue are written by the hardware thread before
-    // hwDiscoveryDone; VPD discovery waits for that flag (for a bounded
-    // time, see waitForHardwareDiscovery) in probeCachedVpdd
-    // and is from then on their only user (it takes risers off
-    // fpgaMatchQueue and fills vpdRiserSlots, riserSlotsProbed and
-    // cachedVpdDone).
-    int skuRearConfig = 0;
-    int skuFrontConfig = 0;
-    bitset64 riserSlotsProbed;
-    bitset64 vpdRiserSlots;
-    bitset64 fpgaRiserSlots;
-    bitset64 cageMismatch;
-    bitset64 cableMismatch;
-    bitset64 oldRisers;
-    bitset64 riserPresence;
-    bitset64 pcieCardPresence;
-    bitset64 pciePairing;
-    std::array<hwtopod::RiserTopologyEntry, 24> riserTopology{};
-    std::vector<hwtopod::PcieSlotEntry> pcieSlotMap;
-    std::map<std::string, std::string> skuNames;
-    bool cachedVpdDone = false;
-    std::map<std::uint32_t, std::string> fpgaMatchQueue;
-    // The regs of the images of FPGA devices 0 and 1, set by fpgaDump.
-    std::uint8_t* fpgaBlock0 = nullptr;
-    std::uint8_t* fpgaBlock1 = nullptr;
 };
 
 } // namespace Platform

@@ -71,16 +71,17 @@ void judgeCable(const std::string& device, unsigned expected, unsigned actual,
 
 void Highvol::checkPresence()
 {
-    logInfo() << "Riser presence:" << hwtopod::bitsetString(riserPresence);
+    logInfo() << "Riser presence:"
+              << hwtopod::bitsetString(hardware.readout.riserPresence);
     logInfo() << "PCIe card presence:"
-              << hwtopod::bitsetString(pcieCardPresence);
+              << hwtopod::bitsetString(hardware.readout.pcieCardPresence);
 
     // Positions outside the topology table read as an all-zero entry.
     RiserTopologyEntry outside{};
     auto entryAt = [&](unsigned position) -> RiserTopologyEntry& {
-        if (position >= 1 && position <= riserTopology.size())
+        if (position >= 1 && position <= hardware.readout.riserTopology.size())
         {
-            return riserTopology[position - 1];
+            return hardware.readout.riserTopology[position - 1];
         }
         outside = RiserTopologyEntry{};
         return outside;
@@ -90,7 +91,7 @@ void Highvol::checkPresence()
     // install event.
     std::vector<unsigned> risersSeen;
 
-    for (const auto& mapEntry : pcieSlotMap)
+    for (const auto& mapEntry : hardware.readout.pcieSlotMap)
     {
         const unsigned slot = mapEntry.slot();
         const unsigned device = mapEntry.device();
@@ -100,8 +101,9 @@ void Highvol::checkPresence()
         {
             const unsigned riser = mapEntry.riser();
             RiserTopologyEntry& slotEntry = entryAt(slot);
-            logRiserStatus(riser, slot, bitAt(riserPresence, slot),
-                           bitAt(oldRisers, riser), slotEntry);
+            logRiserStatus(riser, slot,
+                           bitAt(hardware.readout.riserPresence, slot),
+                           bitAt(hardware.readout.oldRisers, riser), slotEntry);
 
             if (!mapEntry.checksCage())
             {
@@ -117,24 +119,24 @@ void Highvol::checkPresence()
                 slotEntry.setCableMatch();
             }
 
-            const bool installed = bitAt(riserPresence, slot);
+            const bool installed = bitAt(hardware.readout.riserPresence, slot);
             if (installed)
             {
-                setBitAt(fpgaRiserSlots, riser);
-                fpgaMatchQueue.try_emplace(
+                setBitAt(hardware.readout.fpgaRiserSlots, riser);
+                hardware.readout.fpgaMatchQueue.try_emplace(
                     riser, "Slot_" + std::to_string(riser) + "_Riser");
                 if (mapEntry.checksCage() && slotEntry.cageMatch() == 0)
                 {
                     logInfo() << "Riser " << riser << " for PCIe slot " << slot
                               << " configuration is mismatched, Cage ID error";
-                    setBitAt(cageMismatch, slot);
+                    setBitAt(hardware.readout.cageMismatch, slot);
                 }
                 if (mapEntry.checksCable() && slotEntry.cableMatch() == 0)
                 {
                     logInfo()
                         << "Riser " << riser << " for PCIe slot " << slot
                         << " configuration is mismatched, connectors error";
-                    setBitAt(cableMismatch, slot);
+                    setBitAt(hardware.readout.cableMismatch, slot);
                 }
                 if (std::find(risersSeen.begin(), risersSeen.end(), riser) ==
                     risersSeen.end())
@@ -144,7 +146,7 @@ void Highvol::checkPresence()
                 }
             }
 
-            if (bitAt(pcieCardPresence, slot))
+            if (bitAt(hardware.readout.pcieCardPresence, slot))
             {
                 logInfo() << "Pcie card in slot " << slot << " is installed";
                 hwtopod::sendPresentEvent(DeviceType::PcieCard, true, slot, "",
@@ -156,11 +158,12 @@ void Highvol::checkPresence()
             // The cable check looks at the riser's own position, whose
             // CableM is already forced where no check is asked for.
             const RiserTopologyEntry& riserEntry = entryAt(riser);
-            if (!bitAt(oldRisers, riser) && bitAt(riserPresence, riser) &&
+            if (!bitAt(hardware.readout.oldRisers, riser) &&
+                bitAt(hardware.readout.riserPresence, riser) &&
                 riserEntry.cableMatch() == 0)
             {
                 const std::string name = "PCIe Slot " + std::to_string(riser);
-                if (!bitAt(pciePairing, riser))
+                if (!bitAt(hardware.readout.pciePairing, riser))
                 {
                     judgeCable(name, riserEntry.aExpected(),
                                riserEntry.aActual(), "");
@@ -174,8 +177,9 @@ void Highvol::checkPresence()
                 }
             }
 
-            fpgaDevices[deviceKey::riserKeyBase + riser] = DeviceState{
-                "RISER_" + std::to_string(riser) + "_INSTALLED", installed};
+            hardware.readout.fpgaDevices[deviceKey::riserKeyBase + riser] =
+                DeviceState{"RISER_" + std::to_string(riser) + "_INSTALLED",
+                            installed};
         }
         else if (mapEntry.isCff())
         {
@@ -216,7 +220,7 @@ void Highvol::checkPresence()
 
         if (slot != 0)
         {
-            fpgaDevices[deviceKey::slotKeyBase + slot] =
+            hardware.readout.fpgaDevices[deviceKey::slotKeyBase + slot] =
                 DeviceState{"SLOT_" + std::to_string(slot) + "_ADAPTER_PRSNT",
                             adapterPresent};
         }

@@ -39,8 +39,8 @@ std::string backplaneTypeOf(const hwtopod::VpdCache& objects)
 
 void Base::probeVpdd(const std::string& path)
 {
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logInfo() << "probeVpdd: path " << path << " was not found";
         return;
@@ -103,8 +103,8 @@ const VpdProperties* Base::cachedVpd(
         logError() << notLoaded;
         return nullptr;
     }
-    auto found = vpdObjects.find(path);
-    if (found == vpdObjects.end())
+    auto found = discovery.vpdObjects.find(path);
+    if (found == discovery.vpdObjects.end())
     {
         logError() << prober << ": path " << path << " was not found";
         return nullptr;
@@ -172,14 +172,14 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
     {
         return;
     }
-    if (definition.bpTypeKeyed && backplaneType == "NONE")
+    if (definition.bpTypeKeyed && discovery.backplaneType == "NONE")
     {
-        backplaneType = backplaneTypeOf(vpdObjects);
+        discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
     }
     rules::Selectors select;
     if (definition.bpTypeKeyed)
     {
-        select.backplaneType = backplaneType;
+        select.backplaneType = discovery.backplaneType;
     }
     auto match = rules::matchStaticBackplane(*backplanesData, *trdBackplanes,
                                              *vpd, posId, select);
@@ -206,7 +206,7 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
                 numberAs<unsigned>(record.at("BackplaneId")), "", false);
         });
     }
-    publishRecord(interface, std::move(match.record), backplanesFound,
+    publishRecord(interface, std::move(match.record), discovery.backplanesFound,
                   "backplanes", rules::backplanesFoundFile,
                   "hwtopod start save json ");
 }
@@ -287,8 +287,8 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
     const auto& record = match.record;
     publishStep(path, [&]() { linkRiserSlots(record); });
     publishStep(path, [&]() { sendRiserPresence(record); });
-    publishRecord(interface, std::move(match.record), risersFound, "risers",
-                  rules::risersFoundFile, "hwtopod start save json ");
+    publishRecord(interface, std::move(match.record), discovery.risersFound,
+                  "risers", rules::risersFoundFile, "hwtopod start save json ");
 }
 
 // The I2C link of a midplane record, or the warning that it has no bus.
@@ -332,7 +332,7 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
     }
     rules::logLines(match.recordLines);
     publishStep(path, [&]() { linkMidplane(match.record); });
-    publishRecord(interface, std::move(match.record), midplanesFound,
+    publishRecord(interface, std::move(match.record), discovery.midplanesFound,
                   "midplanes", rules::midplanesFoundFile,
                   "hwtopod start save json");
 }

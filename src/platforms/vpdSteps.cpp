@@ -159,13 +159,14 @@ void checkFruName(Base& platform, const std::string& path,
         const auto kind = fruKindOf(numberProperty(properties, "VpdId"));
         // The cached entry holds the first values seen for the object.
         const std::string format =
-            stringProperty(platform.vpdObjects[path], "VpdFormat");
+            stringProperty(platform.discovery.vpdObjects[path], "VpdFormat");
         if (!kind)
         {
             return;
         }
-        const nlohmann::json record = findRecordByConnector(
-            platform.backplanesFound, platform.risersFound, location);
+        const nlohmann::json record =
+            findRecordByConnector(platform.discovery.backplanesFound,
+                                  platform.discovery.risersFound, location);
         if (record.is_null())
         {
             return;
@@ -315,7 +316,7 @@ void Base::onVpdInterfacesAdded(const std::string& path,
         {
             logInfo() << "Get interface "
                       << interface << " update on path: " << path;
-            hwtopod::mergeVpdProperties(vpdObjects[path], properties);
+            hwtopod::mergeVpdProperties(discovery.vpdObjects[path], properties);
             if (definition.bpProbeStatic)
             {
                 probeVpdd(path);
@@ -325,14 +326,14 @@ void Base::onVpdInterfacesAdded(const std::string& path,
             // the service: one that comes before would start discovery on
             // the part of the cache that signals brought, and every board
             // published before the daemon listened would be lost.
-            if (path == vpdReadyPath && !vpdMatchCompleted &&
-                (normalStart || vpdReadoutDone))
+            if (path == vpdReadyPath && !discovery.vpdMatchCompleted &&
+                (normalStart || discovery.vpdReadoutDone))
             {
-                vpdMatchCompleted = true;
+                discovery.vpdMatchCompleted = true;
                 logInfo() << "matchVpdd completed";
                 probeCachedVpdd();
             }
-            if (vpdMatchCompleted)
+            if (discovery.vpdMatchCompleted)
             {
                 checkFruName(*this, path, interface, properties);
             }
@@ -362,7 +363,7 @@ void Base::waitForVpd()
     // Emptied before the call: a signal the worker merges after this is
     // kept, and the reply is merged on top of it, as if the signal had come
     // first.
-    discoveryWorker->run([this]() { vpdObjects.clear(); });
+    discoveryWorker->run([this]() { discovery.vpdObjects.clear(); });
     hwtopod::dbus::ManagedObjects objects;
     try
     {
@@ -378,9 +379,9 @@ void Base::waitForVpd()
     // See the top of this file: the cache is written on the worker. FRU
     // names are left alone until a ready signal comes.
     discoveryWorker->run([this, &objects]() {
-        hwtopod::mergeVpdObjects(vpdObjects, objects);
+        hwtopod::mergeVpdObjects(discovery.vpdObjects, objects);
         probeCachedVpdd();
-        vpdReadoutDone = true;
+        discovery.vpdReadoutDone = true;
     });
 }
 

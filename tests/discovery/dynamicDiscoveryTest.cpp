@@ -107,11 +107,12 @@ class DynamicDiscovery : public DiscoveryFixture
     {
         for (unsigned r : risers)
         {
-            platform->riserPresence.set(r - 1);
+            platform->hardware.readout.riserPresence.set(r - 1);
         }
         for (unsigned position = 1; position <= 24; ++position)
         {
-            auto& entry = platform->riserTopology[position - 1];
+            auto& entry =
+                platform->hardware.readout.riserTopology[position - 1];
             entry.bytes = {1, 2, 1, 0x03};
             if (status.contains(position))
             {
@@ -120,8 +121,8 @@ class DynamicDiscovery : public DiscoveryFixture
         }
         for (unsigned r : old)
         {
-            platform->oldRisers.set(r - 1);
-            platform->riserTopology[r - 1].bytes[0] = 0;
+            platform->hardware.readout.oldRisers.set(r - 1);
+            platform->hardware.readout.riserTopology[r - 1].bytes[0] = 0;
         }
         platform->checkPresence();
         platform->markHardwareDiscovered();
@@ -146,25 +147,25 @@ TEST_F(DynamicDiscovery, RisersSeenByOneSideOnlyAndWrongLocations)
     // an old riser in the wrong cage with its cable wrong; riser 3 is seen by
     // VPD alone.
     fpgaSees({1, 4, 5}, {{4, 0x01}, {5, 0x00}}, {5});
-    platform->vpdObjects["/com/halvex/vpdd/RISER_1"] =
+    platform->discovery.vpdObjects["/com/halvex/vpdd/RISER_1"] =
         board(0xE0, 224, 1, "Riser A");
-    platform->vpdObjects["/com/halvex/vpdd/RISER_3"] =
+    platform->discovery.vpdObjects["/com/halvex/vpdd/RISER_3"] =
         board(0xE0, 224, 3, "Riser B");
-    platform->vpdObjects["/com/halvex/vpdd/RISER_4"] =
+    platform->discovery.vpdObjects["/com/halvex/vpdd/RISER_4"] =
         board(0xE0, 224, 4, "Riser C");
     // An E3.S position id anywhere makes every backplane E3.S.
-    platform->vpdObjects["/com/halvex/vpdd/BP_1"] =
+    platform->discovery.vpdObjects["/com/halvex/vpdd/BP_1"] =
         board(0x70, 0xE4, 1, "E3 BP");
     auto log = discover();
 
-    EXPECT_EQ(platform->backplaneType, "E3.S");
+    EXPECT_EQ(platform->discovery.backplaneType, "E3.S");
     EXPECT_THAT(log,
                 HasSubstr("[ERROR] FPGA didn't detect <PCIe Slot 3 Riser>\n"));
     EXPECT_THAT(log, HasSubstr("[ERROR] BMC didn't detect PCIe Riser 5\n"));
     EXPECT_THAT(log, HasSubstr("[ERROR] PCIe <Slot 5 riser> has location "
                                "mismatch status for PCIe slot 5\n"));
     EXPECT_THAT(log, HasSubstr("[ERROR] Riser 4 with wrong location \n"));
-    EXPECT_EQ(platform->fpgaMatchQueue.size(), 1U);
+    EXPECT_EQ(platform->discovery.fpgaMatchQueue.size(), 1U);
 
     const Events events = eventsSoFar();
     EXPECT_EQ(events.count({"TKRMBSS0012G", "FPGA::Riser 3"}), 1U);
@@ -199,19 +200,20 @@ TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
         auto vpd = board(static_cast<std::uint8_t>(id), id == 0x70 ? 112 : 224,
                          static_cast<std::uint16_t>(location), name);
         vpd.erase("VpdFormat");
-        platform->vpdObjects[std::string("/com/halvex/vpdd/") + name] = vpd;
+        platform->discovery
+            .vpdObjects[std::string("/com/halvex/vpdd/") + name] = vpd;
     }
     auto log = discover();
 
-    EXPECT_TRUE(platform->fpgaMatchQueue.empty()) << log;
+    EXPECT_TRUE(platform->discovery.fpgaMatchQueue.empty()) << log;
     EXPECT_EQ(nlohmann::json::parse(
                   test::readFile(root / rules::risersFoundFile))["risers"]
                   .size(),
               3U);
-    EXPECT_EQ(platform->backplanesFound["backplanes"].size(), 1U);
+    EXPECT_EQ(platform->discovery.backplanesFound["backplanes"].size(), 1U);
     EXPECT_EQ(linkTarget("bp1_i2c"),
               sandboxPath("sys/devices/platform/i2c/i2c-30"));
-    EXPECT_TRUE(platform->backplaneInstalled["BP_1_INSTALLED"]);
+    EXPECT_TRUE(platform->discovery.backplaneInstalled["BP_1_INSTALLED"]);
     const Events events = eventsSoFar();
     EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_11::Backplane::1"}), 1U);
     EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_23::Slot::3 Riser"}), 1U);
@@ -222,13 +224,20 @@ TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
     }
 }
 
+TEST_F(DynamicDiscovery, RiserSeenByTheFpgaAloneWithNoBoardVpdAtAll)
+{
+    fpgaSees({1}, {});
+    EXPECT_THAT(discover(),
+                HasSubstr("[ERROR] BMC didn't detect PCIe Riser 1\n"));
+}
+
 TEST_F(DynamicDiscovery, NoFpgaReadoutDelaysDiscoveryForALimitedTime)
 {
     platform->hardwareWaitLimit = std::chrono::seconds(0);
-    platform->vpdObjects["/com/halvex/vpdd/BP_1"] =
+    platform->discovery.vpdObjects["/com/halvex/vpdd/BP_1"] =
         board(0x70, 112, 1, "Front BP");
     EXPECT_THAT(discover(),
                 HasSubstr("[WARNING] Board discovery waited 0 seconds for the "
                           "FPGA read-out and goes on without it\n"));
-    EXPECT_EQ(platform->backplanesFound["backplanes"].size(), 1U);
+    EXPECT_EQ(platform->discovery.backplanesFound["backplanes"].size(), 1U);
 }

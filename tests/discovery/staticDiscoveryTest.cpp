@@ -97,7 +97,7 @@ class StaticDiscovery : public DiscoveryFixture
     std::string probe(Platform::Base& platform, const std::string& path,
                       VpdProperties vpd)
     {
-        platform.vpdObjects[path] = std::move(vpd);
+        platform.discovery.vpdObjects[path] = std::move(vpd);
         CaptureStderr();
         platform.probeVpdd(path);
         return GetCapturedStderr();
@@ -158,7 +158,7 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
     VpdProperties odd = object(0x70, 112, 1);
     odd.erase("VpdLocation");
     odd["VpdName"] = std::uint32_t{7};
-    platform->vpdObjects["/com/halvex/vpdd/A_ODD"] = odd;
+    platform->discovery.vpdObjects["/com/halvex/vpdd/A_ODD"] = odd;
     CaptureStderr();
     platform->probeCachedVpdd();
     log = GetCapturedStderr();

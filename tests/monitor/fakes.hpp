@@ -27,6 +27,7 @@ class ScriptedLines : public FaultLineGpio
     bool available = true;
     std::string openError; // thrown by openChip when set
     std::vector<Batch> script;
+    bool idle = false; // past the script, waits see no edge and do not throw
 
     // What the monitor did.
     std::vector<std::vector<unsigned>> selections;
@@ -60,11 +61,11 @@ class ScriptedLines : public FaultLineGpio
     }
     std::vector<unsigned> waitForEvents(std::chrono::nanoseconds) override
     {
-        if (waits >= script.size())
+        if (waits >= script.size() && !idle)
         {
             throw std::runtime_error("end of script");
         }
-        current = script[waits++];
+        current = waits < script.size() ? script[waits++] : Batch{};
         std::vector<unsigned> offsets;
         for (const auto& entry : current)
         {

@@ -75,12 +75,10 @@ TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
     gpio->lines.erase("VR_FAULT_5_N");
     CaptureStderr();
     platform.powerFaultMonitor();
-    ASSERT_TRUE(platform.gpioThread);
-    auto first = platform.gpioThread;
+    ASSERT_TRUE(platform.gpioThread.joinable());
     platform.powerFaultMonitor();
-    EXPECT_EQ(platform.gpioThread, first);
     // Without a script the first wait fails, which ends the thread.
-    platform.gpioThread->join();
+    platform.gpioThread.join();
     const std::string log = GetCapturedStderr();
 
     EXPECT_EQ(countInText(log, "Thread for gpioMonitor is forked"), 1U);
@@ -97,6 +95,13 @@ TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
     std::erase_if(expected, [](unsigned row) { return row == 0 || row == 5; });
     EXPECT_THAT(gpio->selections, ElementsAre(expected));
     EXPECT_THAT(gpio->consumers, ElementsAre("monitor"));
+}
+
+TEST_F(MonitorTest, DestroyingThePlatformStopsAndJoinsTheMonitor)
+{
+    gpio->idle = true;
+    Platform::Kelvane1u watching{{.gpio = gpio, .sleep = sleeps.function()}};
+    watching.powerFaultMonitor();
 }
 
 TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)

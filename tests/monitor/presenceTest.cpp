@@ -27,7 +27,7 @@ TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
     {
         Platform::Kelvane1u platform{Platform::Seams{
             .sleep = sleeps.function(), .root = Root(root.path())}};
-        platform.fpgaDevices[11] = {"INTRUSSION_CONN", false};
+        platform.hardware.readout.fpgaDevices[11] = {"INTRUSSION_CONN", false};
         // A file whose name holds "hwmon" is passed over for the directory.
         writeFile(hwmon / "hwmon_label", "");
         writeFile(hwmon / "hwmon3" / "intrusion_raw", "1\n");
@@ -35,18 +35,19 @@ TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
         // Before discovery, and without an intrusion connection, nothing is
         // read however often it is asked.
         platform.remedyChassisCloseEvent();
-        platform.hwDiscoveryDone = true;
+        platform.markHardwareDiscovered();
         platform.remedyChassisCloseEvent();
-        EXPECT_FALSE(platform.chassisCloseRemedied);
+        EXPECT_FALSE(platform.service.chassisCloseRemedied);
         EXPECT_TRUE(sleeps.taken.empty());
 
-        platform.fpgaDevices[11].state = true;
+        platform.hardware.readout.fpgaDevices[11].state = true;
+        platform.markHardwareDiscovered();
         testing::internal::CaptureStderr();
         platform.remedyChassisCloseEvent();
         platform.remedyChassisCloseEvent();
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   "[WARNING] debug remedyChassisCloseEvent sleep for 90s\n");
-        EXPECT_TRUE(platform.chassisCloseRemedied);
+        EXPECT_TRUE(platform.service.chassisCloseRemedied);
         EXPECT_THAT(sleeps.taken, ElementsAre(90U));
     }
     const auto events = journal.events(getpid(), 1);
@@ -59,17 +60,17 @@ TEST(Presence, ChassisCloseSentOnceWhenTheStateReadsOne)
         // No intrusion connection entry at all: the state file decides.
         Platform::Kelvane1u platform{Platform::Seams{
             .sleep = sleeps.function(), .root = Root(root.path())}};
-        platform.hwDiscoveryDone = true;
+        platform.markHardwareDiscovered();
         // Without the directory, or without its state file, later passes
         // look again.
         platform.remedyChassisCloseEvent();
         std::filesystem::create_directories(hwmon / "hwmon0");
         platform.remedyChassisCloseEvent();
-        EXPECT_FALSE(platform.chassisCloseRemedied);
+        EXPECT_FALSE(platform.service.chassisCloseRemedied);
 
         writeFile(hwmon / "hwmon0" / "intrusion_raw", "0\n");
         platform.remedyChassisCloseEvent();
-        EXPECT_TRUE(platform.chassisCloseRemedied);
+        EXPECT_TRUE(platform.service.chassisCloseRemedied);
         // Read once only: a later 1 changes nothing.
         writeFile(hwmon / "hwmon0" / "intrusion_raw", "1\n");
         platform.remedyChassisCloseEvent();

@@ -145,8 +145,8 @@ TEST_F(PublishedNames, TopologyNamesFromRuleFilesAndReadOnlyBoards)
     platform->markHardwareDiscovered();
     for (std::uint16_t location = 1; location <= 4; ++location)
     {
-        platform
-            ->vpdObjects["/com/halvex/vpdd/BP_" + std::to_string(location)] =
+        platform->discovery
+            .vpdObjects["/com/halvex/vpdd/BP_" + std::to_string(location)] =
             backplane(location);
     }
     CaptureStderr();

@@ -255,7 +255,7 @@ TEST_F(Publishing, FailuresCostTheirObjectAndAnEndedLoopFailsItsCallers)
     // pause only makes it likely that the call is queued behind the handler.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     release.set_value();
-    platform->ioThread->join();
+    platform->ioThread.join();
     EXPECT_THROW(waiting.get(), dbus::Error);
     EXPECT_THROW(chassis->setProperty("HeightU", std::int32_t{2}), dbus::Error);
     // A match that cannot be installed is logged; the caller goes on.

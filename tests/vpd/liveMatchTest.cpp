@@ -44,7 +44,7 @@ class CountingPlatform : public Platform::Kelvane1u
     {
         std::lock_guard lock(mutex);
         threads.push_back(std::this_thread::get_id());
-        cacheAtCall.push_back(vpdObjects);
+        cacheAtCall.push_back(discovery.vpdObjects);
     }
 
     std::size_t calls()
@@ -121,7 +121,7 @@ class VpdDiscovery : public testing::Test
     {
         hwtopod::VpdCache copy;
         platform->discoveryWorker->run([this, &copy]() {
-            copy = platform->vpdObjects;
+            copy = platform->discovery.vpdObjects;
         });
         return copy;
     }
@@ -137,7 +137,7 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
     platform = std::make_unique<CountingPlatform>(
         Platform::Seams{.root = hwtopod::Root(root.path())});
     // Records as the probes would have left them.
-    platform->backplanesFound = {
+    platform->discovery.backplanesFound = {
         {"backplanes",
          {{{"BackplaneId", 2},
            {"BackplaneName", "Backplane 2"},
@@ -145,7 +145,7 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
           {{"BackplaneId", 3},
            {"BackplaneName", "Front-BP 3"},
            {"Connector", 3}}}}};
-    platform->risersFound = {
+    platform->discovery.risersFound = {
         {"risers",
          {{{"RiserSlot", 1}, {"RiserName", "PCIe Riser 1"}, {"Connector", 11}},
           {{"RiserSlot", 5}, {"Connector", 15}}}}};
@@ -316,7 +316,7 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
             for (bool seen = false; !seen;)
             {
                 platform->discoveryWorker->run([&]() {
-                    seen = platform->vpdObjects.contains(
+                    seen = platform->discovery.vpdObjects.contains(
                         "/com/halvex/vpdd/DIMM_32");
                 });
                 std::this_thread::sleep_for(10ms);
@@ -358,12 +358,12 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
 
     // FRU names are left alone until a ready signal comes; it then starts
     // discovery again, which has nothing left to do.
-    EXPECT_FALSE(platform->vpdMatchCompleted);
+    EXPECT_FALSE(platform->discovery.vpdMatchCompleted);
     platform->discoveryWorker->run([this]() {
         platform->onVpdInterfacesAdded("/com/halvex/vpdd/DIMM_32",
                                        {{"com.halvex.vpdd.Halvex_Fullv3", {}}});
     });
-    EXPECT_TRUE(platform->vpdMatchCompleted);
+    EXPECT_TRUE(platform->discovery.vpdMatchCompleted);
     EXPECT_EQ(platform->calls(), 2U);
 }
 
