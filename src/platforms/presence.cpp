@@ -67,119 +67,152 @@ void judgeCable(const std::string& device, unsigned expected, unsigned actual,
                                      slotName(actual), cable);
     }
 }
+// The topology entry at a 1-based position; a position outside the table
+// reads as an all-zero entry, which outside then holds.
+RiserTopologyEntry& entryAt(FpgaReadout& readout, unsigned position,
+                            RiserTopologyEntry& outside)
+{
+    if (position >= 1 && position <= readout.riserTopology.size())
+    {
+        return readout.riserTopology[position - 1];
+    }
+    outside = RiserTopologyEntry{};
+    return outside;
+}
+
+// The cable events of a new riser, judged at the riser's own position,
+// whose CableM is already forced where no check is asked for.
+void judgeRiserCables(FpgaReadout& readout, unsigned riser)
+{
+    RiserTopologyEntry outside{};
+    const RiserTopologyEntry& entry = entryAt(readout, riser, outside);
+    if (bitAt(readout.oldRisers, riser) ||
+        !bitAt(readout.riserPresence, riser) || entry.cableMatch() != 0)
+    {
+        return;
+    }
+    const std::string name = "PCIe Slot " + std::to_string(riser);
+    if (!bitAt(readout.pciePairing, riser))
+    {
+        judgeCable(name, entry.aExpected(), entry.aActual(), "");
+        return;
+    }
+    judgeCable(name, entry.aExpected(), entry.aActual(), "CEMA");
+    judgeCable(name, entry.bExpected(), entry.bActual(), "CEMB");
+}
+
+// An installed riser at a slot: queued for VPD to confirm, its cage and
+// cable mismatches noted, and one install event per riser (risersSeen
+// holds the risers named by earlier slots).
+void noteInstalledRiser(FpgaReadout& readout,
+                        const hwtopod::PcieSlotEntry& mapEntry,
+                        const RiserTopologyEntry& slotEntry,
+                        const std::vector<unsigned>& risersSeen)
+{
+    const unsigned riser = mapEntry.riser();
+    const unsigned slot = mapEntry.slot();
+    setBitAt(readout.fpgaRiserSlots, riser);
+    readout.fpgaMatchQueue.try_emplace(
+        riser, "Slot_" + std::to_string(riser) + "_Riser");
+    if (mapEntry.checksCage() && slotEntry.cageMatch() == 0)
+    {
+        logInfo() << "Riser " << riser << " for PCIe slot " << slot
+                  << " configuration is mismatched, Cage ID error";
+        setBitAt(readout.cageMismatch, slot);
+    }
+    if (mapEntry.checksCable() && slotEntry.cableMatch() == 0)
+    {
+        logInfo() << "Riser " << riser << " for PCIe slot " << slot
+                  << " configuration is mismatched, connectors error";
+        setBitAt(readout.cableMismatch, slot);
+    }
+    if (std::find(risersSeen.begin(), risersSeen.end(), riser) ==
+        risersSeen.end())
+    {
+        hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riser, "", true);
+    }
+}
+
+// A riser slot of the slot map; true when a PCIe card sits in it.
+bool checkRiserSlot(FpgaReadout& readout,
+                    const hwtopod::PcieSlotEntry& mapEntry,
+                    std::vector<unsigned>& risersSeen)
+{
+    const unsigned riser = mapEntry.riser();
+    const unsigned slot = mapEntry.slot();
+    RiserTopologyEntry outside{};
+    RiserTopologyEntry& slotEntry = entryAt(readout, slot, outside);
+    const bool installed = bitAt(readout.riserPresence, slot);
+    logRiserStatus(riser, slot, installed, bitAt(readout.oldRisers, riser),
+                   slotEntry);
+    if (!mapEntry.checksCage())
+    {
+        logInfo() << "Don't need to check cage id mismatch in riser " << riser
+                  << " for PCIe slot " << slot;
+        slotEntry.setCageMatch();
+    }
+    if (!mapEntry.checksCable())
+    {
+        logInfo() << "Don't need to check signal cable mismatch in riser "
+                  << riser << " for PCIe slot " << slot;
+        slotEntry.setCableMatch();
+    }
+    if (installed)
+    {
+        noteInstalledRiser(readout, mapEntry, slotEntry, risersSeen);
+    }
+    const bool cardPresent = bitAt(readout.pcieCardPresence, slot);
+    if (cardPresent)
+    {
+        logInfo() << "Pcie card in slot " << slot << " is installed";
+        hwtopod::sendPresentEvent(DeviceType::PcieCard, true, slot, "", true);
+    }
+    risersSeen.push_back(riser);
+    judgeRiserCables(readout, riser);
+    readout.fpgaDevices[deviceKey::riserKeyBase + riser] =
+        DeviceState{"RISER_" + std::to_string(riser) + "_INSTALLED", installed};
+    return cardPresent;
+}
+
+// Whether OCP device 1, 2 or 3 is present. Devices 1 and 3 share the OCP_0
+// bit; the front OCP bits tell them apart. Each question logs its answer.
+bool ocpPresent(const FpgaReadout& readout, unsigned device)
+{
+    switch (device)
+    {
+        case 1:
+            return readout.getFpgaDeviceState(deviceKey::ocp0) &&
+                   !readout.getFpgaDeviceState(deviceKey::x8FrontOcp) &&
+                   !readout.getFpgaDeviceState(deviceKey::x16FrontOcp);
+        case 2:
+            return readout.getFpgaDeviceState(deviceKey::ocp1);
+        case 3:
+            return readout.getFpgaDeviceState(deviceKey::ocp0) &&
+                   (readout.getFpgaDeviceState(deviceKey::x8FrontOcp) ||
+                    readout.getFpgaDeviceState(deviceKey::x16FrontOcp));
+        default:
+            return false;
+    }
+}
 } // namespace
 
 void Highvol::checkPresence()
 {
+    auto& readout = hardware.readout;
     logInfo() << "Riser presence:"
-              << hwtopod::bitsetString(hardware.readout.riserPresence);
+              << hwtopod::bitsetString(readout.riserPresence);
     logInfo() << "PCIe card presence:"
-              << hwtopod::bitsetString(hardware.readout.pcieCardPresence);
+              << hwtopod::bitsetString(readout.pcieCardPresence);
 
-    // Positions outside the topology table read as an all-zero entry.
-    RiserTopologyEntry outside{};
-    auto entryAt = [&](unsigned position) -> RiserTopologyEntry& {
-        if (position >= 1 && position <= hardware.readout.riserTopology.size())
-        {
-            return hardware.readout.riserTopology[position - 1];
-        }
-        outside = RiserTopologyEntry{};
-        return outside;
-    };
-
-    // Risers named by earlier map entries; a riser with two slots gets one
-    // install event.
     std::vector<unsigned> risersSeen;
-
-    for (const auto& mapEntry : hardware.readout.pcieSlotMap)
+    for (const auto& mapEntry : readout.pcieSlotMap)
     {
         const unsigned slot = mapEntry.slot();
         const unsigned device = mapEntry.device();
         bool adapterPresent = false;
-
         if (mapEntry.isRiser())
         {
-            const unsigned riser = mapEntry.riser();
-            RiserTopologyEntry& slotEntry = entryAt(slot);
-            logRiserStatus(riser, slot,
-                           bitAt(hardware.readout.riserPresence, slot),
-                           bitAt(hardware.readout.oldRisers, riser), slotEntry);
-
-            if (!mapEntry.checksCage())
-            {
-                logInfo() << "Don't need to check cage id mismatch in riser "
-                          << riser << " for PCIe slot " << slot;
-                slotEntry.setCageMatch();
-            }
-            if (!mapEntry.checksCable())
-            {
-                logInfo()
-                    << "Don't need to check signal cable mismatch in riser "
-                    << riser << " for PCIe slot " << slot;
-                slotEntry.setCableMatch();
-            }
-
-            const bool installed = bitAt(hardware.readout.riserPresence, slot);
-            if (installed)
-            {
-                setBitAt(hardware.readout.fpgaRiserSlots, riser);
-                hardware.readout.fpgaMatchQueue.try_emplace(
-                    riser, "Slot_" + std::to_string(riser) + "_Riser");
-                if (mapEntry.checksCage() && slotEntry.cageMatch() == 0)
-                {
-                    logInfo() << "Riser " << riser << " for PCIe slot " << slot
-                              << " configuration is mismatched, Cage ID error";
-                    setBitAt(hardware.readout.cageMismatch, slot);
-                }
-                if (mapEntry.checksCable() && slotEntry.cableMatch() == 0)
-                {
-                    logInfo()
-                        << "Riser " << riser << " for PCIe slot " << slot
-                        << " configuration is mismatched, connectors error";
-                    setBitAt(hardware.readout.cableMismatch, slot);
-                }
-                if (std::find(risersSeen.begin(), risersSeen.end(), riser) ==
-                    risersSeen.end())
-                {
-                    hwtopod::sendPresentEvent(DeviceType::SlotRiser, true,
-                                              riser, "", true);
-                }
-            }
-
-            if (bitAt(hardware.readout.pcieCardPresence, slot))
-            {
-                logInfo() << "Pcie card in slot " << slot << " is installed";
-                hwtopod::sendPresentEvent(DeviceType::PcieCard, true, slot, "",
-                                          true);
-                adapterPresent = true;
-            }
-            risersSeen.push_back(riser);
-
-            // The cable check looks at the riser's own position, whose
-            // CableM is already forced where no check is asked for.
-            const RiserTopologyEntry& riserEntry = entryAt(riser);
-            if (!bitAt(hardware.readout.oldRisers, riser) &&
-                bitAt(hardware.readout.riserPresence, riser) &&
-                riserEntry.cableMatch() == 0)
-            {
-                const std::string name = "PCIe Slot " + std::to_string(riser);
-                if (!bitAt(hardware.readout.pciePairing, riser))
-                {
-                    judgeCable(name, riserEntry.aExpected(),
-                               riserEntry.aActual(), "");
-                }
-                else
-                {
-                    judgeCable(name, riserEntry.aExpected(),
-                               riserEntry.aActual(), "CEMA");
-                    judgeCable(name, riserEntry.bExpected(),
-                               riserEntry.bActual(), "CEMB");
-                }
-            }
-
-            hardware.readout.fpgaDevices[deviceKey::riserKeyBase + riser] =
-                DeviceState{"RISER_" + std::to_string(riser) + "_INSTALLED",
-                            installed};
+            adapterPresent = checkRiserSlot(readout, mapEntry, risersSeen);
         }
         else if (mapEntry.isCff())
         {
@@ -189,38 +222,16 @@ void Highvol::checkPresence()
         else if (mapEntry.isOcp())
         {
             logInfo() << "Check OCP device " << device;
-            // OCP devices 1 and 3 share the OCP_0 bit; the front OCP bits
-            // tell them apart. Each question logs its answer.
-            switch (device)
-            {
-                case 1:
-                    adapterPresent =
-                        getFpgaDeviceState(deviceKey::ocp0) &&
-                        !getFpgaDeviceState(deviceKey::x8FrontOcp) &&
-                        !getFpgaDeviceState(deviceKey::x16FrontOcp);
-                    break;
-                case 2:
-                    adapterPresent = getFpgaDeviceState(deviceKey::ocp1);
-                    break;
-                case 3:
-                    adapterPresent =
-                        getFpgaDeviceState(deviceKey::ocp0) &&
-                        (getFpgaDeviceState(deviceKey::x8FrontOcp) ||
-                         getFpgaDeviceState(deviceKey::x16FrontOcp));
-                    break;
-                default:
-                    break;
-            }
+            adapterPresent = ocpPresent(readout, device);
             if (adapterPresent)
             {
                 hwtopod::sendPresentEvent(DeviceType::Ocp, true, device, "",
                                           true);
             }
         }
-
         if (slot != 0)
         {
-            hardware.readout.fpgaDevices[deviceKey::slotKeyBase + slot] =
+            readout.fpgaDevices[deviceKey::slotKeyBase + slot] =
                 DeviceState{"SLOT_" + std::to_string(slot) + "_ADAPTER_PRSNT",
                             adapterPresent};
         }
