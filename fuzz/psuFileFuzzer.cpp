@@ -37,7 +37,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
 {
     auto& psu = platform();
     const std::string text(reinterpret_cast<const char*>(bytes), size);
-    hwtopod::fuzz::writeSandboxFile(psu.psuConfigFiles, text);
+    hwtopod::fuzz::writeSandboxFile(
+        Platform::MachineDefinition::dataPath(psu.definition.psuConfigFiles),
+        text);
     psu.publishPsuConfigs();
 
     const auto document = nlohmann::json::parse(text, nullptr, false);

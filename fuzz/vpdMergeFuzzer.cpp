@@ -77,11 +77,11 @@ class MatchPlatform : public Platform::Kelvane1u
 MatchPlatform& platform()
 {
     static MatchPlatform* instance = []() {
+        auto machine = Platform::kelvane1uDefinition;
+        machine.daisyCardFruName = {};
         auto* p = new MatchPlatform(
-            Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()});
-        p->bpProbeStatic = false;
+            Platform::Seams{.root = hwtopod::fuzz::sandboxRoot()}, machine);
         p->vpdReadyPath = "/com/halvex/vpdd/DIMM_32";
-        p->daisyCardFruName.clear();
         p->markHardwareDiscovered();
         return p;
     }();
