@@ -73,7 +73,6 @@ TEST(BoardMatcher, RulesEntriesAndSelectors)
         json::array({bpRules[1]}), bpTopology["NormalBP"], located(1), 112, {});
     ASSERT_TRUE(match.found());
     EXPECT_EQ(match.record, json({{"BackplaneId", 9}, {"Name", "Front"}}));
-    EXPECT_EQ(match.recordLines.back().text, "[STATE] propertyName VpdName");
 }
 
 TEST(BoardMatcher, OddDataFindsNoBoardAndNeverThrows)

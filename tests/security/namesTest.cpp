@@ -75,23 +75,6 @@ TEST(Names, InterfaceNamesAgreeWithTheBusLibrary)
     }
 }
 
-TEST(Names, ElementsStayOneElement)
-{
-    for (const char* good : {"PSU0", "Front_BP_1", "_", "0"})
-    {
-        EXPECT_TRUE(hwtopod::isValidPathElement(good)) << good;
-    }
-    for (const std::string& bad : std::vector<std::string>{
-             "", "..", ".", "a/b", "/a", "a b", "a-b", "a\tb", nul})
-    {
-        EXPECT_FALSE(hwtopod::isValidPathElement(bad)) << bad;
-        EXPECT_FALSE(hwtopod::isValidInterfaceElement(bad)) << bad;
-    }
-    EXPECT_TRUE(hwtopod::isValidInterfaceElement("PowerSupply"));
-    EXPECT_FALSE(hwtopod::isValidInterfaceElement("0Supply"));
-    EXPECT_FALSE(hwtopod::isValidInterfaceElement("hwtopod.hardware"));
-}
-
 TEST(Names, RefusalIsOneLineWhateverTheValueHolds)
 {
     CaptureStderr();

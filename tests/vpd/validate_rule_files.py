@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
-"""Checks the shipped rule files and PSU file against their JSON Schemas, that
-their entries do not collide, and that broken copies are refused."""
+"""Checks the shipped rule files and PSU file against their JSON Schemas, and
+that their entries do not collide."""
 
-import copy
 import json
 import os
 import sys
@@ -66,34 +65,6 @@ class ShippedFiles(unittest.TestCase):
             self.assertEqual(len(posids), len(set(posids)), name)
         posids = {rule["POSID"] for rule in load("bhs_backplanes.json")}
         self.assertTrue({220, 221, 228} <= posids)
-
-
-class BrokenCopies(unittest.TestCase):
-    def test_broken_copies_fail(self):
-        trd, bps, risers, psus = FILES
-        riser = lambda d: d[0]["com.halvex.hwtopod.riser"]
-        for name, change in [
-            (trd, lambda d: d["risers"][0].pop("Location")),
-            (trd, lambda d: d["risers"][1].pop("PosID")),
-            (trd, lambda d: d["risers"][0]["Properties"].update(Location="Left")),
-            (trd, lambda d: d["risers"][0]["Properties"].update(PCIeSlot=[31])),
-            (trd, lambda d: d["backplanes"]["NormalBP"][0].update(Interface=7)),
-            (trd, lambda d: d["backplanes"]["E3.S"][0].update(Name="../../etc")),
-            (trd, lambda d: d["backplanes"].pop("E3.S")),
-            (trd, lambda d: d.pop("midplanes")),
-            (trd, lambda d: d.update(risers={})),
-            (bps, lambda d: d[0].update(POSID="48")),
-            (bps, lambda d: d[1].pop("Name")),
-            (bps, lambda d: d.append([])),
-            (risers, lambda d: riser(d).update(MCIO=["A", "B", "C"])),
-            (risers, lambda d: riser(d).update(BUS="forty")),
-            (psus, lambda d: d[1].update(Location="2")),
-            (psus, lambda d: d[0].pop("Type")),
-            (psus, lambda d: d[0].update(Name="PSU/0")),
-        ]:
-            document = copy.deepcopy(load(name))
-            change(document)
-            self.assertNotEqual(errors(name, document), [], name)
 
 
 if __name__ == "__main__":
