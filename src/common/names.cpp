@@ -2,27 +2,19 @@
 
 #include "logging.hpp"
 
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdio>
+#include <string>
 
 namespace hwtopod
 {
 
 namespace
 {
-constexpr std::size_t maxInterfaceName = 255;
-
-bool isNameChar(char c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-           (c >= '0' && c <= '9') || c == '_';
-}
-
-bool isDigit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
 bool refuse(std::string_view what, std::string_view value,
             std::string_view reason)
 {
@@ -30,81 +22,41 @@ bool refuse(std::string_view what, std::string_view value,
                << reason;
     return false;
 }
+
+// The bus library reads NUL-terminated text: a value holding a NUL byte
+// would be judged by its first part only, so it is refused before.
+template <typename Check>
+bool busLibraryAccepts(std::string_view value, Check check)
+{
+    if (value.find('\0') != std::string_view::npos)
+    {
+        return false;
+    }
+    return check(std::string(value).c_str()) > 0;
+}
 } // namespace
 
 bool isValidPathElement(std::string_view element)
 {
-    if (element.empty())
-    {
-        return false;
-    }
-    for (char c : element)
-    {
-        if (!isNameChar(c))
-        {
-            return false;
-        }
-    }
-    return true;
+    return !element.empty() && element.find('/') == std::string_view::npos &&
+           isValidObjectPath("/" + std::string(element));
 }
 
 bool isValidObjectPath(std::string_view path)
 {
-    if (path == "/")
-    {
-        return true;
-    }
-    if (path.empty() || path.front() != '/')
-    {
-        return false;
-    }
-    std::size_t start = 1;
-    while (true)
-    {
-        const auto end = path.find('/', start);
-        const auto element = path.substr(
-            start, end == std::string_view::npos ? end : end - start);
-        if (!isValidPathElement(element))
-        {
-            return false;
-        }
-        if (end == std::string_view::npos)
-        {
-            return true;
-        }
-        start = end + 1;
-    }
+    return busLibraryAccepts(path, sd_bus_object_path_is_valid);
 }
 
 bool isValidInterfaceElement(std::string_view element)
 {
-    return isValidPathElement(element) && !isDigit(element.front());
+    // Any valid second element of a two-element name is a valid element.
+    return element.find('.') == std::string_view::npos &&
+           isValidInterfaceName("a." + std::string(element));
 }
 
 bool isValidInterfaceName(std::string_view name)
 {
-    if (name.size() > maxInterfaceName)
-    {
-        return false;
-    }
-    std::size_t elements = 0;
-    std::size_t start = 0;
-    while (true)
-    {
-        const auto end = name.find('.', start);
-        const auto element = name.substr(
-            start, end == std::string_view::npos ? end : end - start);
-        if (!isValidInterfaceElement(element))
-        {
-            return false;
-        }
-        ++elements;
-        if (end == std::string_view::npos)
-        {
-            return elements >= 2;
-        }
-        start = end + 1;
-    }
+    return busLibraryAccepts(name, sd_bus_interface_name_is_valid);
 }
 
 std::string printableName(std::string_view value)
@@ -123,6 +75,14 @@ std::string printableName(std::string_view value)
         text += escaped.data();
     }
     text += '"';
+    return text;
+}
+
+std::string nonAlnumToUnderscores(std::string text)
+{
+    std::replace_if(
+        text.begin(), text.end(),
+        [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
     return text;
 }
 

@@ -12,19 +12,11 @@
 namespace hwtopod
 {
 
-// One element of an object path: one or more of [A-Za-z0-9_].
+// Whole paths and names are judged by the bus library; an element is what
+// can stand between two slashes or two dots of one.
 bool isValidPathElement(std::string_view element);
-
-// A whole object path: "/", or "/" followed by valid elements separated by
-// single slashes, without a trailing slash.
 bool isValidObjectPath(std::string_view path);
-
-// One element of an interface name: one or more of [A-Za-z0-9_], not
-// beginning with a digit.
 bool isValidInterfaceElement(std::string_view element);
-
-// A whole interface name: at least two valid elements separated by single
-// dots, at most 255 characters.
 bool isValidInterfaceName(std::string_view name);
 
 // The value as it can stand in a log line: printable ASCII as it is,
@@ -34,6 +26,9 @@ std::string printableName(std::string_view value);
 
 // These log at ERROR "Refused <what> <printable value>: <reason>" and return
 // false when value is not what the name says; else they return true quietly.
+// Every byte but an ASCII letter or digit replaced by '_'.
+std::string nonAlnumToUnderscores(std::string text);
+
 bool acceptPathElement(std::string_view what, std::string_view value);
 bool acceptInterfaceElement(std::string_view what, std::string_view value);
 bool acceptInterfaceName(std::string_view what, std::string_view value);

@@ -132,18 +132,15 @@ Connection::~Connection()
 
 void Connection::requestName(const std::string& name, std::uint64_t flags)
 {
-    // The bus daemon's own flags: 1 allow replacement, 2 replace existing,
-    // 4 do not queue. The sd-bus flags map onto them as sd_bus_request_name
-    // does.
-    std::uint32_t daemonFlags = 4;
-    if ((flags & 1U) != 0)
-    {
-        daemonFlags |= 2;
-    }
-    if ((flags & 2U) != 0)
-    {
-        daemonFlags |= 1;
-    }
+    // The binding asks for a name with no flags, so the bus daemon's own
+    // method is called, with its flag values for the sd-bus ones.
+    constexpr std::uint32_t allowReplacement = 1;
+    constexpr std::uint32_t replaceExisting = 2;
+    constexpr std::uint32_t doNotQueue = 4;
+    const std::uint32_t daemonFlags =
+        doNotQueue |
+        ((flags & SD_BUS_NAME_REPLACE_EXISTING) != 0 ? replaceExisting : 0) |
+        ((flags & SD_BUS_NAME_ALLOW_REPLACEMENT) != 0 ? allowReplacement : 0);
     std::uint32_t reply = run([&]() {
         return translateErrors([&]() {
             auto proxy = sdbus::createProxy(*bus, "org.freedesktop.DBus",

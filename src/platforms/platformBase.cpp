@@ -6,9 +6,10 @@
 
 #include <sys/sysinfo.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
+#include <cstring>
 
 namespace Platform
 {
@@ -22,22 +23,13 @@ namespace
 // there is no digit or the number overflows.
 std::optional<std::uint32_t> leadingNumber(const char* text)
 {
-    std::uint64_t value = 0;
-    bool digits = false;
-    for (const char* p = text; *p >= '0' && *p <= '9'; ++p)
-    {
-        digits = true;
-        value = value * 10 + static_cast<std::uint64_t>(*p - '0');
-        if (value > std::numeric_limits<std::uint32_t>::max())
-        {
-            return std::nullopt;
-        }
-    }
-    if (!digits)
+    std::uint32_t value = 0;
+    if (std::from_chars(text, text + std::strlen(text), value).ec !=
+        std::errc{})
     {
         return std::nullopt;
     }
-    return static_cast<std::uint32_t>(value);
+    return value;
 }
 } // namespace
 

@@ -22,6 +22,7 @@ namespace Platform::probe
 
 using hwtopod::rules::hex16;
 using hwtopod::rules::jsonText;
+using hwtopod::nonAlnumToUnderscores;
 using hwtopod::rules::keyEquals;
 using hwtopod::rules::numberAs;
 using hwtopod::rules::vpdText;
@@ -29,14 +30,6 @@ using hwtopod::rules::vpdText;
 inline std::string blanksToUnderscores(std::string text)
 {
     std::replace(text.begin(), text.end(), ' ', '_');
-    return text;
-}
-
-inline std::string nonAlnumToUnderscores(std::string text)
-{
-    std::replace_if(
-        text.begin(), text.end(),
-        [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
     return text;
 }
 

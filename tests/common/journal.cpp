@@ -1,5 +1,7 @@
 #include "journal.hpp"
 
+#include "events/journalRecords.hpp"
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -42,18 +44,7 @@ std::vector<JournalRecord> readAfter(const std::string& cursor, pid_t pid)
         {
             continue;
         }
-        JournalRecord record;
-        const void* data = nullptr;
-        size_t length = 0;
-        SD_JOURNAL_FOREACH_DATA(journal, data, length)
-        {
-            std::string field(static_cast<const char*>(data), length);
-            auto equals = field.find('=');
-            if (equals != std::string::npos)
-            {
-                record[field.substr(0, equals)] = field.substr(equals + 1);
-            }
-        }
+        JournalRecord record = recordFields(journal);
         if (record.contains("REDFISH_MESSAGE_ID"))
         {
             records.push_back(std::move(record));
@@ -157,15 +148,10 @@ std::vector<JournalRecord> JournalReader::settledEvents(
 
 std::vector<std::string> summaries(const std::vector<JournalRecord>& records)
 {
-    static const std::string registry = "EventRegistry.1.0.";
     std::vector<std::string> result;
     for (const auto& record : records)
     {
-        std::string id = record.at("REDFISH_MESSAGE_ID");
-        if (id.starts_with(registry))
-        {
-            id.erase(0, registry.size());
-        }
+        const auto id = shortEventId(record.at("REDFISH_MESSAGE_ID"));
         const auto args = record.find("REDFISH_MESSAGE_ARGS");
         result.push_back(
             id + " " + (args == record.end() ? "<none>" : args->second));

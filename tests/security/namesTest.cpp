@@ -1,11 +1,8 @@
-// The checks that keep names from VPD and rule files in their place, held
-// against the bus library's own verdict.
+// The checks that keep names from VPD and rule files in their place.
 
 #include "common/names.hpp"
 
 #include "common/jsonNumber.hpp"
-
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <cmath>
@@ -24,55 +21,16 @@ namespace
 
 const std::string nul("a\0b", 3);
 
-TEST(Names, ObjectPathsAgreeWithTheBusLibrary)
+// The bus library reads up to the first NUL: what stands after it must
+// still count.
+TEST(Names, NulByteIsRefusedThoughTheLibraryStopsBeforeIt)
 {
-    const std::string cases[] = {
-        "/",       "/chassis/bp/Front_BP_1",
-        "/a",      "",
-        "chassis", "//",
-        "/a/",     "/a//b",
-        "/a/../b", "/a/./b",
-        "/a-b",    "/a b",
-        "/a.b",    "/ä",
-        "/a\nb",   "/" + nul,
-        "/_/0/Z",  "/" + std::string(300, 'x'),
-    };
-    for (const auto& path : cases)
-    {
-        const bool theirs = path.find('\0') == std::string::npos &&
-                            sd_bus_object_path_is_valid(path.c_str()) != 0;
-        EXPECT_EQ(hwtopod::isValidObjectPath(path), theirs) << path;
-    }
-}
-
-TEST(Names, InterfaceNamesAgreeWithTheBusLibrary)
-{
-    const std::string cases[] = {
-        "com.halvex.hwtopod.backplane",
-        "com.halvex.PowerSupply",
-        "a.b",
-        "_a._0",
-        "a",
-        "",
-        ".a.b",
-        "a.b.",
-        "a..b",
-        "a.0b",
-        "0a.b",
-        "com.halvex.a/b",
-        "com.halvex.a-b",
-        "com.halvex.a b",
-        "com.halvex.ä",
-        "com.halvex." + nul,
-        "a." + std::string(253, 'x'),
-        "a." + std::string(254, 'x'),
-    };
-    for (const auto& name : cases)
-    {
-        const bool theirs = name.find('\0') == std::string::npos &&
-                            sd_bus_interface_name_is_valid(name.c_str()) != 0;
-        EXPECT_EQ(hwtopod::isValidInterfaceName(name), theirs) << name;
-    }
+    EXPECT_TRUE(hwtopod::isValidObjectPath("/chassis/a"));
+    EXPECT_FALSE(hwtopod::isValidObjectPath("/chassis/" + nul));
+    EXPECT_FALSE(hwtopod::isValidPathElement(nul));
+    EXPECT_TRUE(hwtopod::isValidInterfaceName("com.halvex.a"));
+    EXPECT_FALSE(hwtopod::isValidInterfaceName("com.halvex." + nul));
+    EXPECT_FALSE(hwtopod::isValidInterfaceElement("a.b"));
 }
 
 TEST(Names, RefusalIsOneLineWhateverTheValueHolds)

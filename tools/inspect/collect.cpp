@@ -1,5 +1,8 @@
 #include "common/jsonNumber.hpp"
+#include "common/names.hpp"
 #include "common/paths.hpp"
+#include "events/eventIds.hpp"
+#include "events/journalRecords.hpp"
 #include "inspect.hpp"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -31,7 +34,6 @@ using Properties = std::map<std::string, sdbus::Variant>;
 using ManagedObjects =
     std::map<sdbus::ObjectPath, std::map<std::string, Properties>>;
 
-constexpr const char* messageIdPrefix = "EventRegistry.1.0.";
 const std::vector<std::string> resultFiles = {
     "backplanes_found.json", "risers_found.json", "midplanes_found.json"};
 
@@ -198,54 +200,16 @@ std::uint64_t processStart(pid_t pid)
     return bootedAt + ticks * 1000000ULL / hz - 1000000ULL / hz;
 }
 
-std::vector<std::string> splitArgs(const std::string& text)
-{
-    std::vector<std::string> parts;
-    std::size_t start = 0;
-    while (true)
-    {
-        const auto at = text.find("::", start);
-        parts.push_back(text.substr(start, at - start));
-        if (at == std::string::npos)
-        {
-            return parts;
-        }
-        start = at + 2;
-    }
-}
-
-// The fields of the journal's current record.
-std::map<std::string, std::string> recordFields(sd_journal* journal)
-{
-    std::map<std::string, std::string> fields;
-    const void* data = nullptr;
-    size_t length = 0;
-    SD_JOURNAL_FOREACH_DATA(journal, data, length)
-    {
-        std::string field(static_cast<const char*>(data), length);
-        const auto equals = field.find('=');
-        if (equals != std::string::npos)
-        {
-            fields[field.substr(0, equals)] = field.substr(equals + 1);
-        }
-    }
-    return fields;
-}
-
 // One Redfish record as the report shows it, its text from the registry.
-Json eventOf(std::map<std::string, std::string>& fields, const Json& messages)
+Json eventOf(JournalFields& fields, const Json& messages)
 {
-    std::string shortId = fields["REDFISH_MESSAGE_ID"];
-    if (shortId.starts_with(messageIdPrefix))
-    {
-        shortId = shortId.substr(std::string(messageIdPrefix).size());
-    }
+    const auto shortId = shortEventId(fields["REDFISH_MESSAGE_ID"]);
     Json event = {{"id", shortId}, {"args", nullptr}, {"priority", nullptr}};
     auto args = fields.find("REDFISH_MESSAGE_ARGS");
     std::vector<std::string> argList;
     if (args != fields.end())
     {
-        argList = splitArgs(args->second);
+        argList = splitEventArguments(args->second);
         event["args"] = args->second;
     }
     if (auto priority = decimalInteger<int>(fields["PRIORITY"]))
@@ -324,18 +288,6 @@ unsigned riserSlot(const Json& properties)
                                     : jsonInteger<unsigned>(*slot).value_or(0);
 }
 
-std::string clean(std::string text)
-{
-    for (auto& c : text)
-    {
-        if (std::isalnum(static_cast<unsigned char>(c)) == 0)
-        {
-            c = '_';
-        }
-    }
-    return text;
-}
-
 // The events that concern one riser: its cables and its location.
 Json riserIssues(const Json& events, unsigned slot,
                  const std::vector<std::string>& names)
@@ -351,7 +303,7 @@ Json riserIssues(const Json& events, unsigned slot,
         {
             continue;
         }
-        const auto args = splitArgs(event["args"].get<std::string>());
+        const auto args = splitEventArguments(event["args"].get<std::string>());
         auto named = [&](const std::string& arg) {
             if (arg == bmcName)
             {
@@ -359,28 +311,32 @@ Json riserIssues(const Json& events, unsigned slot,
             }
             for (const auto& name : names)
             {
-                if (clean(arg) == clean(name))
+                if (nonAlnumToUnderscores(arg) == nonAlnumToUnderscores(name))
                 {
                     return true;
                 }
             }
             return false;
         };
-        if ((id == "TKRMBIO0036G" || id == "TKRMBIO0037G") && named(args[0]))
+        if ((id == eventId::cableMisconnectedBetween ||
+             id == eventId::cableMisconnected) &&
+            named(args[0]))
         {
             cable.push_back(event["text"]);
         }
-        else if ((id == "TKRMBIO0038G" || id == "TKRMBIO0039G") &&
+        else if ((id == eventId::riserCableNotConnected ||
+                  id == eventId::riserCableMisconnected) &&
                  args[0] == slotName)
         {
             cable.push_back(event["text"]);
         }
-        else if ((id == "TKRMBIO0040G" || id == "TKRMBIO0041G") &&
+        else if ((id == eventId::namedCableNotConnected ||
+                  id == eventId::namedCableMisconnected) &&
                  args.size() > 1 && args[1] == slotName)
         {
             cable.push_back(event["text"]);
         }
-        else if (id == "TKRMBIO0035G" && named(args[0]))
+        else if (id == eventId::riserWrongLocation && named(args[0]))
         {
             location.push_back(event["text"]);
         }
@@ -395,11 +351,12 @@ std::vector<unsigned> risersOnlyFpgaSaw(const Json& events)
     std::vector<unsigned> slots;
     for (const auto& event : events)
     {
-        if (event["id"] != "TKRMBSS0012G" || event["args"].is_null())
+        if (event["id"].get<std::string>() != eventId::notDetected ||
+            event["args"].is_null())
         {
             continue;
         }
-        const auto args = splitArgs(event["args"].get<std::string>());
+        const auto args = splitEventArguments(event["args"].get<std::string>());
         if (args.size() == 2 && args[0] == "BMC" &&
             args[1].starts_with("Slot "))
         {
@@ -418,7 +375,9 @@ bool fpgaMissed(const Json& events, const std::string& name)
 {
     for (const auto& event : events)
     {
-        if (event["id"] == "TKRMBSS0012G" && event["args"] == "FPGA::" + name)
+        if (event["id"].get<std::string>() == eventId::notDetected &&
+            event["args"] ==
+                "FPGA" + std::string(eventArgumentSeparator) + name)
         {
             return true;
         }

@@ -1,3 +1,4 @@
+#include "events/eventIds.hpp"
 #include "inspect.hpp"
 
 #include <cctype>
@@ -194,7 +195,9 @@ std::string describeEvent(const Json& message,
     {
         for (const auto& arg : args)
         {
-            sentence += (sentence.empty() ? "" : "::") + arg;
+            sentence +=
+                (sentence.empty() ? "" : std::string(eventArgumentSeparator)) +
+                arg;
         }
         return sentence;
     }
