@@ -33,23 +33,11 @@ class GpiodLineReader : public LineReader
     }
 };
 
-std::unique_ptr<LineReader>& current()
-{
-    static std::unique_ptr<LineReader> reader =
-        std::make_unique<GpiodLineReader>();
-    return reader;
-}
 } // namespace
 
-LineReader& lineReader()
+std::shared_ptr<LineReader> libgpiodLineReader()
 {
-    return *current();
-}
-
-void setLineReader(std::unique_ptr<LineReader> reader)
-{
-    current() = reader ? std::move(reader)
-                       : std::make_unique<GpiodLineReader>();
+    return std::make_shared<GpiodLineReader>();
 }
 
 } // namespace hwtopod

@@ -7,9 +7,8 @@
 namespace hwtopod
 {
 
-// Reads a named GPIO line once, as an input. The daemon reads its jumper
-// through libgpiod; tests put a fake here, since this machine has no GPIO
-// controller.
+// Reads a named GPIO line once, as an input: the jumper's seam. The daemon
+// reads it through libgpiod; tests give the platform a fake.
 class LineReader
 {
   public:
@@ -21,9 +20,6 @@ class LineReader
                                         const std::string& consumer) = 0;
 };
 
-LineReader& lineReader();
-
-// Replaces the reader; null restores the libgpiod one.
-void setLineReader(std::unique_ptr<LineReader> reader);
+std::shared_ptr<LineReader> libgpiodLineReader();
 
 } // namespace hwtopod

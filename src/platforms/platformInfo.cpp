@@ -4,7 +4,6 @@
 #include "common/names.hpp"
 #include "common/paths.hpp"
 #include "dbus/client.hpp"
-#include "monitor/lineReader.hpp"
 #include "platformHighvol.hpp"
 
 #include <array>
@@ -262,7 +261,7 @@ void Base::publishLowSecurityJumper()
     const std::string lineName = "LOW_SECURITY_JMP_N";
     try
     {
-        auto value = hwtopod::lineReader().readOnce(lineName, "securityJump");
+        auto value = seams.jumper->readOnce(lineName, "securityJump");
         if (!value)
         {
             logWarning() << "GPIO " << lineName << "not found";

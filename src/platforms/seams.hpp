@@ -4,6 +4,7 @@
 #include "common/sleep.hpp"
 #include "fpga/registerAccess.hpp"
 #include "monitor/gpioLines.hpp"
+#include "monitor/lineReader.hpp"
 
 #include <memory>
 
@@ -17,6 +18,8 @@ struct Seams
 {
     // The fault lines, used by the monitor thread alone.
     std::shared_ptr<hwtopod::FaultLineGpio> gpio = hwtopod::libgpiodLines();
+    // The security jumper's line, read once by the service thread.
+    std::shared_ptr<hwtopod::LineReader> jumper = hwtopod::libgpiodLineReader();
     // The FPGA registers, read by the hardware thread alone.
     std::shared_ptr<hwtopod::RegisterAccess> registers =
         hwtopod::libraryRegisters();

@@ -1,6 +1,7 @@
 // What the daemon publishes, read back by a real client of a private bus.
 
 #include "busClient.hpp"
+#include "journal.hpp"
 #include "platforms/kelvane1u.hpp"
 #include "privateBus.hpp"
 #include "sandbox.hpp"
@@ -22,6 +23,20 @@ using testing::internal::GetCapturedStderr;
 
 namespace
 {
+// A jumper line at a fixed level, or absent; it counts its reads.
+struct FixedLine : LineReader
+{
+    explicit FixedLine(std::optional<int> level) : level(level) {}
+    std::optional<int> readOnce(const std::string& lineName,
+                                const std::string& consumer) override
+    {
+        reads.push_back(lineName + " " + consumer);
+        return level;
+    }
+    std::optional<int> level;
+    std::vector<std::string> reads;
+};
+
 constexpr auto service = "com.halvex.hwtopod";
 constexpr auto psuFile =
     "/usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json";
@@ -41,11 +56,17 @@ class Publishing : public testing::Test
 
     // serviceInit and serviceRun of a fresh platform; returns their log.
     std::string startService(const Platform::MachineDefinition& machine =
-                                 Platform::kelvane1uDefinition)
+                                 Platform::kelvane1uDefinition,
+                             std::shared_ptr<LineReader> jumper = nullptr)
     {
         CaptureStderr();
-        platform = std::make_unique<Platform::Kelvane1u>(
-            Platform::Seams{.root = hwtopod::Root(root.path())}, machine);
+        Platform::Seams seams{.root = hwtopod::Root(root.path())};
+        if (jumper)
+        {
+            seams.jumper = std::move(jumper);
+        }
+        platform =
+            std::make_unique<Platform::Kelvane1u>(std::move(seams), machine);
         platform->serviceInit();
         platform->serviceRun();
         return GetCapturedStderr();
@@ -267,4 +288,33 @@ TEST_F(Publishing, FailuresCostTheirObjectAndAnEndedLoopFailsItsCallers)
         log, HasSubstr("[CRITICAL] Exception in io running: handler failed\n"));
     EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in matchVpdd: the D-Bus "
                                "loop has ended\n"));
+}
+
+// The jumper is read once through its line: fitted pulls the line low.
+TEST_F(Publishing, SecurityJumperFittedOpenAndMissing)
+{
+    const test::JournalReader journal;
+    for (const int level : {0, 1})
+    {
+        auto line = std::make_shared<FixedLine>(level);
+        startService(Platform::kelvane1uDefinition, line);
+        EXPECT_THAT(line->reads,
+                    testing::ElementsAre("LOW_SECURITY_JMP_N securityJump"));
+        EXPECT_EQ(test::getProperty(service,
+                                    "/com/halvex/platform/hardware/config",
+                                    "com.halvex.lowSecurityJmp", "Status")
+                      .get<std::int32_t>(),
+                  level);
+        platform.reset();
+    }
+    EXPECT_THAT(
+        test::summaries(journal.events(getpid(), 2)),
+        testing::ElementsAre("TKRMBUN0026I <none>", "TKRMBUN2026I <none>"));
+
+    auto log = startService(Platform::kelvane1uDefinition,
+                            std::make_shared<FixedLine>(std::nullopt));
+    EXPECT_THAT(log, HasSubstr("[WARNING] GPIO LOW_SECURITY_JMP_Nnot found\n"));
+    EXPECT_FALSE(test::getManagedObjects(service).contains(
+        sdbus::ObjectPath("/com/halvex/platform/hardware/config")));
+    EXPECT_EQ(journal.settledEvents(getpid()).size(), 2U);
 }
