@@ -182,7 +182,6 @@ TEST(Events, ShippedRegistryDefinesEveryRecord)
         const auto count = entry.at("NumberOfArgs").get<std::size_t>();
         const auto text = entry.at("Message").get<std::string>();
         EXPECT_EQ(entry.at("ParamTypes").size(), count) << id;
-        // Older clients read Severity; both must tell the same.
         EXPECT_EQ(entry.at("Severity"), entry.at("MessageSeverity")) << id;
         EXPECT_FALSE(entry.at("Resolution").get<std::string>().empty()) << id;
         EXPECT_EQ(text.find("%" + std::to_string(count + 1)),
