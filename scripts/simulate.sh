@@ -50,7 +50,7 @@ while [ $# -gt 0 ]; do
         exit 0
         ;;
     -h | --help)
-        sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'
+        sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'
         exit 0
         ;;
     -*)
