@@ -4,8 +4,9 @@
 fresh DESTDIR and checks that against the example recipe and the daemon's
 needs. Usage: check_image.py BUILD SOURCE [meson setup option...]"""
 
-import glob, hashlib, json, os, re, subprocess, sys, tempfile, unittest
+import hashlib, json, os, re, subprocess, sys, tempfile, unittest
 from fnmatch import fnmatch
+from pathlib import Path
 
 BUILD, SOURCE = sys.argv[1:3]
 RULE_DIR = "/usr/share/vantarack-bmc-apps/hwtopod"
@@ -25,8 +26,8 @@ def run(*command):
 
 
 def recipe():
-    with open(os.path.join(SOURCE, "packaging/yocto/hwtopod_git.bb")) as f:
-        text = f.read().replace("\\\n", " ")
+    text = Path(SOURCE, "packaging/yocto/hwtopod_git.bb").read_text()
+    text = text.replace("\\\n", " ")
     values = {}
     for name, op, value in re.findall(r'^(\S+) (\+?=) "(.*)"$', text, re.M):
         words = re.sub(r"\$\{(\w+)\}", lambda m: IMAGE_DIRS.get(m[1], m[0]),
@@ -74,28 +75,26 @@ class ImageBuild(unittest.TestCase):
         # The platform's library, found by name, not by pkg-config.
         self.assertIn("libfpga", set(values["DEPENDS"]) & set(values[
             "RDEPENDS:${PN}"]))
-        with open(os.path.join(SOURCE, "LICENSE"), "rb") as f:
-            self.assertIn("md5=" + hashlib.md5(f.read()).hexdigest(),
-                          values["LIC_FILES_CHKSUM"][0])
+        licence = hashlib.md5(Path(SOURCE, "LICENSE").read_bytes())
+        self.assertIn("md5=" + licence.hexdigest(), values["LIC_FILES_CHKSUM"][0])
 
     def test_daemon_rule_files_and_unit(self):
         self.assertIn("[libfpga.so.0]", self.daemon)
         self.assertNotIn(BUILD, self.daemon)
         # The daemon's fixed directory, whatever the prefix.
-        for path in glob.glob(SOURCE + "/data/*.json") + glob.glob(
-                SOURCE + "/data/registries/*.json"):
-            with open(path, "rb") as source, open(self.root + RULE_DIR + "/" +
-                                                  os.path.basename(path)) as f:
-                self.assertEqual(f.buffer.read(), source.read(), path)
-        lines = open(self.root + self.unit).read().splitlines()
+        for path in [*Path(SOURCE, "data").glob("*.json"),
+                     *Path(SOURCE, "data/registries").glob("*.json")]:
+            self.assertEqual(Path(self.root + RULE_DIR, path.name).read_bytes(),
+                             path.read_bytes(), path)
+        lines = Path(self.root + self.unit).read_text().splitlines()
         self.assertIn("ExecStart=/usr/bin/hwtopod", lines)
         helper = "/usr/libexec/hwtopod-start-status"
         self.assertIn("ExecStartPre=" + helper + " %t/hwtopod", lines)
         # Normal on the first start of a boot, which empties /run; a crash or
         # systemctl restart keeps the runtime directory.
         with tempfile.TemporaryDirectory() as runtime:
-            starts = [run(self.root + helper, runtime) or open(
-                runtime + "/status.env").read() for _ in range(3)]
+            starts = [run(self.root + helper, runtime) or Path(
+                runtime, "status.env").read_text() for _ in range(3)]
         self.assertEqual(starts, ["HWTOPOD_STATUS=normal\n"] +
                          ["HWTOPOD_STATUS=restart\n"] * 2)
 
@@ -104,7 +103,7 @@ class ImageBuild(unittest.TestCase):
         # picture of the daemon, and the status says so.
         results = self.root + "/var/configuration"
         os.makedirs(results, exist_ok=True)
-        open(results + "/risers_found.json", "w").write('{"risers": [')
+        Path(results, "risers_found.json").write_text('{"risers": [')
         env = dict(os.environ, HWTOPOD_ROOT=self.root,
                    DBUS_SYSTEM_BUS_ADDRESS="unix:path=" + self.root + "/none")
         done, helped = (subprocess.run(
