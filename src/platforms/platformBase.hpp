@@ -184,6 +184,11 @@ class Base
         bool vpdMatchCompleted = false;
         // On a restart: waitForVpd has read the service and run discovery.
         bool vpdReadoutDone = false;
+        // On a restart, the signals from the first one for vpdReadyPath on
+        // that came before waitForVpd had read the service: handled after
+        // it, in their order.
+        std::vector<std::pair<std::string, hwtopod::InterfaceProperties>>
+            signalsAfterReadout;
         std::string backplaneType = "NONE";
         nlohmann::json backplanesFound;
         nlohmann::json risersFound;
