@@ -198,6 +198,8 @@ void Base::probeRiserVpddDynamic(const std::string& /*path*/,
 
 void Base::initPcieSlotMap() {}
 
+void Base::fpgaReadoutArrived() {}
+
 void Base::preDiscoveryHook() {}
 
 void Base::postDiscoveryHook() {}
@@ -323,6 +325,7 @@ void Base::markHardwareDiscovered()
         handedOver = std::move(readout);
     }
     stateChanged.notify_all();
+    discoveryWorker->post([this]() { fpgaReadoutArrived(); });
 }
 
 std::shared_ptr<const FpgaReadout> Base::hwDiscoveryDone() const
@@ -333,28 +336,28 @@ std::shared_ptr<const FpgaReadout> Base::hwDiscoveryDone() const
 
 const FpgaReadout& Base::fpgaPicture()
 {
-    if (!discovery.fpga)
+    // Not taken while the riser checks wait for it: a walk that began
+    // without the read-out ends without it.
+    if (!discovery.fpga && !discovery.riserChecksWaitForFpga)
     {
         discovery.fpga = hwDiscoveryDone();
-        if (!discovery.fpga)
+        if (discovery.fpga)
         {
-            static const FpgaReadout none;
-            return none;
+            discovery.fpgaMatchQueue = discovery.fpga->fpgaMatchQueue;
         }
-        discovery.fpgaMatchQueue = discovery.fpga->fpgaMatchQueue;
     }
-    return *discovery.fpga;
+    static const FpgaReadout none;
+    return discovery.fpga ? *discovery.fpga : none;
 }
 
 void Base::waitForHardwareDiscovery()
 {
     // Bounded: an FPGA whose device node never appears must not keep every
     // board off the bus and let VPD signals pile up behind discovery. After
-    // hardwareWaitLimit discovery goes on with the picture there is (riser
-    // checks then see no FPGA riser); three minutes is well past a slow
-    // FPGA start and short enough for a technician waiting on the boards.
-    // A read-out that still ends after the bound is taken by the next
-    // discovery step that looks at the picture.
+    // hardwareWaitLimit discovery publishes the boards without the picture,
+    // and its riser checks wait for it (Highvol::fpgaReadoutArrived); three
+    // minutes is well past a slow FPGA start and short enough for a
+    // technician waiting on the boards.
     std::unique_lock lock(stateMutex);
     if (!stateChanged.wait_for(lock, hardwareWaitLimit, [this]() {
             return handedOver != nullptr;
