@@ -9,7 +9,7 @@ build_fuzz_targets() {
     local dir=$1
     if [ ! -f "$dir/build.ninja" ]; then
         if ! CC=clang CXX=clang++ meson setup "$dir" -Dwerror=true \
-            -Dfuzzing=true -Dtests=false -Dbuildtype=debugoptimized \
+            -Dfuzzing=true -Dtests=disabled -Dbuildtype=debugoptimized \
             -Db_sanitize=address,undefined -Db_lundef=false \
             "-Dcpp_args=-fsanitize=fuzzer-no-link -fno-sanitize-recover=all" \
             >"$dir.setup.log" 2>&1; then

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the real hwtopod on a simulated Kelvane1u and shows what it found.
 #
-#   scripts/simulate.sh [--json] [--list] [--arch armhf] [scenario]
+#   scripts/simulate.sh [--json] [--list] [--arch armhf] [scenario] [-- COMMAND...]
 #
 # The scenario is a name under sim/scenarios (default: healthy) or a
 # directory. The command builds what is missing, lays the scenario out in a
@@ -15,14 +15,24 @@
 # ./build-armhf, whose programs run under emulation. HWTOPOD_SIM_TIMEOUT
 # bounds each wait in seconds (default 120). Progress goes to standard error, the report to
 # standard output. docs/simulation.md tells the scenario format.
+# With -- COMMAND, the command runs in place of the report, once discovery
+# has ended, with DBUS_SYSTEM_BUS_ADDRESS naming the private bus and
+# HWTOPOD_ROOT the daemon's root; the simulator exits with its status. A
+# consumer of the daemon's objects can be tried that way, or busctl.
 set -euo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
 json=0
 arch=native
 scenario=healthy
+command=()
 while [ $# -gt 0 ]; do
     case "$1" in
+    --)
+        shift
+        command=("$@")
+        break
+        ;;
     --json) json=1 ;;
     --arch)
         arch=${2:-}
@@ -40,7 +50,7 @@ while [ $# -gt 0 ]; do
         exit 0
         ;;
     -h | --help)
-        sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'
+        sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'
         exit 0
         ;;
     -*)
@@ -190,8 +200,9 @@ if ! journald_listens; then
     wait_for journald journald_listens
 fi
 
-# A private system bus.
-sed "s|@SOCKET@|$sandbox/bus.socket|" "$top/tests/data/system-bus.conf.in" >"$sandbox/bus.conf"
+# A private system bus, with the policies a controller would have.
+sed -e "s|@SOCKET@|$sandbox/bus.socket|" -e "s|@SOURCE@|$top|" \
+    "$top/tests/data/system-bus.conf.in" >"$sandbox/bus.conf"
 start bus dbus-daemon --config-file="$sandbox/bus.conf" --nofork --nopidfile --print-address=1
 wait_for "the bus" test -s "$sandbox/bus.out"
 export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$sandbox/bus.socket"
@@ -315,6 +326,12 @@ fi
 
 # Everything the daemon sent is in the journal before it is read.
 journalctl --sync >/dev/null 2>&1 || sleep 0.5
+
+if [ ${#command[@]} -gt 0 ]; then
+    status=0
+    HWTOPOD_ROOT="$sandbox/root" "${command[@]}" || status=$?
+    exit "$status"
+fi
 
 # The daemon's view of the files, which a confined daemon has alone.
 inspect=("${in_daemon_view[@]}" env HWTOPOD_ROOT="$sandbox/root"

@@ -10,6 +10,7 @@
 #include "rules/rules.hpp"
 
 #include <optional>
+#include <utility>
 
 namespace Platform
 {
@@ -49,8 +50,11 @@ void Highvol::probeCachedVpdd()
         waitForHardwareDiscovery();
     }
     // Taken now, so that the closing check knows the risers to confirm even
-    // when no probe looks at the picture before it.
+    // when no probe looks at the picture before it. A read-out that is not
+    // there by now is not taken during the walk (see riserChecksWaitForFpga).
     fpgaPicture();
+    notifyDiscovery(false);
+    discovery.riserChecksWaitForFpga = !discovery.fpga;
 
     discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
 
@@ -73,11 +77,49 @@ void Highvol::probeCachedVpdd()
         }
     }
 
+    if (discovery.riserChecksWaitForFpga)
+    {
+        // The boards are published; the riser checks and the closing check
+        // run once the read-out comes (fpgaReadoutArrived), so that no
+        // riser is reported as missed by a side that has not looked yet.
+        discovery.cachedVpdDone = true;
+        return;
+    }
     reportUnconfirmedRisers();
     discovery.cachedVpdDone = true;
     // Tells a watcher of the log (the simulator, a field engineer) that the
     // boards have been walked and the books closed.
     logInfo() << "Board discovery has ended";
+    notifyDiscovery(true);
+}
+
+// Chosen for a read-out that comes after the walk: every riser found in it
+// gets its checks now, against the FPGA's picture, in the order found, and
+// then the closing check runs, once. A riser whose check fails has been
+// published already; its failure is reported as during the walk.
+void Highvol::fpgaReadoutArrived()
+{
+    if (!discovery.riserChecksWaitForFpga || !hwDiscoveryDone())
+    {
+        return;
+    }
+    discovery.riserChecksWaitForFpga = false;
+    fpgaPicture();
+    for (const auto& riser : std::exchange(discovery.waitingRisers, {}))
+    {
+        try
+        {
+            checkRiserConnection(riser.record, riser.name);
+        }
+        catch (const std::exception& e)
+        {
+            logCritical() << "Exception in probeCachedVpdd for VPDD path "
+                          << riser.vpdPath << ": " << e.what();
+        }
+    }
+    reportUnconfirmedRisers();
+    logInfo() << "Board discovery has ended";
+    notifyDiscovery(true);
 }
 
 // One object of the cache, probed by its kind.
@@ -210,6 +252,13 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
         return;
     }
     const auto& vpd = *cached;
+    if (!trdBackplanes->is_object() && !trdBackplanes->is_null())
+    {
+        // Keyed by backplane type: a section of another kind (an array)
+        // cannot be looked up, and the object fails as a whole. A null
+        // section holds no entries.
+        (void)trdBackplanes->at(discovery.backplaneType);
+    }
     auto select = selectors();
     select.openLoop = fpgaPicture().getFpgaDeviceState(
         hwtopod::deviceKey::kelvaneOpenLoopLeak);
@@ -224,30 +273,28 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
     const std::string objectPath = "/chassis/bp/" + name;
     logInfo() << "probeBpVpddDynamic set (" << name << ") dbus path to "
               << objectPath;
-    bool duplicate = false;
-    auto interface =
-        addBoardInterface(objectPath, name, match.interface, duplicate);
-    if (duplicate)
+    auto interface = addBoardInterface(objectPath, match.interface);
+    if (!interface)
     {
-        // Published already by an earlier probe of the same board: its link,
-        // event, FRU name and record are there, and are not made twice.
+        // Published already by an earlier probe of the same board (its link,
+        // event, FRU name and record are there, and are not made twice), or
+        // names the bus cannot take.
         return;
     }
     rules::logLines(match.recordLines);
     const auto& record = match.record;
-    publishStep(path, [&]() { linkBackplane(record); });
-    publishStep(path, [&]() { sendBackplanePresence(record); });
-    publishStep(path, [&]() {
-        const auto id = numberAs<std::uint8_t>(record.at("BackplaneId"));
-        if (id != 0)
-        {
-            publishStep(path, [&]() {
-                updateFruName(path, vpdText(vpd, "VpdFormat"),
-                              DeviceType::Backplane, id, "");
-            });
-            updateBackplaneStatus(id);
-        }
-    });
+    // An exception from here on (no BackplaneId, a VpdFormat that is no
+    // string) ends the probe and goes to the caller; the interface stays
+    // created and uninitialised.
+    linkBackplane(record);
+    sendBackplanePresence(record);
+    const auto id = numberAs<std::uint8_t>(record.at("BackplaneId"));
+    const std::string format = vpdText(vpd, "VpdFormat");
+    if (id != 0)
+    {
+        updateFruName(path, format, DeviceType::Backplane, id, "");
+        updateBackplaneStatus(id);
+    }
     publishRecord(interface, std::move(match.record), discovery.backplanesFound,
                   "backplanes", rules::backplanesFoundFile,
                   "Finally save BP json.");
@@ -294,9 +341,7 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
     const std::string objectPath = "/chassis/riser/" + element;
     logInfo() << "Probe dynamic Riser vpd, set (" << name << ") dbus path to "
               << objectPath;
-    bool duplicate = false;
-    auto interface =
-        addBoardInterface(objectPath, element, match.interface, duplicate);
+    auto interface = addBoardInterface(objectPath, match.interface);
     rules::logLines(match.recordLines);
     const auto& record = match.record;
     const auto slot = claimRiserSlot(record, name);
@@ -304,17 +349,24 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
     {
         return;
     }
-    if (duplicate)
+    if (!interface)
     {
-        // The object is on the bus already; its checks, FRU name and record
-        // were made with it and are not made twice.
+        // The object is on the bus already (its checks, FRU name and record
+        // were made with it and are not made twice), or the bus cannot take
+        // its interface name.
         return;
     }
-    publishStep(path, [&]() { checkRiserConnection(record, name); });
-    publishStep(path, [&]() {
-        updateFruName(path, vpdText(vpd, "VpdFormat"), DeviceType::PcieRiser,
-                      static_cast<std::uint8_t>(*slot), name);
-    });
+    // An exception from here on ends the probe and goes to the caller.
+    if (discovery.riserChecksWaitForFpga)
+    {
+        discovery.waitingRisers.push_back({record, name, path});
+    }
+    else
+    {
+        checkRiserConnection(record, name);
+    }
+    updateFruName(path, vpdText(vpd, "VpdFormat"), DeviceType::PcieRiser,
+                  static_cast<std::uint8_t>(*slot), name);
     publishRecord(interface, std::move(match.record), discovery.risersFound,
                   "risers", rules::risersFoundFile, "Finally save riser json.");
 }
@@ -329,22 +381,24 @@ std::optional<std::uint64_t> Highvol::claimRiserSlot(
         logError() << "Unable found RiserSlot of TRD obj: " << name;
         return std::nullopt;
     }
-    const auto slot = numberAs<std::uint64_t>(record.at("RiserSlot"));
-    if (slot > 31)
+    // Read as an unsigned number: a negative one wraps above 31. A float
+    // that no unsigned number holds is above 31 as well.
+    const auto slot = rules::wrappedUnsigned(record.at("RiserSlot"));
+    if (!slot || *slot > 31)
     {
         logError() << "Riser slot index error";
         return std::nullopt;
     }
-    if (slot > 0)
+    if (*slot > 0)
     {
-        if (discovery.riserSlotsProbed.test(slot - 1))
+        if (discovery.riserSlotsProbed.test(*slot - 1))
         {
             logError()
                 << "Riser slot index error, need review TRD, conflected to "
-                << slot;
+                << *slot;
             return std::nullopt;
         }
-        discovery.riserSlotsProbed.set(slot - 1);
+        discovery.riserSlotsProbed.set(*slot - 1);
     }
     return slot;
 }
@@ -396,7 +450,9 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
 void Highvol::checkRiserConnection(const nlohmann::json& riser,
                                    std::string riserName)
 {
-    const auto riserNumber = numberAs<unsigned>(riser.at("RiserSlot"));
+    // The probe has seen to it that the number is at most 31.
+    const auto riserNumber = static_cast<unsigned>(
+        rules::wrappedUnsigned(riser.at("RiserSlot")).value_or(0));
     if (!riser.contains("PCIeSlot") || !riser.contains("BUS"))
     {
         logError() << "Riser should has PCIeSlot and BUS configured!";
@@ -422,30 +478,34 @@ void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
     const auto& slots = riser.at("PCIeSlot");
     for (std::size_t i = 0; i < slots.size(); ++i)
     {
-        const auto slot = numberAs<std::uint64_t>(slots[i]);
-        if (slot == 0)
+        // Read as an unsigned number, so a position without a slot below 0
+        // wraps above 30; a float that no unsigned number holds is said as
+        // it stands in the file. Either skips this slot alone.
+        const auto slot = rules::wrappedUnsigned(slots[i]);
+        if (slot == 0U)
         {
             logWarning() << riserName << " Pcie slot index error:"
                          << "0";
             continue;
         }
-        if (slot > 30)
+        if (!slot || *slot > 30)
         {
-            logWarning() << "Pcie slot index error: " << slot;
+            logWarning() << "Pcie slot index error: "
+                         << (slot ? std::to_string(*slot) : slots[i].dump());
             continue;
         }
         // BUS is read only when a link is made: a riser without slots to
         // link still reaches its connector steps.
         hwtopod::createI2cLink(
-            seams.root, DeviceType::PcieCard, static_cast<unsigned>(slot),
+            seams.root, DeviceType::PcieCard, static_cast<unsigned>(*slot),
             numberAs<unsigned>(riser.at("BUS")) + 1 + static_cast<unsigned>(i));
-        discovery.vpdRiserSlots.set(slot - 1);
-        if (slot > fpgaPicture().riserTopology.size())
+        discovery.vpdRiserSlots.set(*slot - 1);
+        if (*slot > fpgaPicture().riserTopology.size())
         {
             // A slot the FPGA has no status for: nothing to hold against it.
             continue;
         }
-        checkSlotStatus(riser, riserName, slot, riserPresent);
+        checkSlotStatus(riser, riserName, *slot, riserPresent);
     }
 }
 

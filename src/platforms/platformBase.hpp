@@ -93,6 +93,9 @@ class Base
     virtual void probeRiserVpddDynamic(const std::string& path,
                                        std::uint64_t posId);
     virtual void initPcieSlotMap();
+    // Runs on the discovery worker each time the hardware thread hands its
+    // read-out over; for checks that a walk without it left waiting.
+    virtual void fpgaReadoutArrived();
     // Machine hooks without a caller.
     virtual void preDiscoveryHook();
     virtual void postDiscoveryHook();
@@ -129,6 +132,9 @@ class Base
     std::shared_ptr<const FpgaReadout> hwDiscoveryDone() const;
     void waitForHardwareDiscovery();
     std::chrono::seconds hardwareWaitLimit{180};
+    // Tells the service manager that board discovery runs, or has ended
+    // with the boards of the found-hardware documents.
+    void notifyDiscovery(bool ended) const;
 
     // VPD discovery runs on this one thread: the match callback hands each
     // signal to it, and a restart hands it the objects read at start. So the
@@ -181,6 +187,11 @@ class Base
         bool vpdMatchCompleted = false;
         // On a restart: waitForVpd has read the service and run discovery.
         bool vpdReadoutDone = false;
+        // On a restart, the signals from the first one for vpdReadyPath on
+        // that came before waitForVpd had read the service: handled after
+        // it, in their order.
+        std::vector<std::pair<std::string, hwtopod::InterfaceProperties>>
+            signalsAfterReadout;
         std::string backplaneType = "NONE";
         nlohmann::json backplanesFound;
         nlohmann::json risersFound;
@@ -191,6 +202,16 @@ class Base
         hwtopod::bitset64 riserSlotsProbed;
         hwtopod::bitset64 vpdRiserSlots;
         bool cachedVpdDone = false;
+        // Set when the boards were walked without the FPGA's read-out: the
+        // riser checks wait for it, with what they need.
+        bool riserChecksWaitForFpga = false;
+        struct WaitingRiser
+        {
+            nlohmann::json record;
+            std::string name;
+            std::string vpdPath;
+        };
+        std::vector<WaitingRiser> waitingRisers;
         // What the CPU check remembers from call to call: CPU 1's values and
         // the vote and event already cast.
         struct CpuCheckState
@@ -272,19 +293,11 @@ class Base
     // throws, to be reported for that object; false when there is no match.
     static bool acceptMatch(const hwtopod::rules::BoardMatch& match);
 
-    // The D-Bus object of a matched board. Names the bus cannot take are
-    // refused with one line and give null: the board goes on without its
-    // object. duplicate is set when the object exists already (or there is
-    // no object server yet): the board has been published and is not again.
+    // The D-Bus object of a matched board; null ends the probe of that
+    // object: the pair is published already (or there is no object server
+    // yet), or the bus cannot take the names, which one line says.
     std::shared_ptr<hwtopod::dbus::Interface> addBoardInterface(
-        const std::string& objectPath, const std::string& element,
-        const std::string& interfaceName, bool& duplicate);
-
-    // One step of publishing a board: an exception in it is reported for
-    // the VPD object, in the words the walk uses for an object that fails,
-    // and ends that step alone.
-    static void publishStep(const std::string& vpdPath,
-                            const std::function<void()>& step);
+        const std::string& objectPath, const std::string& interfaceName);
 
     void linkRiserSlots(const nlohmann::json& record) const;
     static void sendRiserPresence(const nlohmann::json& record);
@@ -297,7 +310,6 @@ class Base
     // The end of every probe that accepts a board: the record joins its
     // found-hardware document, its keys become the interface's properties,
     // the interface goes on the bus, and the result file is written anew.
-    // A null interface (names refused) leaves out the D-Bus part alone.
     void publishRecord(
         const std::shared_ptr<hwtopod::dbus::Interface>& interface,
         nlohmann::json record, nlohmann::json& document, const std::string& key,

@@ -35,6 +35,7 @@ class Highvol : public Base
     Highvol& operator=(Highvol&&) = delete;
 
     void probeCachedVpdd() override;
+    void fpgaReadoutArrived() override;
     void probeCachedObject(const std::string& path);
     void probeBpVpddDynamic(const std::string& path,
                             std::uint64_t posId) override;

@@ -40,16 +40,4 @@ inline const nlohmann::json& entryProperties(const nlohmann::json& entry)
     return entry.contains("Properties") ? entry.at("Properties") : none;
 }
 
-// The object path element made from a topology entry's Name and its
-// Interface, both from a rule file: true when both can be published, else
-// one ERROR line says which was refused. A Name with a "/" would put the
-// board elsewhere in the tree, one with characters D-Bus forbids would fail
-// on the bus; either leaves the D-Bus object out.
-inline bool acceptEntryNames(const std::string& pathElement,
-                             const std::string& interface)
-{
-    return hwtopod::acceptPathElement("topology entry Name", pathElement) &&
-           hwtopod::acceptInterfaceName("topology entry Interface", interface);
-}
-
 } // namespace Platform::probe

@@ -7,7 +7,9 @@
 #include "probeHelpers.hpp"
 #include "rules/rules.hpp"
 
+#include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 namespace Platform
 {
@@ -123,31 +125,20 @@ bool Base::acceptMatch(const rules::BoardMatch& match)
 }
 
 std::shared_ptr<hwtopod::dbus::Interface> Base::addBoardInterface(
-    const std::string& objectPath, const std::string& element,
-    const std::string& interfaceName, bool& duplicate)
+    const std::string& objectPath, const std::string& interfaceName)
 {
-    duplicate = false;
-    if (!acceptEntryNames(element, interfaceName))
+    // The whole path is checked, not the Name alone: a Name with a slash
+    // ("Front/BP 3") is a board one level deeper below its parent, which
+    // the bus takes. What the bus cannot take ends the probe like an object
+    // that exists already, so that no board is in a result file, linked or
+    // announced without being on the bus.
+    if (!hwtopod::acceptObjectPath("board object path", objectPath) ||
+        !hwtopod::acceptInterfaceName("topology entry Interface",
+                                      interfaceName))
     {
         return nullptr;
     }
-    auto interface = addDbusInterface(objectPath, interfaceName);
-    duplicate = !interface;
-    return interface;
-}
-
-void Base::publishStep(const std::string& vpdPath,
-                       const std::function<void()>& step)
-{
-    try
-    {
-        step();
-    }
-    catch (const std::exception& e)
-    {
-        logCritical() << "Exception in probeCachedVpdd for VPDD path "
-                      << vpdPath << ": " << e.what();
-    }
+    return addDbusInterface(objectPath, interfaceName);
 }
 
 void Base::linkBackplane(const nlohmann::json& record) const
@@ -187,24 +178,23 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
     {
         return;
     }
-    const std::string element = blanksToUnderscores(match.name);
-    bool duplicate = false;
-    auto interface = addBoardInterface("/chassis/bp/" + element, element,
-                                       match.interface, duplicate);
-    if (duplicate)
+    auto interface = addBoardInterface(
+        "/chassis/bp/" + blanksToUnderscores(match.name), match.interface);
+    if (!interface)
     {
         return;
     }
     rules::logLines(match.recordLines);
     const auto& record = match.record;
-    publishStep(path, [&]() { linkBackplane(record); });
+    // A record that cannot be linked or announced (no BackplaneId, one of
+    // the wrong type) ends the probe here: its interface stays created and
+    // uninitialised, and the exception goes to the caller.
+    linkBackplane(record);
     if (!record.contains("VirtualBP"))
     {
-        publishStep(path, [&]() {
-            hwtopod::sendPresentEvent(
-                hwtopod::DeviceType::Backplane, true,
-                numberAs<unsigned>(record.at("BackplaneId")), "", false);
-        });
+        hwtopod::sendPresentEvent(hwtopod::DeviceType::Backplane, true,
+                                  numberAs<unsigned>(record.at("BackplaneId")),
+                                  "", false);
     }
     publishRecord(interface, std::move(match.record), discovery.backplanesFound,
                   "backplanes", rules::backplanesFoundFile,
@@ -217,11 +207,19 @@ void Base::linkRiserSlots(const nlohmann::json& record) const
 {
     if (record.contains("PCIeSlot") && record.contains("BUS"))
     {
-        const unsigned offset =
-            record.contains("BusOffset")
-                ? rules::numberIf<unsigned>(record.at("BusOffset")).value_or(1)
-                : 1;
-        const unsigned first = numberAs<unsigned>(record.at("BUS")) + offset;
+        // BusOffset counts whenever it is a number, 0 and negative ones
+        // too. Bounded far beyond any bus, so that the sums below cannot
+        // overflow; a sum that is no bus number gets no link.
+        constexpr std::int64_t offsetBound = std::int64_t{1} << 40;
+        std::int64_t offset = 1;
+        if (record.contains("BusOffset") && record.at("BusOffset").is_number())
+        {
+            offset = std::clamp(rules::truncatedSigned(record.at("BusOffset"))
+                                    .value_or(offsetBound),
+                                -offsetBound, offsetBound);
+        }
+        const std::int64_t first =
+            std::int64_t{numberAs<unsigned>(record.at("BUS"))} + offset;
         const auto& slots = record.at("PCIeSlot");
         if (slots.is_array())
         {
@@ -229,11 +227,12 @@ void Base::linkRiserSlots(const nlohmann::json& record) const
             {
                 // 0 or less, or no number: a position without a slot.
                 const auto slot = rules::numberIf<unsigned>(slots[i]);
-                if (slot && *slot > 0)
+                const std::int64_t bus = first + static_cast<std::int64_t>(i);
+                if (slot && *slot > 0 && std::in_range<unsigned>(bus))
                 {
                     hwtopod::createI2cLink(seams.root,
                                            hwtopod::DeviceType::PcieCard, *slot,
-                                           first + static_cast<unsigned>(i));
+                                           static_cast<unsigned>(bus));
                 }
             }
         }
@@ -275,18 +274,15 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
     {
         return;
     }
-    const std::string element = blanksToUnderscores(match.name);
-    bool duplicate = false;
-    auto interface = addBoardInterface("/chassis/riser/" + element, element,
-                                       match.interface, duplicate);
-    if (duplicate)
+    auto interface = addBoardInterface(
+        "/chassis/riser/" + blanksToUnderscores(match.name), match.interface);
+    if (!interface)
     {
         return;
     }
     rules::logLines(match.recordLines);
-    const auto& record = match.record;
-    publishStep(path, [&]() { linkRiserSlots(record); });
-    publishStep(path, [&]() { sendRiserPresence(record); });
+    linkRiserSlots(match.record);
+    sendRiserPresence(match.record);
     publishRecord(interface, std::move(match.record), discovery.risersFound,
                   "risers", rules::risersFoundFile, "hwtopod start save json ");
 }
@@ -322,16 +318,15 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
     {
         return;
     }
-    const std::string element = blanksToUnderscores(match.name);
-    bool duplicate = false;
-    auto interface = addBoardInterface("/chassis/midplane/" + element, element,
-                                       match.interface, duplicate);
-    if (duplicate)
+    auto interface = addBoardInterface(
+        "/chassis/midplane/" + blanksToUnderscores(match.name),
+        match.interface);
+    if (!interface)
     {
         return;
     }
     rules::logLines(match.recordLines);
-    publishStep(path, [&]() { linkMidplane(match.record); });
+    linkMidplane(match.record);
     publishRecord(interface, std::move(match.record), discovery.midplanesFound,
                   "midplanes", rules::midplanesFoundFile,
                   "hwtopod start save json");

@@ -20,6 +20,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace Platform
 {
@@ -310,6 +311,20 @@ void Base::matchVpdd()
 void Base::onVpdInterfacesAdded(const std::string& path,
                                 const hwtopod::InterfaceProperties& interfaces)
 {
+    // On a restart a ready signal that comes before waitForVpd has read the
+    // service would start discovery on the part of the cache that signals
+    // brought, and every board published before the daemon listened would
+    // be lost. So it, and every signal after it, waits for the read and is
+    // then handled as if it had come after it.
+    const bool readyPending =
+        path == vpdReadyPath && !discovery.vpdMatchCompleted &&
+        !definition.bpProbeStatic;
+    if (!normalStart && !discovery.vpdReadoutDone &&
+        (readyPending || !discovery.signalsAfterReadout.empty()))
+    {
+        discovery.signalsAfterReadout.emplace_back(path, interfaces);
+        return;
+    }
     try
     {
         for (const auto& [interface, properties] : interfaces)
@@ -322,12 +337,7 @@ void Base::onVpdInterfacesAdded(const std::string& path,
                 probeVpdd(path);
                 continue;
             }
-            // On a restart a ready signal counts once waitForVpd has read
-            // the service: one that comes before would start discovery on
-            // the part of the cache that signals brought, and every board
-            // published before the daemon listened would be lost.
-            if (path == vpdReadyPath && !discovery.vpdMatchCompleted &&
-                (normalStart || discovery.vpdReadoutDone))
+            if (path == vpdReadyPath && !discovery.vpdMatchCompleted)
             {
                 discovery.vpdMatchCompleted = true;
                 logInfo() << "matchVpdd completed";
@@ -382,6 +392,11 @@ void Base::waitForVpd()
         hwtopod::mergeVpdObjects(discovery.vpdObjects, objects);
         probeCachedVpdd();
         discovery.vpdReadoutDone = true;
+        for (const auto& [path, interfaces] :
+             std::exchange(discovery.signalsAfterReadout, {}))
+        {
+            onVpdInterfacesAdded(path, interfaces);
+        }
     });
 }
 

@@ -149,20 +149,39 @@ void refuseNonObject(Board board, const nlohmann::json& element)
 }
 
 // Name, Interface and the record of a found entry. A Name or Interface that
-// is no string, like a template that is no object, makes the object fail.
+// is no string makes the object fail. So does a template that is no object,
+// unless the probe has its own words for that (failedComposition): then the
+// line says it at CRITICAL, and the object has no board.
 void compose(BoardMatch& match, const VpdProperties& vpd,
-             const char* templateKey, const CompositionLog& log)
+             const char* templateKey, const CompositionLog& log,
+             const char* failedComposition = nullptr)
 {
     try
     {
         match.name = match.entry->at("Name").get<std::string>();
         match.interface = match.entry->at("Interface").get<std::string>();
+    }
+    catch (const std::exception& e)
+    {
+        match.failure = e.what();
+        return;
+    }
+    try
+    {
         match.record =
             composeRecord(*match.rule, templateKey, *match.entry, vpd, log);
     }
     catch (const std::exception& e)
     {
-        match.failure = e.what();
+        if (failedComposition == nullptr)
+        {
+            match.failure = e.what();
+            return;
+        }
+        match.lines.push_back(
+            {LogLevel::critical, std::string(failedComposition) + e.what()});
+        match.entry = nullptr;
+        match.recordLines.clear();
     }
 }
 
@@ -231,7 +250,8 @@ constexpr StaticWording midplaneWording{
     "PosID found: ",
     nullptr,
     EntryWording{LogLevel::warning, "hwtopod cannot find midplane",
-                 "hwtopod find midplane", nullptr, true},
+                 "hwtopod find midplane",
+                 "Exception in probeChassisMidplaneBaseOnPdbStatic: ", true},
     "com.halvex.hwtopod.midplane",
     "midplaneKey"};
 
@@ -313,7 +333,8 @@ BoardMatch walkRules(const nlohmann::json& rules, std::uint64_t posId,
 }
 
 // The first of entries that fits. An exception of fits is an entry the rule
-// cannot be used with: said at CRITICAL, and the next rule is tried.
+// cannot be used with: said at CRITICAL, and the walk goes on as after a
+// miss.
 template <typename Fits>
 Outcome findEntry(const nlohmann::json& entries, const EntryWording& words,
                   BoardMatch& match, Fits&& fits)
@@ -337,7 +358,7 @@ Outcome findEntry(const nlohmann::json& entries, const EntryWording& words,
         }
         match.lines.push_back(
             {LogLevel::critical, std::string(words.exception) + e.what()});
-        return Outcome::next;
+        return words.missEndsWalk ? Outcome::stop : Outcome::next;
     }
     if (match.entry == nullptr)
     {
@@ -506,13 +527,19 @@ BoardMatch matchMidplane(const nlohmann::json& rules,
                            [&](const nlohmann::json&, BoardMatch& found) {
         return findEntry(topology, midplaneWording.entry, found,
                          [&](const nlohmann::json& candidate) {
+            if (!candidate.is_object())
+            {
+                // The library's own error, as a look-up of the key gives it.
+                (void)candidate.at("PwrBpPosID");
+            }
             return keyEquals(candidate, "PwrBpPosID", wanted);
         });
     });
     if (match.found())
     {
         compose(match, vpd, midplaneWording.templateKey,
-                staticProbeLog(midplaneWording.sectionKey, &match.recordLines));
+                staticProbeLog(midplaneWording.sectionKey, &match.recordLines),
+                midplaneWording.entry.exception);
     }
     return match;
 }

@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace hwtopod::rules
@@ -150,6 +151,56 @@ T numberAs(const nlohmann::json& value)
         throw std::out_of_range("number " + value.dump() + " is out of range");
     }
     return value.get<T>();
+}
+
+// A JSON number as the JSON library converts it to an unsigned 64-bit
+// value: a negative integer wraps (-1 gives the largest value) and a
+// fraction is cut off. None for a float that no such value holds (NaN,
+// 2^64 and beyond, -1 and below), where that conversion is undefined. Any
+// other JSON type throws nlohmann::json::type_error.
+inline std::optional<std::uint64_t> wrappedUnsigned(const nlohmann::json& value)
+{
+    if (value.is_number_float())
+    {
+        const double number = value.get<double>();
+        if (!(number > -1.0 && number < std::ldexp(1.0, 64)))
+        {
+            return std::nullopt;
+        }
+        return static_cast<std::uint64_t>(number);
+    }
+    if (value.is_number_integer() && !value.is_number_unsigned())
+    {
+        return static_cast<std::uint64_t>(value.get<std::int64_t>());
+    }
+    return value.get<std::uint64_t>();
+}
+
+// A JSON number as a signed 64-bit value, a fraction cut off; none for
+// another type, NaN or a number beyond that range.
+inline std::optional<std::int64_t> truncatedSigned(const nlohmann::json& value)
+{
+    if (value.is_number_unsigned())
+    {
+        const auto number = value.get<std::uint64_t>();
+        return std::in_range<std::int64_t>(number)
+                   ? std::optional(static_cast<std::int64_t>(number))
+                   : std::nullopt;
+    }
+    if (value.is_number_integer())
+    {
+        return value.get<std::int64_t>();
+    }
+    if (value.is_number_float())
+    {
+        const double number = std::trunc(value.get<double>());
+        const double limit = std::ldexp(1.0, 63);
+        if (number >= -limit && number < limit)
+        {
+            return static_cast<std::int64_t>(number);
+        }
+    }
+    return std::nullopt;
 }
 
 // value as T when it is a number in T's range, else none: for the places

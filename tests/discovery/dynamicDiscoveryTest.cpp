@@ -178,24 +178,34 @@ TEST_F(DynamicDiscovery, RisersSeenByOneSideOnlyAndWrongLocations)
     EXPECT_EQ(countId(events, "TKRMBSS0012G"), 2U);
 }
 
-TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
+TEST_F(DynamicDiscovery, OddRuleDataCostsOnlyWhatItSpoils)
 {
-    // Names the bus refuses cost the D-Bus object alone; riser 3 has no slot
-    // to link and no numeric BUS; riser 4 names the last slot a riser can
-    // carry, past the FPGA's status table.
+    // A name the bus refuses and a record without BackplaneId each cost the
+    // whole board. A slot below 1 costs that slot; riser 3 has no slot to
+    // link and no numeric BUS; riser 4 names the last slot a riser can carry,
+    // past the FPGA's status table, and has a VpdFormat that is no string;
+    // riser 5's RiserSlot -1 is read as a number above 31.
     auto& trdBackplanes = (*platform->trdBackplanes)["NormalBP"];
     trdBackplanes[0]["Name"] = "Front-BP 1";
+    trdBackplanes.push_back({{"Name", "BP 2"},
+                             {"Location", 2},
+                             {"Interface", "com.halvex.hwtopod.backplane"}});
     auto& trdRisers = *platform->trdRisers;
-    trdRisers[0]["Interface"] = "com.halvex.hwtopod.-riser";
+    trdRisers[0]["Properties"]["PCIeSlot"] = {-1, 2};
     trdRisers[1]["Properties"]["PCIeSlot"] = nlohmann::json::array();
     trdRisers[1]["Properties"]["BUS"] = "forty";
     trdRisers[2]["Properties"]["PCIeSlot"] = {30};
+    trdRisers.push_back(trdRisers[2]);
+    trdRisers[3]["Location"] = 5;
+    trdRisers[3]["Properties"]["RiserSlot"] = -1;
     fpgaSees({1, 3, 4}, {});
     for (auto [name, id, location] :
          {std::tuple{"BP_1", 0x70, 1},
+          {"BP_2", 0x70, 2},
           {"RISER_1", 0xE0, 1},
           {"RISER_3", 0xE0, 3},
-          {"RISER_4", 0xE0, 4}})
+          {"RISER_4", 0xE0, 4},
+          {"RISER_5", 0xE0, 5}})
     {
         auto vpd = board(static_cast<std::uint8_t>(id), id == 0x70 ? 112 : 224,
                          static_cast<std::uint16_t>(location), name);
@@ -203,20 +213,28 @@ TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
         platform->discovery
             .vpdObjects[std::string("/com/halvex/vpdd/") + name] = vpd;
     }
+    platform->discovery.vpdObjects["/com/halvex/vpdd/RISER_4"]["VpdFormat"] =
+        std::uint32_t{7};
     auto log = discover();
 
     EXPECT_TRUE(platform->discovery.fpgaMatchQueue.empty()) << log;
+    EXPECT_THAT(log, HasSubstr("[WARNING] Pcie slot index error: "
+                               "18446744073709551615\n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR] Riser slot index error\n"));
+    EXPECT_EQ(test::countInText(log, "[CRITICAL] "), 2U) << log;
+    EXPECT_EQ(test::countInText(log, "[CRITICAL] Exception in probeCachedVpdd "
+                                     "for VPDD path /com/halvex/vpdd/BP_2: "),
+              1U);
     EXPECT_EQ(nlohmann::json::parse(
                   test::readFile(root / rules::risersFoundFile))["risers"]
                   .size(),
-              3U);
-    EXPECT_EQ(platform->discovery.backplanesFound["backplanes"].size(), 1U);
-    EXPECT_EQ(linkTarget("bp1_i2c"),
-              sandboxPath("sys/devices/platform/i2c/i2c-30"));
-    EXPECT_TRUE(platform->discovery.backplaneInstalled["BP_1_INSTALLED"]);
+              2U);
+    EXPECT_FALSE(std::filesystem::exists(root / rules::backplanesFoundFile));
+    EXPECT_FALSE(std::filesystem::exists(root / "dev/bp1_i2c"));
     const Events events = eventsSoFar();
-    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_11::Backplane::1"}), 1U);
+    EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_21::Slot::1 Riser"}), 1U);
     EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_23::Slot::3 Riser"}), 1U);
+    EXPECT_EQ(countId(events, "TKRMBIO0034I"), 3U);
     for (const char* mismatch :
          {"TKRMBSS0012G", "TKRMBIO0035G", "TKRMBIO0036G", "TKRMBIO0037G"})
     {
@@ -224,20 +242,42 @@ TEST_F(DynamicDiscovery, OddVpdAndRuleDataLoseNoBoard)
     }
 }
 
-TEST_F(DynamicDiscovery, RiserSeenByTheFpgaAloneWithNoBoardVpdAtAll)
+TEST_F(DynamicDiscovery, RiserSeenByTheFpgaAloneAndBackplanesNotByType)
 {
     fpgaSees({1}, {});
-    EXPECT_THAT(discover(),
-                HasSubstr("[ERROR] BMC didn't detect PCIe Riser 1\n"));
+    // The backplane section must be keyed by type: an array fails the object.
+    *platform->trdBackplanes = nlohmann::json::array();
+    platform->discovery.vpdObjects["/com/halvex/vpdd/BP_1"] =
+        board(0x70, 112, 1, "Front BP");
+    const auto log = discover();
+    EXPECT_THAT(log, HasSubstr("[ERROR] BMC didn't detect PCIe Riser 1\n"));
+    EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in probeCachedVpdd for "
+                               "VPDD path /com/halvex/vpdd/BP_1: "));
 }
 
-TEST_F(DynamicDiscovery, NoFpgaReadoutDelaysDiscoveryForALimitedTime)
+TEST_F(DynamicDiscovery, FpgaReadoutAfterTheBoundChecksRisersWhenItComes)
 {
     platform->hardwareWaitLimit = std::chrono::seconds(0);
     platform->discovery.vpdObjects["/com/halvex/vpdd/BP_1"] =
         board(0x70, 112, 1, "Front BP");
-    EXPECT_THAT(discover(),
+    platform->discovery.vpdObjects["/com/halvex/vpdd/RISER_1"] =
+        board(0xE0, 224, 1, "Riser A");
+    auto log = discover();
+    EXPECT_THAT(log,
                 HasSubstr("[WARNING] Board discovery waited 0 seconds for the "
                           "FPGA read-out and goes on without it\n"));
     EXPECT_EQ(platform->discovery.backplanesFound["backplanes"].size(), 1U);
+    EXPECT_EQ(platform->discovery.risersFound["risers"].size(), 1U);
+
+    // Neither side is held against the other until the FPGA has looked.
+    CaptureStderr();
+    fpgaSees({1, 4}, {});
+    platform->discoveryWorker->run([]() {});
+    log += GetCapturedStderr();
+    EXPECT_THAT(log,
+                HasSubstr("[INFO] FPGA also detected <PCIe Slot 1 Riser>"));
+    EXPECT_THAT(log, HasSubstr("[ERROR] BMC didn't detect PCIe Riser 4\n"));
+    EXPECT_EQ(test::countInText(log, "Board discovery has ended"), 1U);
+    EXPECT_EQ(eventsSoFar().count({"TKRMBSS0012G", "BMC::Slot 4 Riser"}), 1U);
+    EXPECT_EQ(countId(eventsSoFar(), "TKRMBSS0012G"), 1U);
 }

@@ -23,8 +23,10 @@ const auto trd = nlohmann::json::parse(R"({
   "backplanes": [
     {"Name": "Static BP 1", "Interface": "com.halvex.hwtopod.backplane",
      "Location": 1, "PosID": 113, "Properties": {"BackplaneId": 9}},
-    {"Name": "Static BP 1", "Interface": "com.halvex.hwtopod.backplane",
+    {"Name": "Static/BP 1", "Interface": "com.halvex.hwtopod.backplane",
      "Location": 1, "Properties": {"BackplaneId": 3, "BusNumber": 30}},
+    {"Name": "No Id", "Interface": "com.halvex.hwtopod.backplane",
+     "Location": 3, "Properties": {"BusNumber": 30}},
     {"Name": "Virtual BP", "Interface": "com.halvex.hwtopod.backplane",
      "Location": 2, "Properties": {"BackplaneId": 4, "VirtualBP": true}}
   ],
@@ -34,11 +36,14 @@ const auto trd = nlohmann::json::parse(R"({
     {"Name": "Riser Two", "Interface": "com.halvex.hwtopod.riser",
      "Location": 2, "PosID": 0,
      "Properties": {"RiserSlot": 2, "PCIeSlot": [3, 0, 4], "BUS": 20,
-                    "Connector": 7}}
+                    "BusOffset": -1, "Connector": 7}}
   ],
   "midplanes": [
     {"Name": "Midplane A", "Interface": "com.halvex.hwtopod.midplane",
-     "PwrBpPosID": 129, "Properties": {"Index": 1, "Bus": 60}}
+     "PwrBpPosID": 129, "Properties": {"Index": 1, "Bus": 60}},
+    {"Name": "Midplane B", "Interface": "com.halvex.hwtopod.midplane",
+     "PwrBpPosID": 130},
+    7
   ]
 })");
 
@@ -66,8 +71,10 @@ class StaticDiscovery : public DiscoveryFixture
                   nlohmann::json::parse(R"([{"Name": "R", "POSID": 224}])"));
         writeRule(powerFile,
                   nlohmann::json::parse(R"([{"Name": "PDB", "POSID": 129,
-            "com.halvex.hwtopod.midplane": {"Index": "$Index"}}])"));
-        for (unsigned bus : {30, 21, 22, 23, 60})
+            "com.halvex.hwtopod.midplane": {"Index": "$Index"}},
+            {"POSID": 130, "com.halvex.hwtopod.midplane": [1]},
+            {"POSID": 131}])"));
+        for (unsigned bus : {30, 19, 21, 60})
         {
             makeI2cBus(bus);
         }
@@ -114,7 +121,7 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
     EXPECT_THAT(log, HasSubstr("[INFO] hwtopod find bp \n"));
     EXPECT_EQ(linkTarget("bp3_i2c"),
               sandboxPath("sys/devices/platform/i2c/i2c-30"));
-    EXPECT_EQ(test::getProperty("com.halvex.hwtopod", "/chassis/bp/Static_BP_1",
+    EXPECT_EQ(test::getProperty("com.halvex.hwtopod", "/chassis/bp/Static/BP_1",
                                 "com.halvex.hwtopod.backplane", "Connector")
                   .get<std::uint64_t>(),
               5U);
@@ -138,33 +145,38 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
     EXPECT_EQ(backplanes[1]["VirtualBP"], true);
 
     // The riser entry with a position id of 0 fits; slots take consecutive
-    // buses from BUS + 1, a 0 using one up.
+    // buses from BUS + BusOffset, a 0 using one up.
     log = probe(*platform, "/com/halvex/vpdd/RISER", object(0xE0, 224, 2));
     EXPECT_THAT(
         log,
         HasSubstr("Connector of RiserSlot[2] was found in setting: PWR_7\n"));
     EXPECT_EQ(linkTarget("pcie_slot3_i2c"),
-              sandboxPath("sys/devices/platform/i2c/i2c-21"));
+              sandboxPath("sys/devices/platform/i2c/i2c-19"));
     EXPECT_EQ(linkTarget("pcie_slot4_i2c"),
-              sandboxPath("sys/devices/platform/i2c/i2c-23"));
+              sandboxPath("sys/devices/platform/i2c/i2c-21"));
     EXPECT_FALSE(std::filesystem::exists(root / "dev/pcie_slot0_i2c"));
 
     // A midplane object is ignored unless the machine enables the probe.
     log = probe(*platform, "/com/halvex/vpdd/PDB", object(0x81, 129, 0));
     EXPECT_THAT(log, testing::Not(HasSubstr("midplane")));
 
-    // A walk of the whole cache: an object that cannot be probed is
-    // reported, and the walk goes on.
+    // A walk of the whole cache: an object that cannot be probed, or whose
+    // record has no BackplaneId, is reported, and the walk goes on.
     VpdProperties odd = object(0x70, 112, 1);
     odd.erase("VpdLocation");
     odd["VpdName"] = std::uint32_t{7};
     platform->discovery.vpdObjects["/com/halvex/vpdd/A_ODD"] = odd;
+    platform->discovery.vpdObjects["/com/halvex/vpdd/BP_E"] =
+        object(0x70, 112, 3);
     CaptureStderr();
     platform->probeCachedVpdd();
     log = GetCapturedStderr();
     EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in probeCachedVpdd for "
                                "VPDD path /com/halvex/vpdd/A_ODD: "));
     EXPECT_THAT(log, HasSubstr("[INFO] probeVpdd: VPDID 129, POSID 129\n"));
+    EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in probeCachedVpdd for "
+                               "VPDD path /com/halvex/vpdd/BP_E: "));
+    EXPECT_EQ(platform->discovery.backplanesFound["backplanes"].size(), 2U);
 
     const auto events = eventsSoFar();
     EXPECT_EQ(events.count({"TKRMBIO0000I", "links with Backplane 3"}), 1U);
@@ -177,6 +189,15 @@ TEST_F(StaticDiscovery, MidplaneFromThePowerDistributionBoard)
     auto platform = start(true);
     auto log = probe(*platform, "/com/halvex/vpdd/PDB", object(0x81, 129, 0));
     EXPECT_THAT(log, HasSubstr("[INFO] hwtopod find midplane\n"));
+    // A template that is no object, or an entry that is none, ends the probe
+    // with its own line; nothing leaves it.
+    for (std::uint8_t posId : {130, 131})
+    {
+        EXPECT_THAT(
+            probe(*platform, "/com/halvex/vpdd/PDB_X", object(0x81, posId, 0)),
+            HasSubstr("[CRITICAL] Exception in "
+                      "probeChassisMidplaneBaseOnPdbStatic: "));
+    }
     EXPECT_EQ(linkTarget("midplane1_i2c"),
               sandboxPath("sys/devices/platform/i2c/i2c-60"));
     EXPECT_EQ(

@@ -114,8 +114,8 @@ TEST_F(PublishedNames, AnyCallerOfAddDbusInterfaceIsChecked)
 }
 
 // Backplane topology entries with bad names around a good one: each bad one
-// costs one line and its object; every one is linked and written, the good
-// one is published, and its properties cannot be set by another client.
+// costs one line and its board (no object, link or record); the good one is
+// published, and its properties cannot be set by another client.
 TEST_F(PublishedNames, TopologyNamesFromRuleFilesAndReadOnlyBoards)
 {
     writeRule("kelvane80_1u_pass1_trd.json", nlohmann::json::parse(R"({
@@ -153,24 +153,21 @@ TEST_F(PublishedNames, TopologyNamesFromRuleFilesAndReadOnlyBoards)
     platform->discoveryWorker->run([this]() { platform->probeCachedVpdd(); });
     const auto log = GetCapturedStderr();
 
-    EXPECT_EQ(test::countInText(log, "[ERROR] Refused topology entry Name "),
-              2U)
+    EXPECT_EQ(test::countInText(log, "[ERROR] Refused board object path "), 2U)
         << log;
     EXPECT_EQ(
         test::countInText(log, "[ERROR] Refused topology entry Interface "), 1U)
         << log;
-    EXPECT_THAT(log, HasSubstr("Refused topology entry Name \"BP\\x0A3\""));
+    EXPECT_THAT(log, HasSubstr("/chassis/bp/BP\\x0A3\""));
     EXPECT_THAT(log, Not(HasSubstr("Exception in probeCachedVpdd")));
 
     const auto found = nlohmann::json::parse(
         test::readFile(root / "var/configuration/backplanes_found.json"));
-    // A refused name costs the board its object alone: its record and its
-    // link are still made.
-    ASSERT_EQ(found["backplanes"].size(), 4U);
-    EXPECT_EQ(found["backplanes"][3]["BackplaneId"], 4);
+    ASSERT_EQ(found["backplanes"].size(), 1U);
+    EXPECT_EQ(found["backplanes"][0]["BackplaneId"], 4);
     EXPECT_TRUE(test::getManagedObjects(service).contains(
         sdbus::ObjectPath("/chassis/bp/Front_BP_4")));
-    EXPECT_TRUE(fs::is_symlink(root / "dev/bp1_i2c"));
+    EXPECT_FALSE(fs::exists(root / "dev/bp1_i2c"));
     EXPECT_TRUE(fs::is_symlink(root / "dev/bp4_i2c"));
     // The basecfg object keeps its own interfaces only.
     EXPECT_EQ(test::getAllProperties(service, "/com/halvex/platform/basecfg",

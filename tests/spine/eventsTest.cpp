@@ -182,6 +182,8 @@ TEST(Events, ShippedRegistryDefinesEveryRecord)
         const auto count = entry.at("NumberOfArgs").get<std::size_t>();
         const auto text = entry.at("Message").get<std::string>();
         EXPECT_EQ(entry.at("ParamTypes").size(), count) << id;
+        EXPECT_EQ(entry.at("Severity"), entry.at("MessageSeverity")) << id;
+        EXPECT_FALSE(entry.at("Resolution").get<std::string>().empty()) << id;
         EXPECT_EQ(text.find("%" + std::to_string(count + 1)),
                   std::string::npos);
         for (std::size_t n = 1; n <= count; ++n)

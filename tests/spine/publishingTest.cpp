@@ -93,19 +93,11 @@ TEST_F(Publishing, ServiceObjectsAndPsuFileWithABadElement)
     EXPECT_THAT(log, HasSubstr("[WARNING] GPIO LOW_SECURITY_JMP_Nnot found\n"));
     EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in initPsuConfigs : "
                                "psuConfigFiles BaseAddressCrps 8.9e+31 "));
-    auto height = test::getProperty(
-        service, "/com/halvex/platform/hardware/chassis",
-        "xyz.openbmc_project.Inventory.Decorator.Dimension", "HeightU");
-    EXPECT_EQ(height.peekValueType(), "i");
-    EXPECT_EQ(height.get<std::int32_t>(), 1);
-
     auto psu = test::getAllProperties(service,
                                       "/com/halvex/platform/hardware/psus/PSU0",
                                       "com.halvex.PowerSupply");
     EXPECT_EQ(psu.size(), 7U) << "unknown keys are not published";
     EXPECT_EQ(psu.at("Name").get<std::string>(), "PSU0");
-    EXPECT_EQ(psu.at("BusOwner").peekValueType(), "b");
-    EXPECT_EQ(psu.at("BaseAddressCrps").peekValueType(), "t");
     EXPECT_EQ(psu.at("BaseAddressCrps").get<std::uint64_t>(), 88U);
     EXPECT_EQ(psu.at("Location").get<std::uint64_t>(), 1U);
 
@@ -118,14 +110,10 @@ TEST_F(Publishing, ServiceObjectsAndPsuFileWithABadElement)
     EXPECT_FALSE(psu1->hasProperty("Location"));
     EXPECT_FALSE(psu1->isInitialized());
     auto objects = test::getManagedObjects(service);
-    EXPECT_TRUE(objects.contains(
-        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU0")));
     EXPECT_FALSE(objects.contains(
         sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU1")));
     EXPECT_FALSE(objects.contains(
         sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU2")));
-    EXPECT_TRUE(objects.contains(
-        sdbus::ObjectPath("/com/halvex/platform/software/config")));
 
     // A second start of the service changes nothing.
     CaptureStderr();

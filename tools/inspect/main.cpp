@@ -1,13 +1,9 @@
 // hwtopod-inspect: shows what the hardware topology daemon has found.
 //
-//   hwtopod-inspect [--json] [--pid PID] [--service NAME]
+//   hwtopod-inspect [--json] [--pid PID] [--service NAME] | --help
 //
-// Reads the daemon's objects from the system bus, its result files in
-// /var/configuration (below HWTOPOD_ROOT when that is set), its I2C links in
-// /dev and its event records in the journal, and prints them as text or, with
-// --json, as one JSON document. The status is 1, with the reasons on standard
-// error after the report, when the daemon is not on the bus or a result file
-// it wrote cannot be read: the report is then not the daemon's picture.
+// What it reads and what its statuses mean is the help text below, which is
+// also its manual.
 
 #include "common/jsonNumber.hpp"
 #include "inspect.hpp"
@@ -20,10 +16,38 @@
 
 namespace
 {
+constexpr const char* usageLine =
+    "usage: hwtopod-inspect [--json] [--pid PID] [--service NAME]\n";
+
+// Kept to what a field engineer needs on a controller without manual pages.
+constexpr const char* helpText =
+    "\n"
+    "Shows what the hardware topology daemon has found: its D-Bus objects\n"
+    "(platform facts, risers with their PCIe slots, backplanes, device\n"
+    "presence), its result files in /var/configuration, its I2C links in\n"
+    "/dev and its event records in the journal, worded by the installed\n"
+    "message registry. HWTOPOD_ROOT, when set, is the directory taken as /.\n"
+    "\n"
+    "  --json          one JSON document instead of the text report; parts\n"
+    "                  that could not be read are null, with the reason\n"
+    "                  under \"errors\", and what makes the report unfit to\n"
+    "                  rely on is listed under \"failures\"\n"
+    "  --pid PID       the daemon's process, whose journal records are\n"
+    "                  shown (default: the owner of the bus name)\n"
+    "  --service NAME  the daemon's bus name (default com.halvex.hwtopod)\n"
+    "  --help          this text\n"
+    "\n"
+    "Exit status:\n"
+    "  0  the report is the daemon's picture; the problems it lists (events\n"
+    "     that need an operator) do not change the status\n"
+    "  1  the daemon is not on the system bus, a result file it wrote\n"
+    "     cannot be read, or the report could not be made; the reasons go\n"
+    "     to standard error after the report\n"
+    "  2  a usage error: unknown option or bad value, on standard error\n";
+
 int usage()
 {
-    std::cerr << "usage: hwtopod-inspect [--json] [--pid PID] "
-                 "[--service NAME]\n";
+    std::cerr << usageLine;
     return 2;
 }
 } // namespace
@@ -34,6 +58,11 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i)
     {
         const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h")
+        {
+            std::cout << usageLine << helpText;
+            return 0;
+        }
         if (arg == "--json")
         {
             options.json = true;
