@@ -1,7 +1,7 @@
 // Development and test stand-in of the FPGA register library: every register
 // space is an image file in the directory named by HALVEX_FPGA_IMAGES.
 
-#include "libfpga.hpp"
+#include "fpga/libfpga.hpp"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "registerAccess.hpp"
 
-#include <libfpga.hpp>
+#include "libfpga.hpp"
 
 namespace hwtopod
 {

@@ -26,6 +26,13 @@ namespace
 constexpr auto statusPath = "/com/halvex/platform/basecfg";
 constexpr auto statusInterface = "com.halvex.hwtopod.status.backplane";
 constexpr std::string_view notLoaded = "hwtopod TRD files are not loaded ";
+// The highest riser slot a TRD entry may name, and the highest PCIe slot
+// number a riser's record may name: the machine's rule files never go
+// beyond them, and the riser slots probed are kept as bits.
+constexpr std::uint64_t maxRiserSlot = 31;
+constexpr std::uint64_t maxPcieSlot = 30;
+// Riser numbers that stand for a bit of the FPGA's 64-bit sets.
+constexpr std::size_t maxFpgaRiser = hwtopod::bitset64().size();
 
 // A property read as a number, entering an empty one when it is absent.
 std::uint64_t numberOrEnter(VpdProperties& vpd, const char* name)
@@ -164,7 +171,7 @@ void Highvol::reportUnconfirmedRisers()
         hwtopod::sendConfigMismatchEvent(DeviceType::SlotRiser,
                                          ConfigMismatchKind::NotDetected, name,
                                          "BMC");
-        if (riser == 0 || riser > 64)
+        if (riser == 0 || riser > maxFpgaRiser)
         {
             continue;
         }
@@ -381,10 +388,10 @@ std::optional<std::uint64_t> Highvol::claimRiserSlot(
         logError() << "Unable found RiserSlot of TRD obj: " << name;
         return std::nullopt;
     }
-    // Read as an unsigned number: a negative one wraps above 31. A float
-    // that no unsigned number holds is above 31 as well.
+    // Read as an unsigned number: a negative one wraps above the bound. A
+    // float that no unsigned number holds is above it as well.
     const auto slot = rules::wrappedUnsigned(record.at("RiserSlot"));
-    if (!slot || *slot > 31)
+    if (!slot || *slot > maxRiserSlot)
     {
         logError() << "Riser slot index error";
         return std::nullopt;
@@ -450,7 +457,7 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
 void Highvol::checkRiserConnection(const nlohmann::json& riser,
                                    std::string riserName)
 {
-    // The probe has seen to it that the number is at most 31.
+    // The probe has seen to it that the number is at most maxRiserSlot.
     const auto riserNumber = static_cast<unsigned>(
         rules::wrappedUnsigned(riser.at("RiserSlot")).value_or(0));
     if (!riser.contains("PCIeSlot") || !riser.contains("BUS"))
@@ -463,7 +470,7 @@ void Highvol::checkRiserConnection(const nlohmann::json& riser,
         logError() << "Riser should has PCIeSlot configured!";
         return;
     }
-    const bool riserPresent = riserNumber >= 1 && riserNumber <= 64 &&
+    const bool riserPresent = riserNumber >= 1 && riserNumber <= maxFpgaRiser &&
                               fpgaPicture().riserPresence.test(riserNumber - 1);
     linkRiserCardSlots(riser, riserName, riserPresent);
     confirmRiserConnector(riser, riserName, riserNumber);
@@ -479,8 +486,8 @@ void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
     for (std::size_t i = 0; i < slots.size(); ++i)
     {
         // Read as an unsigned number, so a position without a slot below 0
-        // wraps above 30; a float that no unsigned number holds is said as
-        // it stands in the file. Either skips this slot alone.
+        // wraps above the bound; a float that no unsigned number holds is said
+        // as it stands in the file. Either skips this slot alone.
         const auto slot = rules::wrappedUnsigned(slots[i]);
         if (slot == 0U)
         {
@@ -488,7 +495,7 @@ void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
                          << "0";
             continue;
         }
-        if (!slot || *slot > 30)
+        if (!slot || *slot > maxPcieSlot)
         {
             logWarning() << "Pcie slot index error: "
                          << (slot ? std::to_string(*slot) : slots[i].dump());

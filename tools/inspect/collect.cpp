@@ -1,24 +1,18 @@
+#include "collectParts.hpp"
 #include "common/jsonNumber.hpp"
-#include "common/names.hpp"
 #include "common/paths.hpp"
-#include "events/eventIds.hpp"
-#include "events/journalRecords.hpp"
 #include "inspect.hpp"
 
 #include <sdbus-c++/sdbus-c++.h>
-#include <systemd/sd-id128.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -36,34 +30,6 @@ using ManagedObjects =
 
 const std::vector<std::string> resultFiles = {
     "backplanes_found.json", "risers_found.json", "midplanes_found.json"};
-
-// The message registry of the daemon's records, installed beside its rule
-// files; an empty one, with the reason under errors, when it cannot be read.
-Json registryMessages(const Root& root, Json& errors)
-{
-    const auto path = root.path(dataFile("EventRegistry.1.0.0.json"));
-    std::ifstream stream(path);
-    if (!stream)
-    {
-        errors.push_back(path + ": " + std::strerror(errno));
-        return Json::object();
-    }
-    try
-    {
-        auto messages = Json::parse(stream).at("Messages");
-        if (messages.is_object())
-        {
-            return messages;
-        }
-    }
-    catch (const Json::exception& e)
-    {
-        errors.push_back(path + ": " + e.what());
-        return Json::object();
-    }
-    errors.push_back(path + ": no message table");
-    return Json::object();
-}
 
 template <typename T>
 Json take(const sdbus::Variant& value)
@@ -165,108 +131,6 @@ Json i2cLink(const Root& root, const std::string& name)
     return result;
 }
 
-// Realtime microseconds at which a process started; 0 when unknown.
-std::uint64_t processStart(pid_t pid)
-{
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    if (!std::getline(stat, text))
-    {
-        return 0;
-    }
-    // Fields after the command name, which is in parentheses.
-    std::istringstream rest(text.substr(text.rfind(')') + 2));
-    std::string field;
-    std::uint64_t ticks = 0;
-    for (int index = 3; rest >> field; ++index)
-    {
-        if (index == 22)
-        {
-            ticks = decimalInteger<std::uint64_t>(field).value_or(0);
-            break;
-        }
-    }
-    timespec now{};
-    timespec boot{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    ::clock_gettime(CLOCK_BOOTTIME, &boot);
-    const auto toMicro = [](const timespec& t) {
-        return static_cast<std::uint64_t>(t.tv_sec) * 1000000ULL +
-               static_cast<std::uint64_t>(t.tv_nsec) / 1000ULL;
-    };
-    const auto hz = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
-    const auto bootedAt = toMicro(now) - toMicro(boot);
-    // One tick of slack: the start time is rounded down to a tick.
-    return bootedAt + ticks * 1000000ULL / hz - 1000000ULL / hz;
-}
-
-// One Redfish record as the report shows it, its text from the registry.
-Json eventOf(JournalFields& fields, const Json& messages)
-{
-    const auto shortId = shortEventId(fields["REDFISH_MESSAGE_ID"]);
-    Json event = {{"id", shortId}, {"args", nullptr}, {"priority", nullptr}};
-    auto args = fields.find("REDFISH_MESSAGE_ARGS");
-    std::vector<std::string> argList;
-    if (args != fields.end())
-    {
-        argList = splitEventArguments(args->second);
-        event["args"] = args->second;
-    }
-    if (auto priority = decimalInteger<int>(fields["PRIORITY"]))
-    {
-        event["priority"] = *priority;
-    }
-    const auto message = messages.find(shortId);
-    const auto known = message != messages.end();
-    event["text"] = describeEvent(known ? *message : Json(), argList);
-    event["severity"] = known ? message->value("MessageSeverity", Json())
-                              : Json();
-    // An event the registry does not know is shown with the problems.
-    event["problem"] = event["severity"] != "OK";
-    return event;
-}
-
-// The daemon's Redfish records: this process, this boot, since it started.
-Json journalEvents(pid_t pid, const Json& messages, Json& errors)
-{
-    Json events = Json::array();
-    sd_journal* journal = nullptr;
-    if (sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0)
-    {
-        errors.push_back("cannot open the journal");
-        return events;
-    }
-    const auto pidMatch = "_PID=" + std::to_string(pid);
-    sd_journal_add_match(journal, pidMatch.c_str(), 0);
-    sd_id128_t boot{};
-    if (sd_id128_get_boot(&boot) >= 0)
-    {
-        char text[SD_ID128_STRING_MAX];
-        const auto bootMatch =
-            "_BOOT_ID=" + std::string(sd_id128_to_string(boot, text));
-        sd_journal_add_match(journal, bootMatch.c_str(), 0);
-    }
-    const auto since = processStart(pid);
-    if (since != 0)
-    {
-        sd_journal_seek_realtime_usec(journal, since);
-    }
-    else
-    {
-        sd_journal_seek_head(journal);
-    }
-    while (sd_journal_next(journal) > 0)
-    {
-        auto fields = recordFields(journal);
-        if (fields.contains("REDFISH_MESSAGE_ID"))
-        {
-            events.push_back(eventOf(fields, messages));
-        }
-    }
-    sd_journal_close(journal);
-    return events;
-}
-
 std::optional<pid_t> daemonPid(sdbus::IConnection& connection,
                                const std::string& service)
 {
@@ -286,103 +150,6 @@ unsigned riserSlot(const Json& properties)
     auto slot = properties.find("RiserSlot");
     return slot == properties.end() ? 0
                                     : jsonInteger<unsigned>(*slot).value_or(0);
-}
-
-// The events that concern one riser: its cables and its location.
-Json riserIssues(const Json& events, unsigned slot,
-                 const std::vector<std::string>& names)
-{
-    const auto slotName = "PCIe Slot " + std::to_string(slot);
-    const auto bmcName = "Slot " + std::to_string(slot) + " Riser";
-    Json cable = Json::array();
-    Json location = Json::array();
-    for (const auto& event : events)
-    {
-        const auto id = event["id"].get<std::string>();
-        if (event["args"].is_null())
-        {
-            continue;
-        }
-        const auto args = splitEventArguments(event["args"].get<std::string>());
-        auto named = [&](const std::string& arg) {
-            if (arg == bmcName)
-            {
-                return true;
-            }
-            for (const auto& name : names)
-            {
-                if (nonAlnumToUnderscores(arg) == nonAlnumToUnderscores(name))
-                {
-                    return true;
-                }
-            }
-            return false;
-        };
-        if ((id == eventId::cableMisconnectedBetween ||
-             id == eventId::cableMisconnected) &&
-            named(args[0]))
-        {
-            cable.push_back(event["text"]);
-        }
-        else if ((id == eventId::riserCableNotConnected ||
-                  id == eventId::riserCableMisconnected) &&
-                 args[0] == slotName)
-        {
-            cable.push_back(event["text"]);
-        }
-        else if ((id == eventId::namedCableNotConnected ||
-                  id == eventId::namedCableMisconnected) &&
-                 args.size() > 1 && args[1] == slotName)
-        {
-            cable.push_back(event["text"]);
-        }
-        else if (id == eventId::riserWrongLocation && named(args[0]))
-        {
-            location.push_back(event["text"]);
-        }
-    }
-    return {{"cable", cable.empty() ? Json("ok") : cable},
-            {"location", location.empty() ? Json("ok") : location}};
-}
-
-// Riser numbers that the FPGA reported and no VPD object confirmed.
-std::vector<unsigned> risersOnlyFpgaSaw(const Json& events)
-{
-    std::vector<unsigned> slots;
-    for (const auto& event : events)
-    {
-        if (event["id"].get<std::string>() != eventId::notDetected ||
-            event["args"].is_null())
-        {
-            continue;
-        }
-        const auto args = splitEventArguments(event["args"].get<std::string>());
-        if (args.size() == 2 && args[0] == "BMC" &&
-            args[1].starts_with("Slot "))
-        {
-            // "Slot 3 Riser": the number is the word after "Slot ".
-            const auto word = args[1].substr(5, args[1].find(' ', 5) - 5);
-            if (auto slot = decimalInteger<unsigned>(word))
-            {
-                slots.push_back(*slot);
-            }
-        }
-    }
-    return slots;
-}
-
-bool fpgaMissed(const Json& events, const std::string& name)
-{
-    for (const auto& event : events)
-    {
-        if (event["id"].get<std::string>() == eventId::notDetected &&
-            event["args"] ==
-                "FPGA" + std::string(eventArgumentSeparator) + name)
-        {
-            return true;
-        }
-    }
-    return false;
 }
 
 // The daemon's objects, and its process when not given; what failed goes to
@@ -578,20 +345,6 @@ Json readResultFiles(const Root& root, Json& errors, Json& failures)
         }
     }
     return files;
-}
-
-Json problemsOf(const Json& events)
-{
-    Json problems = Json::array();
-    for (const auto& event : events)
-    {
-        if (event["problem"].get<bool>())
-        {
-            problems.push_back(event["id"].get<std::string>() + " " +
-                               event["text"].get<std::string>());
-        }
-    }
-    return problems;
 }
 
 } // namespace

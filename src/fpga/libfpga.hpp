@@ -1,12 +1,10 @@
 #pragma once
 
-// Register access to the machine's FPGAs.
-//
-// This header belongs to the development and test stand-in built from this
-// directory: it serves register images from files instead of reaching the
-// hardware (the file layout is described in docs/simulation.md). The three
-// calls and their arguments are those of the platform's own libfpga.so.0,
-// so the daemon compiles against this header whichever library it links.
+// Register access to the machine's FPGAs: the three calls of the platform's
+// libfpga.so.0 that the daemon uses, declared here as the daemon's contract
+// with that library. The development stand-in under sim/libfpga implements
+// the same header, so the daemon compiles against it whichever library it
+// links.
 
 #include <span>
 
