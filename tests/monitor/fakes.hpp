@@ -2,11 +2,15 @@
 
 // Stand-ins for the monitor's tests: a GPIO controller whose waits hand out
 // a script of edges, one batch at a time (when the script is used up the
-// next wait throws, which ends the monitor).
+// next wait throws, which ends the monitor, or, when idle, blocks until
+// the monitor is woken).
 
 #include "monitor/gpioLines.hpp"
 #include "recordedSleeps.hpp"
 
+#include <poll.h>
+
+#include <atomic>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -32,7 +36,7 @@ class ScriptedLines : public FaultLineGpio
     // What the monitor did.
     std::vector<std::vector<unsigned>> selections;
     std::vector<std::string> consumers;
-    std::size_t waits = 0;
+    std::atomic<std::size_t> waits = 0;
 
     std::optional<GpioLineLocation> findLine(const std::string& name) override
     {
@@ -59,13 +63,25 @@ class ScriptedLines : public FaultLineGpio
     {
         consumers.push_back(consumer);
     }
-    std::vector<unsigned> waitForEvents(std::chrono::nanoseconds) override
+    std::vector<unsigned> waitForEvents(int wakeFd) override
     {
-        if (waits >= script.size() && !idle)
+        if (waits >= script.size())
         {
-            throw std::runtime_error("end of script");
+            if (!idle)
+            {
+                throw std::runtime_error("end of script");
+            }
+            // Idle: no edge ever comes, only the wake-up can end the wait.
+            ++waits;
+            pollfd wake{wakeFd, POLLIN, 0};
+            if (::poll(&wake, 1, -1) != 1)
+            {
+                throw std::runtime_error("idle wait failed");
+            }
+            current.clear();
+            return {};
         }
-        current = waits < script.size() ? script[waits++] : Batch{};
+        current = script[waits++];
         std::vector<unsigned> offsets;
         for (const auto& entry : current)
         {
