@@ -146,7 +146,7 @@ TEST(Faults, NoJournald)
     for (const char* level : {"[ERROR]", "[CRITICAL]"})
     {
         EXPECT_EQ(countInText(log(report), level),
-                  countInText(log(healthyReport()), level))
+                  countInText(log(simulate("healthy").report), level))
             << level;
     }
     // Discovery, objects and files are those of a healthy machine.
