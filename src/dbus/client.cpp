@@ -2,7 +2,6 @@
 
 #include "bus.hpp"
 #include "common/logging.hpp"
-#include "common/names.hpp"
 #include "convert.hpp"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -86,13 +85,6 @@ template std::string getPropertyValue<std::string>(
 void setPropertyValue(const std::string& path, const std::string& interface,
                       const std::string& value)
 {
-    // The interface carries the VPD object's own format name: one the bus
-    // would refuse is not sent.
-    if (!acceptObjectPath("VPD object path", path) ||
-        !acceptInterfaceName("VPD interface", interface))
-    {
-        return;
-    }
     std::lock_guard lock(dbusClientMutex);
     try
     {

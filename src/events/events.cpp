@@ -4,8 +4,6 @@
 
 #include <systemd/sd-journal.h>
 
-#include <cstring>
-#include <mutex>
 #include <optional>
 
 namespace hwtopod
@@ -18,25 +16,14 @@ namespace
 #define HWTOPOD_STRINGIFY2(x) #x
 #define HWTOPOD_STRINGIFY(x) HWTOPOD_STRINGIFY2(x)
 // Records come from the hardware, service, discovery and GPIO monitor
-// threads. The journal library opens its socket on the first send and keeps
-// it in a variable of its own; the sends are serialised here so that the
-// opening is ordered before every later use, whichever thread sent first.
-// A record the journal does not take (no journald, a full queue) is lost;
-// it costs one error line so that its loss shows, and the daemon goes on.
-std::mutex journalMutex;
+// threads and are sent without a lock of ours: the journal library keeps
+// its socket to itself. A record the journal does not take (no journald, a
+// full queue) is lost unnoticed: the send's result is not looked at, and
+// the daemon goes on as if it had gone out.
 #define JOURNAL_SEND(function, ...)                                            \
-    do                                                                         \
-    {                                                                          \
-        std::lock_guard journalLock(journalMutex);                             \
-        const int sent = sd_journal_send_with_location(                        \
-            "CODE_FILE=" __FILE__, "CODE_LINE=" HWTOPOD_STRINGIFY(__LINE__),   \
-            function, __VA_ARGS__, nullptr);                                   \
-        if (sent < 0)                                                          \
-        {                                                                      \
-            logError() << function << ": the journal refused the record: "     \
-                       << std::strerror(-sent);                                \
-        }                                                                      \
-    } while (false)
+    static_cast<void>(sd_journal_send_with_location(                           \
+        "CODE_FILE=" __FILE__, "CODE_LINE=" HWTOPOD_STRINGIFY(__LINE__),       \
+        function, __VA_ARGS__, nullptr))
 
 std::string fullId(const std::string& shortId)
 {

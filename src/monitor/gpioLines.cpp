@@ -1,8 +1,12 @@
 #include "gpioLines.hpp"
 
+#include <poll.h>
+
 #include <gpiod.hpp>
 
+#include <cerrno>
 #include <stdexcept>
+#include <system_error>
 
 namespace hwtopod
 {
@@ -47,16 +51,39 @@ class GpiodFaultLines : public FaultLineGpio
         lines.request(request, {});
     }
 
-    std::vector<unsigned> waitForEvents(
-        std::chrono::nanoseconds timeout) override
+    std::vector<unsigned> waitForEvents(int wakeFd) override
     {
-        changed = lines.event_wait(timeout);
         std::vector<unsigned> offsets;
-        for (const auto& line : changed)
+        while (true)
         {
-            offsets.push_back(line.offset());
+            // Events already queued are taken without blocking: a line's
+            // descriptor need not stay readable for them.
+            changed = lines.event_wait(std::chrono::nanoseconds(0));
+            for (const auto& line : changed)
+            {
+                offsets.push_back(line.offset());
+            }
+            if (!offsets.empty())
+            {
+                return offsets;
+            }
+            std::vector<pollfd> watched;
+            for (const auto& line : lines)
+            {
+                watched.push_back(pollfd{line.event_get_fd(), POLLIN, 0});
+            }
+            watched.push_back(pollfd{wakeFd, POLLIN, 0});
+            if (::poll(watched.data(), watched.size(), -1) < 0 &&
+                errno != EINTR)
+            {
+                throw std::system_error(errno, std::generic_category(),
+                                        "wait for GPIO events");
+            }
+            if (watched.back().revents != 0)
+            {
+                return offsets;
+            }
         }
-        return offsets;
     }
 
     std::vector<GpioEdgeEvent> readEvents(unsigned offset) override

@@ -51,10 +51,10 @@ class FaultLineGpio
     // Requests events on both edges for every line of the set.
     virtual void requestBothEdges(const std::string& consumer) = 0;
 
-    // Blocks until lines of the set have events and returns their offsets;
-    // may return none.
-    virtual std::vector<unsigned> waitForEvents(
-        std::chrono::nanoseconds timeout) = 0;
+    // Blocks, with no time limit, until lines of the set have events or
+    // wakeFd is readable; returns the offsets of the lines with events, none
+    // when only wakeFd woke it.
+    virtual std::vector<unsigned> waitForEvents(int wakeFd) = 0;
 
     // All pending events of the line at offset, oldest first. Only for a
     // line that the last wait returned.

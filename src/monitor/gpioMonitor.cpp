@@ -4,10 +4,17 @@
 #include "common/sleep.hpp"
 #include "gpioLines.hpp"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <functional>
+#include <system_error>
+#include <utility>
 
 namespace hwtopod
 {
@@ -17,9 +24,50 @@ namespace
 constexpr int discoveryAttempts = 5;
 constexpr unsigned discoveryRetrySeconds = 5;
 constexpr const char* consumerName = "monitor";
-// Bounded so that the thread sees a stop request within a second; an empty
-// result only leads to the next wait.
-constexpr std::chrono::nanoseconds eventWaitTimeout{1'000'000'000};
+
+// A descriptor that becomes readable once a stop is requested: the wait on
+// the lines watches it too, so the thread blocks with no time limit and
+// still ends at once on a stop.
+class StopWake
+{
+  public:
+    explicit StopWake(std::stop_token stop) :
+        fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+        onStop(std::move(stop), [this]() { signal(); })
+    {
+        if (fd < 0)
+        {
+            throw std::system_error(errno, std::generic_category(),
+                                    "eventfd for the monitor's stop");
+        }
+    }
+    StopWake(const StopWake&) = delete;
+    StopWake& operator=(const StopWake&) = delete;
+    ~StopWake()
+    {
+        if (fd >= 0)
+        {
+            ::close(fd);
+        }
+    }
+    int descriptor() const
+    {
+        return fd;
+    }
+
+  private:
+    void signal() const
+    {
+        // A stop before the descriptor exists is seen by the loop's check.
+        if (fd >= 0)
+        {
+            static_cast<void>(::eventfd_write(fd, 1));
+        }
+    }
+
+    int fd;
+    std::stop_callback<std::function<void()>> onStop;
+};
 
 // One discovery attempt: finds the controller that holds the rows' lines and
 // selects its monitored lines. The controller's name when there is a line
@@ -147,10 +195,11 @@ void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
 
     try
     {
+        const StopWake wake(stop);
         gpio.requestBothEdges(consumerName);
         while (!stop.stop_requested())
         {
-            for (unsigned offset : gpio.waitForEvents(eventWaitTimeout))
+            for (unsigned offset : gpio.waitForEvents(wake.descriptor()))
             {
                 logInfo() << "Change detected on GPIO line " << offset;
                 for (const auto& event : gpio.readEvents(offset))

@@ -363,19 +363,19 @@ void Base::waitForHardwareDiscovery()
 std::shared_ptr<hwtopod::dbus::Interface> Base::addDbusInterface(
     const std::string& path, const std::string& interfaceName)
 {
-    // The last line of defence for names made from VPD and rule files: the
-    // callers check the part they put in, this checks the whole. A name the
-    // bus would refuse is not entered, so it can neither fail later at
-    // initialize() nor block the pair for good.
-    if (!hwtopod::acceptObjectPath("object path", path) ||
-        !hwtopod::acceptInterfaceName("interface name", interfaceName))
-    {
-        return nullptr;
-    }
     std::shared_ptr<hwtopod::dbus::Interface> interface;
     {
         std::lock_guard lock(stateMutex);
         if (!objectServer)
+        {
+            return nullptr;
+        }
+        // The last line of defence for names made from VPD and rule files:
+        // the callers check the part they put in, this checks the whole. A
+        // name the bus would refuse is not entered, so it can neither fail
+        // later at initialize() nor block the pair for good.
+        if (!hwtopod::acceptObjectPath("object path", path) ||
+            !hwtopod::acceptInterfaceName("interface name", interfaceName))
         {
             return nullptr;
         }

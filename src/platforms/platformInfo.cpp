@@ -128,30 +128,24 @@ std::optional<PsuObject> psuObject(const nlohmann::json& element)
 
 namespace
 {
-std::uint64_t psuNumber(const std::string& key, const nlohmann::json& value)
+// A number converted as the JSON library converts any number to an unsigned
+// 64-bit value: a negative integer wraps (-1 is 2^64-1) and a fraction is
+// truncated. Only a float that conversion is undefined for (2^64 or more,
+// -1 or less, NaN) gives nothing: the caller drops that key alone. A value
+// that is no number throws the library's type error, which ends the file.
+std::optional<std::uint64_t> psuNumber(const nlohmann::json& value)
 {
-    if (value.is_number_unsigned())
-    {
-        return value.get<std::uint64_t>();
-    }
-    // A whole float within range is the number it writes; a negative,
-    // fractional or too large one is refused as a value of the wrong type
-    // is, rather than wrapped or cut to some other address.
-    constexpr double limit = 18446744073709551616.0; // 2^64
     if (value.is_number_float())
     {
         const double number = value.get<double>();
-        if (number >= 0 && number < limit && std::trunc(number) == number)
+        // 2^64 is exact as a double; the comparison also refuses NaN.
+        constexpr double limit = 18446744073709551616.0;
+        if (!(number > -1.0 && number < limit))
         {
-            return static_cast<std::uint64_t>(number);
+            return std::nullopt;
         }
+        return static_cast<std::uint64_t>(number);
     }
-    if (value.is_number())
-    {
-        throw std::out_of_range(key + " " + value.dump() +
-                                " is no number of the range 0 to 2^64-1");
-    }
-    // The JSON library's own type error, as for the other keys.
     return value.get<std::uint64_t>();
 }
 } // namespace
@@ -177,7 +171,17 @@ void forEachPsuProperty(
                 add(key, value.get<std::string>());
                 break;
             case PsuKey::number:
-                add(key, psuNumber(key, value));
+                if (auto number = psuNumber(value))
+                {
+                    add(key, *number);
+                }
+                else
+                {
+                    logError()
+                        << "PSU " << element.at("Name").get<std::string>()
+                        << " key " << key << " dropped: " << value.dump()
+                        << " is no unsigned 64-bit number";
+                }
                 break;
         }
     }

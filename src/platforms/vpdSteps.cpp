@@ -8,7 +8,6 @@
 // order their work reaches the worker, and neither the cache nor the
 // documents need a lock; the io thread, which serves the daemon's objects,
 // never waits on discovery.
-#include "common/names.hpp"
 #include "common/paths.hpp"
 #include "common/sleep.hpp"
 #include "common/vpdIds.hpp"
@@ -420,14 +419,9 @@ void Base::updateFruName(const std::string& path, const std::string& format,
             return;
         }
     }
-    // The format becomes part of an interface name on the VPD service. One
-    // the bus cannot take is not sent: its refusal stands for the failed
-    // set, and the rename's line follows as after any failed set.
-    if (hwtopod::acceptInterfaceElement("VPD format", format))
-    {
-        hwtopod::dbus::setPropertyValue(path, vpdInterfacePrefix + format,
-                                        newName);
-    }
+    // A format the bus cannot take in an interface name fails the set like
+    // any other refusal: the service's error is the set's one line.
+    hwtopod::dbus::setPropertyValue(path, vpdInterfacePrefix + format, newName);
     logInfo() << "Update fru name: (" << path << ")==>(" << newName << ")";
 }
 

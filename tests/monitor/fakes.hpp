@@ -2,11 +2,15 @@
 
 // Stand-ins for the monitor's tests: a GPIO controller whose waits hand out
 // a script of edges, one batch at a time (when the script is used up the
-// next wait throws, which ends the monitor).
+// next wait throws, which ends the monitor, or, when idle, blocks until
+// the monitor is woken).
 
 #include "monitor/gpioLines.hpp"
 #include "recordedSleeps.hpp"
 
+#include <poll.h>
+
+#include <atomic>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -32,7 +36,7 @@ class ScriptedLines : public FaultLineGpio
     // What the monitor did.
     std::vector<std::vector<unsigned>> selections;
     std::vector<std::string> consumers;
-    std::size_t waits = 0;
+    std::atomic<std::size_t> waits = 0;
 
     std::optional<GpioLineLocation> findLine(const std::string& name) override
     {
@@ -59,13 +63,22 @@ class ScriptedLines : public FaultLineGpio
     {
         consumers.push_back(consumer);
     }
-    std::vector<unsigned> waitForEvents(std::chrono::nanoseconds) override
+    std::vector<unsigned> waitForEvents(int wakeFd) override
     {
         if (waits >= script.size() && !idle)
         {
             throw std::runtime_error("end of script");
         }
-        current = waits < script.size() ? script[waits++] : Batch{};
+        if (waits >= script.size())
+        {
+            // Idle: no edge comes, only the wake-up ends the wait.
+            ++waits;
+            pollfd wake{wakeFd, POLLIN, 0};
+            ::poll(&wake, 1, -1);
+            current.clear();
+            return {};
+        }
+        current = script[waits++];
         std::vector<unsigned> offsets;
         for (const auto& entry : current)
         {

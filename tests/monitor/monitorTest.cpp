@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -100,8 +102,17 @@ TEST_F(MonitorTest, ThreadWatchesTheMonitoredLinesOfOneController)
 TEST_F(MonitorTest, DestroyingThePlatformStopsAndJoinsTheMonitor)
 {
     gpio->idle = true;
-    Platform::Kelvane1u watching{{.gpio = gpio, .sleep = sleeps.function()}};
-    watching.powerFaultMonitor();
+    {
+        Platform::Kelvane1u watching{
+            {.gpio = gpio, .sleep = sleeps.function()}};
+        watching.powerFaultMonitor();
+        while (gpio->waits == 0)
+        {
+            std::this_thread::yield();
+        }
+    }
+    // One wait, with no time limit, that only the stop ended.
+    EXPECT_EQ(gpio->waits, 1U);
 }
 
 TEST_F(MonitorTest, DiscoveryRetriesAndGivesUp)

@@ -101,6 +101,12 @@ TEST_F(PublishedNames, PsuNamesAndTypesThatLeaveTheirPlaceAreRefused)
 
 TEST_F(PublishedNames, AnyCallerOfAddDbusInterfaceIsChecked)
 {
+    // Before the object server exists nothing is added or said.
+    platform = std::make_unique<Platform::Kelvane1u>(
+        Platform::Seams{.root = hwtopod::Root(root.path())});
+    CaptureStderr();
+    EXPECT_FALSE(platform->addDbusInterface("chassis", "a.b"));
+    EXPECT_EQ(GetCapturedStderr(), "");
     start();
     CaptureStderr();
     EXPECT_FALSE(platform->addDbusInterface("/chassis/bp/a-b", "a.b"));

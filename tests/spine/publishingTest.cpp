@@ -78,42 +78,56 @@ class Publishing : public testing::Test
 };
 } // namespace
 
-TEST_F(Publishing, ServiceObjectsAndPsuFileWithABadElement)
+TEST_F(Publishing, ServiceObjectsAndPsuFileWithOddNumbersAndABadElement)
 {
     test::writeFile(root / psuFile, R"([
         {"Name": "PSU0", "Type": "PowerSupply", "BusOwner": true,
-         "DeviceIdentifier": "CRPS", "BaseAddressCrps": 88, "FruId": 1,
-         "Location": 1, "Ignored": "x"},
+         "DeviceIdentifier": "CRPS", "BaseAddressCrps": 88.9, "FruId": 1,
+         "Location": -1, "Ignored": "x"},
         {"Type": "NoName"},
-        {"Name": "PSU1", "Type": "PowerSupply", "BaseAddressCff": 5,
+        {"Name": "PSU1", "Type": "PowerSupply", "BaseAddressCff": -1.5,
          "BaseAddressCrps": 8.9e31, "Location": 2},
-        {"Name": "PSU2", "Type": "PowerSupply"}
+        {"Name": "PSU2", "Type": "PowerSupply", "FruId": 3, "Location": "x"},
+        {"Name": "PSU3", "Type": "PowerSupply"}
     ])");
     auto log = startService();
     EXPECT_THAT(log, HasSubstr("[WARNING] GPIO LOW_SECURITY_JMP_Nnot found\n"));
-    EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in initPsuConfigs : "
-                               "psuConfigFiles BaseAddressCrps 8.9e+31 "));
+    EXPECT_THAT(log, HasSubstr("PSU PSU1 key BaseAddressCff dropped: -1.5 is"
+                               " no unsigned 64-bit number\n[ERROR] PSU PSU1 "
+                               "key BaseAddressCrps dropped: 8.9e+31 is"));
+    EXPECT_EQ(test::countInText(log, "[CRITICAL] Exception in initPsuConfigs : "
+                                     "psuConfigFiles "),
+              1U);
+
+    // Numbers are numbers: a fraction is cut, a negative integer wraps.
     auto psu = test::getAllProperties(service,
                                       "/com/halvex/platform/hardware/psus/PSU0",
                                       "com.halvex.PowerSupply");
     EXPECT_EQ(psu.size(), 7U) << "unknown keys are not published";
     EXPECT_EQ(psu.at("Name").get<std::string>(), "PSU0");
     EXPECT_EQ(psu.at("BaseAddressCrps").get<std::uint64_t>(), 88U);
-    EXPECT_EQ(psu.at("Location").get<std::uint64_t>(), 1U);
+    EXPECT_EQ(psu.at("Location").get<std::uint64_t>(), UINT64_MAX);
 
-    // The element with a number out of range stops the file there: it is
+    // Floats no unsigned number holds cost their key alone.
+    auto psu1 = test::getAllProperties(
+        service, "/com/halvex/platform/hardware/psus/PSU1",
+        "com.halvex.PowerSupply");
+    EXPECT_EQ(psu1.size(), 3U);
+    EXPECT_EQ(psu1.at("Location").get<std::uint64_t>(), 2U);
+
+    // A string where a number belongs stops the file there: the element is
     // added with the keys before that one, and never initialised.
-    auto psu1 = platform->findDbusInterface(
-        "/com/halvex/platform/hardware/psus/PSU1", "com.halvex.PowerSupply");
-    ASSERT_TRUE(psu1);
-    EXPECT_TRUE(psu1->hasProperty("BaseAddressCff"));
-    EXPECT_FALSE(psu1->hasProperty("Location"));
-    EXPECT_FALSE(psu1->isInitialized());
+    auto psu2 = platform->findDbusInterface(
+        "/com/halvex/platform/hardware/psus/PSU2", "com.halvex.PowerSupply");
+    ASSERT_TRUE(psu2);
+    EXPECT_TRUE(psu2->hasProperty("FruId"));
+    EXPECT_FALSE(psu2->hasProperty("Location"));
+    EXPECT_FALSE(psu2->isInitialized());
     auto objects = test::getManagedObjects(service);
     EXPECT_FALSE(objects.contains(
-        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU1")));
-    EXPECT_FALSE(objects.contains(
         sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU2")));
+    EXPECT_FALSE(objects.contains(
+        sdbus::ObjectPath("/com/halvex/platform/hardware/psus/PSU3")));
 
     // A second start of the service changes nothing.
     CaptureStderr();

@@ -275,8 +275,13 @@ TEST_F(VpdDiscovery, LiveMatchFillsTheCacheStartsDiscoveryAndRenamesFrus)
                             hwtopod::DeviceType::Cpu, 3, "");
     platform->updateFruName("/com/halvex/vpdd/Riser_1", "",
                             hwtopod::DeviceType::PcieRiser, 4, "");
+    platform->updateFruName("/com/halvex/vpdd/Riser 1", "Halvex_Riser",
+                            hwtopod::DeviceType::PcieRiser, 5, "");
     log = GetCapturedStderr();
-    // A format the bus cannot take is not sent; the rename's line follows.
+    // A format or path the bus cannot take fails the set as any refusal
+    // does; the rename's line follows.
+    EXPECT_EQ(countInText(log, "[CRITICAL] setPropertyValue failed: "), 2U)
+        << log;
     EXPECT_THAT(log,
                 HasSubstr("[INFO] Update fru name: "
                           "(/com/halvex/vpdd/Riser_1)==>(PCIe_Riser_4)\n"));
