@@ -12,6 +12,7 @@ fi
 
 packages=(
     meson ninja-build pkg-config g++ clang libclang-rt-dev clang-format
+    clang-tidy
     libsdbus-c++-dev libsystemd-dev libboost-dev nlohmann-json3-dev
     libgpiod-dev libgtest-dev libgmock-dev
     dbus-daemon dbus systemd python3 python3-jsonschema

@@ -56,6 +56,21 @@ run_suite() {
 }
 
 run_suite "normal" build-ci -Dwerror=true
+# The house style on the normal build's compile commands: clang-format on
+# every C++ file and clang-tidy on the sources, one test each.
+echo "=== static checks (build-ci)"
+if [ -f build-ci/compile_commands.json ]; then
+    static_log=build-ci.static.log
+    bash scripts/static-checks.sh build-ci >"$static_log" 2>&1
+    grep -vE '^(ok|FAILED) ' "$static_log" | head -100
+    grep -E '^(ok|FAILED) ' "$static_log"
+    passed=$((passed + $(grep -c '^ok ' "$static_log")))
+    failed=$((failed + $(grep -c '^FAILED ' "$static_log")))
+else
+    echo "=== static checks: no compile commands"
+    failed=$((failed + 1))
+fi
+
 run_suite "address+undefined sanitizers" build-asan -Dwerror=true \
     -Db_sanitize=address,undefined -Db_lundef=false -Dbuildtype=debug
 

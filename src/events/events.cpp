@@ -1,6 +1,7 @@
 #include "events.hpp"
 
 #include "common/logging.hpp"
+#include "eventIds.hpp"
 
 #include <systemd/sd-journal.h>
 
@@ -211,19 +212,22 @@ void sendConfigMismatchEvent(DeviceType type, ConfigMismatchKind kind,
     switch (kind)
     {
         case ConfigMismatchKind::WrongLocation:
-            mismatchRecord("TKRMBIO0035G", message::wrongLocation, name);
+            mismatchRecord(eventId::riserWrongLocation.data(),
+                           message::wrongLocation, name);
             return;
         case ConfigMismatchKind::CableMisconnected:
-            mismatchRecord(detail.find("::") != std::string::npos
-                               ? "TKRMBIO0036G"
-                               : "TKRMBIO0037G",
-                           message::cable, name, detail);
+            mismatchRecord(
+                detail.find(eventArgumentSeparator) != std::string::npos
+                    ? eventId::cableMisconnectedBetween.data()
+                    : eventId::cableMisconnected.data(),
+                message::cable, name, detail);
             return;
         case ConfigMismatchKind::SystemMismatch:
             mismatchRecord("TKRMBCP0001G", message::systemMismatch, name);
             return;
         case ConfigMismatchKind::NotDetected:
-            mismatchRecord("TKRMBSS0012G", message::notDetected, detail, name);
+            mismatchRecord(eventId::notDetected.data(), message::notDetected,
+                           detail, name);
             return;
         case ConfigMismatchKind::ProcessorConfiguration:
             mismatchRecord("TKRMBPU0009N", message::processorConfiguration,
@@ -253,8 +257,11 @@ void sendRiserCableEvent(int kind, const std::string& deviceName,
     constexpr const char* func = "sendRiserCableEvent";
     const bool notConnected = kind == 2;
     const char* shortId =
-        notConnected ? (cableName.empty() ? "TKRMBIO0038G" : "TKRMBIO0040G")
-                     : (cableName.empty() ? "TKRMBIO0039G" : "TKRMBIO0041G");
+        (notConnected ? (cableName.empty() ? eventId::riserCableNotConnected
+                                           : eventId::namedCableNotConnected)
+                      : (cableName.empty() ? eventId::riserCableMisconnected
+                                           : eventId::namedCableMisconnected))
+            .data();
     const std::string text = std::string(shortId) + ":" + deviceName +
                              (notConnected ? " signal cable not connected"
                                            : " signal cable misconnected");

@@ -20,9 +20,9 @@
 namespace Platform::probe
 {
 
+using hwtopod::nonAlnumToUnderscores;
 using hwtopod::rules::hex16;
 using hwtopod::rules::jsonText;
-using hwtopod::nonAlnumToUnderscores;
 using hwtopod::rules::keyEquals;
 using hwtopod::rules::numberAs;
 using hwtopod::rules::vpdText;

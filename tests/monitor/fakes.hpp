@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace hwtopod::test
 {
 
@@ -37,6 +39,16 @@ class ScriptedLines : public FaultLineGpio
     std::vector<std::vector<unsigned>> selections;
     std::vector<std::string> consumers;
     std::atomic<std::size_t> waits = 0;
+
+    ScriptedLines() = default;
+    ScriptedLines(const ScriptedLines&) = delete;
+    ScriptedLines& operator=(const ScriptedLines&) = delete;
+    // A script not played to its end means the monitor stopped early or
+    // missed a wait: the test that wrote it fails.
+    ~ScriptedLines() override
+    {
+        EXPECT_GE(waits, script.size()) << "part of the GPIO script unplayed";
+    }
 
     std::optional<GpioLineLocation> findLine(const std::string& name) override
     {
