@@ -72,7 +72,7 @@ debian_mirror() {
 make_base() {
     local stamp="${guest_packages[*]} $kernel_package"
     if [ "$(cat "$cache/stamp" 2>/dev/null)" = "$stamp" ] &&
-        [ -s "$cache/base.cpio.gz" ] && [ -s "$cache/vmlinuz" ] &&
+        [ -s "$cache/base.cpio.gz" ] && [ -s "$cache/vmlinuz" ] && [ -s "$cache/kernel.deb" ] &&
         [ -s "$cache/$board_dtb" ]; then
         return
     fi
@@ -104,7 +104,9 @@ make_base() {
         say "mmdebstrap failed (log in $cache/mmdebstrap.log)"
         exit 1
     }
-    dpkg-deb -x "$cache"/linux-image-*.deb "$kernel"
+    # The package is kept: modules for the guest are taken from it.
+    mv "$cache"/linux-image-*.deb "$cache/kernel.deb"
+    dpkg-deb -x "$cache/kernel.deb" "$kernel"
     cp "$kernel"/boot/vmlinuz-* "$cache/vmlinuz"
     find "$kernel" -name "$board_dtb" -exec cp {} "$cache/$board_dtb" \;
     [ -s "$cache/$board_dtb" ] || {
@@ -141,6 +143,9 @@ sim="$layer/usr/lib/hwtopod-sim"
 mkdir -p "$sim" "$layer/etc/systemd/system/multi-user.target.wants" \
     "$layer/usr/share/dbus-1/system.d"
 chmod 0755 "$layer"
+# The console the kernel opens for init, before systemd mounts /dev.
+mkdir -p "$layer/dev"
+mknod -m 0600 "$layer/dev/console" c 5 1
 # The stand-ins' bus policies: the system bus denies what they do not allow.
 cp "$top"/sim/*/com.halvex.*.conf "$layer/usr/share/dbus-1/system.d/"
 # The platform's register library is found by its soname, as on a real
