@@ -325,6 +325,7 @@ def journal_times(pid, ids):
 def start_bus(workdir):
     with open(os.path.join(TOP, "tests/data/system-bus.conf.in")) as f:
         config = f.read().replace("@SOCKET@", os.path.join(workdir, "bus"))
+    config = config.replace("@SOURCE@", TOP)
     with open(os.path.join(workdir, "bus.conf"), "w") as f:
         f.write(config)
     bus = subprocess.Popen(["dbus-daemon", "--config-file=" +

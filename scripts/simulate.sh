@@ -190,8 +190,9 @@ if ! journald_listens; then
     wait_for journald journald_listens
 fi
 
-# A private system bus.
-sed "s|@SOCKET@|$sandbox/bus.socket|" "$top/tests/data/system-bus.conf.in" >"$sandbox/bus.conf"
+# A private system bus, with the policies a controller would have.
+sed -e "s|@SOCKET@|$sandbox/bus.socket|" -e "s|@SOURCE@|$top|" \
+    "$top/tests/data/system-bus.conf.in" >"$sandbox/bus.conf"
 start bus dbus-daemon --config-file="$sandbox/bus.conf" --nofork --nopidfile --print-address=1
 wait_for "the bus" test -s "$sandbox/bus.out"
 export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$sandbox/bus.socket"

@@ -51,6 +51,7 @@ void Highvol::probeCachedVpdd()
     // Taken now, so that the closing check knows the risers to confirm even
     // when no probe looks at the picture before it.
     fpgaPicture();
+    notifyDiscovery(false);
 
     discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
 
@@ -78,6 +79,7 @@ void Highvol::probeCachedVpdd()
     // Tells a watcher of the log (the simulator, a field engineer) that the
     // boards have been walked and the books closed.
     logInfo() << "Board discovery has ended";
+    notifyDiscovery(true);
 }
 
 // One object of the cache, probed by its kind.

@@ -2,6 +2,7 @@
 
 #include "common/logging.hpp"
 #include "common/names.hpp"
+#include "common/serviceManager.hpp"
 #include "dbus/client.hpp"
 
 #include <sys/sysinfo.h>
@@ -131,8 +132,38 @@ void Base::getManufacturer()
     logInfo() << "Platform mfg is " << manufacturer;
 }
 
+void Base::notifyDiscovery(bool ended) const
+{
+    using hwtopod::serviceManager::Stage;
+    if (!ended)
+    {
+        hwtopod::serviceManager::notifyStage(Stage::discoveryRunning,
+                                             "Board discovery running");
+        return;
+    }
+    // A found-hardware document holds its records in one array; one not
+    // written yet is null and counts none.
+    auto count = [](const nlohmann::json& found) {
+        std::size_t records = 0;
+        if (found.is_object())
+        {
+            for (const auto& entry : found)
+            {
+                records += entry.is_array() ? entry.size() : 0;
+            }
+        }
+        return std::to_string(records);
+    };
+    hwtopod::serviceManager::notifyStage(
+        Stage::discoveryEnded,
+        "Board discovery has ended: " + count(discovery.backplanesFound) +
+            " backplanes, " + count(discovery.risersFound) + " risers, " +
+            count(discovery.midplanesFound) + " midplanes found");
+}
+
 void Base::probeCachedVpdd()
 {
+    notifyDiscovery(false);
     // Copy the paths: a probe may not change the map, but the walk must not
     // depend on that.
     std::vector<std::string> paths;
@@ -154,6 +185,7 @@ void Base::probeCachedVpdd()
                           << path << ": " << e.what();
         }
     }
+    notifyDiscovery(true);
 }
 
 void Base::probeBpVpddDynamic(const std::string& /*path*/,
@@ -227,6 +259,10 @@ void Base::serviceInit()
     }
     stateChanged.notify_all();
     logInfo() << "Service is set";
+    // Not before: the unit is of Type=notify so that a VPD service ordered
+    // after it starts only once the match is installed; on a first start
+    // its objects come as signals, and a signal before the match is lost.
+    hwtopod::serviceManager::notifyReady();
 }
 
 void Base::serviceRun()
@@ -242,6 +278,12 @@ void Base::serviceRun()
     }
     ioThread = std::jthread([this](std::stop_token stop) {
         const std::stop_callback stopIo(stop, [this]() { io.stop(); });
+        // The watchdog is fed by this loop because the daemon is of no use
+        // without it: every publication and every VPD signal goes through
+        // it. A loop that ended on an exception or hangs in a handler stops
+        // the feed, and the service manager restarts the daemon, which then
+        // reads the VPD service's objects on its restart path.
+        const hwtopod::serviceManager::WatchdogFeeder watchdog(io);
         try
         {
             connection->runLoop();
@@ -259,9 +301,9 @@ void Base::waitForObjectServer()
     // No limit of our own. The object server comes right after the bus
     // connection, so only a bus that never answers holds this up: serviceInit
     // then fails when the bus gives up or closes, and the process ends; a bus
-    // that stays silent leaves the name unclaimed, and the unit (Type=dbus)
-    // is restarted after its start time-out. Going on without the object
-    // server would lose this thread's publications for the life of the
+    // that stays silent never lets the daemon report ready, and the unit
+    // (Type=notify) is restarted after its start time-out. Going on without the
+    // object server would lose this thread's publications for the life of the
     // process, and a second time-out here would only race the unit's.
     std::unique_lock lock(stateMutex);
     stateChanged.wait(lock, [this]() { return objectServer != nullptr; });

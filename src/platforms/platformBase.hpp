@@ -129,6 +129,9 @@ class Base
     std::shared_ptr<const FpgaReadout> hwDiscoveryDone() const;
     void waitForHardwareDiscovery();
     std::chrono::seconds hardwareWaitLimit{180};
+    // Tells the service manager that board discovery runs, or has ended
+    // with the boards of the found-hardware documents.
+    void notifyDiscovery(bool ended) const;
 
     // VPD discovery runs on this one thread: the match callback hands each
     // signal to it, and a restart hands it the objects read at start. So the

@@ -1,6 +1,7 @@
 #include "threads.hpp"
 
 #include "common/logging.hpp"
+#include "common/serviceManager.hpp"
 #include "common/sleep.hpp"
 #include "dbus/bus.hpp"
 
@@ -35,6 +36,8 @@ void hardwareThread(std::shared_ptr<Kelvane1u> platform)
             [&]() { platform->platformInfoInit(); });
     platform->initPcieSlotMap();
 
+    hwtopod::serviceManager::notifyStage(
+        hwtopod::serviceManager::Stage::waitingForFpga, "Waiting for the FPGA");
     platform->waitForFpga();
     logInfo() << "FPGA service is up";
     platform->fpgaDump();
@@ -45,6 +48,11 @@ void hardwareThread(std::shared_ptr<Kelvane1u> platform)
         platform->checkPresence();
         platform->getSkuConfig();
     });
+    // Before the hand-over, which a waiting discovery follows with its own
+    // later milestone.
+    hwtopod::serviceManager::notifyStage(
+        hwtopod::serviceManager::Stage::fpgaRead,
+        "FPGA read out, waiting for the VPD service");
     platform->markHardwareDiscovered();
 
     guarded("Exception in getFpgaFanInfo: ",

@@ -15,10 +15,18 @@ namespace hwtopod::test
 PrivateBus::PrivateBus()
 {
     const auto socket = dir / "bus.socket";
+    // Clients of other users reach the socket too.
+    std::filesystem::permissions(dir.path(), std::filesystem::perms(0755));
     std::string config =
         readFile(sourceRoot() / "tests/data/system-bus.conf.in");
     const std::string marker = "@SOCKET@";
     config.replace(config.find(marker), marker.size(), socket.string());
+    const std::string source = "@SOURCE@";
+    for (auto at = config.find(source); at != std::string::npos;
+         at = config.find(source))
+    {
+        config.replace(at, source.size(), sourceRoot().string());
+    }
     writeFile(dir / "bus.conf", config);
     const std::string configArg =
         "--config-file=" + (dir / "bus.conf").string();

@@ -2,10 +2,11 @@
 """Installs the build into a fresh DESTDIR and checks the tree a BMC image
 recipe would package: the binaries, the rule files and event registry where
 the daemon reads them, the systemd unit with its start status helper and
-tmpfiles.d entry, and nothing of the simulator (the FPGA library stand-in
-included).
+tmpfiles.d entry, the D-Bus policy, and nothing of the simulator (the FPGA
+library stand-in included).
 
 Usage: check_install.py <build dir> <source dir> <prefix> <bindir> <libexecdir>
+    <unit dir> <tmpfiles dir> <policy dir>
 """
 
 import json
@@ -16,7 +17,8 @@ import sys
 import tempfile
 import unittest
 
-BUILD, SOURCE, PREFIX, BINDIR, LIBEXECDIR = sys.argv[1:6]
+BUILD, SOURCE, PREFIX, BINDIR, LIBEXECDIR, UNITS, TMPFILES, POLICIES = \
+    sys.argv[1:9]
 RULE_DIR = "usr/share/vantarack-bmc-apps/hwtopod"
 
 
@@ -86,7 +88,8 @@ class InstalledTree(unittest.TestCase):
         self.assertNotIn("EventRegistry", json.dumps(json.loads(run.stdout)))
 
     def test_unit_starts_the_installed_daemon(self):
-        with open(under(self.root, "lib/systemd/system/hwtopod.service")) as f:
+        with open(os.path.join(self.root, UNITS.lstrip("/"),
+                               "hwtopod.service")) as f:
             unit = f.read()
         self.assertNotIn("@", unit)
         lines = unit.splitlines()
@@ -95,8 +98,10 @@ class InstalledTree(unittest.TestCase):
         helper = os.path.join(PREFIX, LIBEXECDIR, "hwtopod-start-status")
         self.assertIn("ExecStartPre=" + helper + " %t/hwtopod", lines)
         self.assertExecutable(os.path.join(self.root, helper.lstrip("/")))
-        self.assertTrue(os.path.isfile(
-            under(self.root, "lib/tmpfiles.d/hwtopod.conf")))
+        self.assertTrue(os.path.isfile(os.path.join(
+            self.root, TMPFILES.lstrip("/"), "hwtopod.conf")))
+        self.assertTrue(os.path.isfile(os.path.join(
+            self.root, POLICIES.lstrip("/"), "com.halvex.hwtopod.conf")))
 
     def test_start_status_normal_once_per_boot(self):
         helper = under(self.root, LIBEXECDIR, "hwtopod-start-status")

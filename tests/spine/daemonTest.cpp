@@ -6,6 +6,7 @@
 #include "sandbox.hpp"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -21,6 +22,12 @@ namespace
 {
 constexpr auto service = "com.halvex.hwtopod";
 constexpr auto dataDir = "/usr/share/vantarack-bmc-apps/hwtopod/";
+
+// The daemon as its unit starts it, standard error the journal's stream.
+const auto underManager = test::builtProgram("sim/manager/hwtopod-sim-manager");
+const std::vector<std::string> daemonUnderManager = {
+    "--journal-stream", "--",
+    test::builtProgram("src/platforms/hwtopod").string()};
 
 std::map<std::string, std::string> sandboxEnvironment(const test::TempDir& root)
 {
@@ -39,9 +46,12 @@ TEST(Daemon, PublishesThePlatformWithoutVpdOrFpga)
         root / (std::string(dataDir) + "bhs_2p_2psus.json"),
         test::readFile(test::sourceRoot() / "data/bhs_2p_2psus.json"));
 
-    test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
-                         sandboxEnvironment(root));
-    ASSERT_TRUE(daemon.waitForLog("[INFO] platformInfoInit added \n"))
+    // Standard error is the journal's stream, as the unit gives it: each
+    // line carries its level as the journal's priority, and its text.
+    auto environment = sandboxEnvironment(root);
+    environment["HW_REV_BASE"] = "x12";
+    test::Process daemon(underManager, daemonUnderManager, environment);
+    ASSERT_TRUE(daemon.waitForLog("<6>[INFO] platformInfoInit added \n"))
         << daemon.standardError();
     ASSERT_TRUE(daemon.waitForLog("[INFO] Thread for service is forked\n"));
 
@@ -67,13 +77,15 @@ TEST(Daemon, PublishesThePlatformWithoutVpdOrFpga)
     EXPECT_THAT(log, HasSubstr("[INFO] hwtopod is started normally\n"));
     EXPECT_THAT(log, HasSubstr("[INFO] platform use default "
                                "HardwareRevisionLevel value:1\n"));
-    EXPECT_THAT(log, HasSubstr("[ERROR] getPropertyValue "
+    EXPECT_THAT(log, HasSubstr("\n<3>[ERROR] getPropertyValue "
                                "HardwareRevisionLevel failed: "));
+    EXPECT_THAT(log, HasSubstr("\n<4>[WARNING] Motherboard revision "
+                               "compatibility is unkown\n"));
     EXPECT_THAT(
         log,
         HasSubstr("[INFO] [STATE0] FIND THE JSON psuConfigFiles, PATH = "
                   "/usr/share/vantarack-bmc-apps/hwtopod/bhs_2p_2psus.json\n"));
-    EXPECT_THAT(log, HasSubstr("[INFO] Service is set\n"));
+    EXPECT_THAT(log, HasSubstr("\n<6>[INFO] Service is set\n"));
     EXPECT_TRUE(daemon.running());
 }
 
@@ -81,15 +93,14 @@ TEST(Daemon, ExitsWhenItCannotServe)
 {
     test::TempDir root;
     {
-        // No bus at all.
+        // No bus at all. Standard error is the journal's stream.
         auto environment = sandboxEnvironment(root);
         environment["DBUS_SYSTEM_BUS_ADDRESS"] =
             "unix:path=" + (root / "none").string();
-        test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
-                             environment);
+        test::Process daemon(underManager, daemonUnderManager, environment);
         EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
         EXPECT_THAT(daemon.standardError(),
-                    HasSubstr("[CRITICAL] Exception in serviceInit: "));
+                    HasSubstr("\n<2>[CRITICAL] Exception in serviceInit: "));
     }
     {
         // A bus that accepts and never answers holds start-up, the hardware
@@ -105,9 +116,15 @@ TEST(Daemon, ExitsWhenItCannotServe)
                        sizeof(address)),
                   0);
         ASSERT_EQ(listen(listener, 1), 0);
+        // Standard error is a file, whatever stream the variable names.
         auto environment = sandboxEnvironment(root);
         environment["DBUS_SYSTEM_BUS_ADDRESS"] =
             "unix:path=" + socketPath.string();
+        struct stat other
+        {};
+        ASSERT_EQ(stat(root.path().c_str(), &other), 0);
+        environment["JOURNAL_STREAM"] =
+            std::to_string(other.st_dev) + ":" + std::to_string(other.st_ino);
         test::Process daemon(test::builtProgram("src/platforms/hwtopod"), {},
                              environment);
         const int peer = accept(listener, nullptr, nullptr);
@@ -115,7 +132,9 @@ TEST(Daemon, ExitsWhenItCannotServe)
         close(peer);
         close(listener);
         EXPECT_NE(daemon.waitForExit(std::chrono::seconds(10)), 0);
-        EXPECT_THAT(daemon.standardError(),
-                    HasSubstr("[CRITICAL] Exception in serviceInit: "));
+        const auto log = daemon.standardError();
+        EXPECT_THAT(log, HasSubstr("\n[CRITICAL] Exception in serviceInit: "));
+        EXPECT_THAT(log, testing::StartsWith("[INFO] "));
+        EXPECT_THAT(log, testing::Not(HasSubstr("\n<")));
     }
 }
