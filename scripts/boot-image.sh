@@ -122,9 +122,19 @@ make_base() {
 make_base
 [ "$mode" = base ] && exit 0
 
-# The 32-bit ARM build, configured and built when missing.
+# HWTOPOD_BOOT_OVERLAY names a directory whose files are laid over the image
+# last, to try a change in the guest (a drop-in, a policy) without a rebuild.
+
+# The 32-bit ARM build, configured and built when missing. Installed as an
+# image installs it, under /usr: the system bus reads policies from
+# /usr/share/dbus-1/system.d, not from below /usr/local.
 if [ ! -f "$build/build.ninja" ]; then
-    meson setup "$build" "$top" --cross-file "$top/cross/arm-linux-gnueabihf.ini" -Dwerror=true >&2
+    meson setup "$build" "$top" --cross-file "$top/cross/arm-linux-gnueabihf.ini" \
+        -Dwerror=true --prefix=/usr >&2
+elif ! meson introspect --buildoptions "$build" |
+    python3 -c 'import json, sys; sys.exit(not any(o["name"] == "prefix" and o["value"] == "/usr" for o in json.load(sys.stdin)))'; then
+    say "configuring $build with the prefix /usr"
+    meson configure "$build" --prefix=/usr >&2
 fi
 ninja -C "$build" >&2
 
@@ -188,6 +198,9 @@ ln -sfn "${unit_file#.}" "$layer/etc/systemd/system/multi-user.target.wants/hwto
 for u in "${units[@]}"; do
     ln -sfn "/etc/systemd/system/$u.service" "$layer/etc/systemd/system/multi-user.target.wants/$u.service"
 done
+
+# Files to try in the guest without a rebuild, laid over everything else.
+[ -z "${HWTOPOD_BOOT_OVERLAY:-}" ] || cp -a "$HWTOPOD_BOOT_OVERLAY/." "$layer/"
 
 append="console=ttyS4,115200 rdinit=/sbin/init"
 if [ "$mode" = test ]; then

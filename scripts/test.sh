@@ -81,10 +81,11 @@ fi
 # and the daemon and stand-ins they start, run under user-mode emulation
 # (the bus daemon and journald stay native). The whole suite runs: emulated,
 # it takes about six minutes, most of them the simulator tests; the longer
-# time limits allow for a loaded machine.
+# time limits allow for a loaded machine. The prefix is an image's, as the
+# boot test below installs this build.
 if sudo_if_needed bash scripts/install-deps.sh --armhf >build-armhf.deps.log 2>&1; then
     suite_test_args="--timeout-multiplier 4" run_suite "armhf (emulated)" \
-        build-armhf --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true
+        build-armhf --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true --prefix=/usr
 else
     cat build-armhf.deps.log
     echo "=== armhf: could not install the cross tools and sysroot"
