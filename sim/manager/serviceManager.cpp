@@ -3,7 +3,7 @@
 // program tells it.
 //
 //   hwtopod-sim-manager [--watchdog-usec N] [--journal-stream]
-//       [--after-ready PID] -- program [arguments]
+//       [--after-ready PID [--pause-on-ready]] -- program [arguments]
 //
 // The program gets NOTIFY_SOCKET, naming a datagram socket of the manager's,
 // and with --watchdog-usec also WATCHDOG_USEC and WATCHDOG_PID. With
@@ -13,7 +13,12 @@
 //   started <pid>
 //   notify <line>      each line of each message, as sent
 //   released <pid>     --after-ready: SIGUSR1 sent to PID on READY=1, as a
-//                      unit ordered after this one would be started then
+//                      unit ordered after this one would be started then.
+//                      With --pause-on-ready the program is stopped first
+//                      (SIGSTOP) and the caller continues it: whatever the
+//                      program had not done before READY=1 it does only
+//                      after the peer has run. The watchdog then waits for
+//                      the next WATCHDOG=1.
 //   watchdog expired   no WATCHDOG=1 for the interval: the program gets
 //                      SIGABRT, as from systemd
 //   exited <status>    the program has ended; so does the manager, with the
@@ -50,6 +55,7 @@ struct Options
 {
     std::uint64_t watchdogUsec = 0;
     bool journalStream = false;
+    bool pauseOnReady = false;
     pid_t afterReady = 0;
     char** program = nullptr;
 };
@@ -81,6 +87,11 @@ std::optional<Options> parse(int argc, char** argv)
         if (argument == "--journal-stream")
         {
             options.journalStream = true;
+            continue;
+        }
+        if (argument == "--pause-on-ready")
+        {
+            options.pauseOnReady = true;
             continue;
         }
         if (i + 1 >= argc)
@@ -147,8 +158,9 @@ int bindSocket(const std::filesystem::path& path)
 }
 
 // One message: each line printed, and what the manager does on it. True
-// when it fed the watchdog.
-bool receive(const std::string& message, const Options& options)
+// when it fed the watchdog; a pause stops the watch until then.
+bool receive(const std::string& message, const Options& options, pid_t child,
+             bool& watching)
 {
     bool fed = false;
     std::istringstream lines(message);
@@ -158,6 +170,11 @@ bool receive(const std::string& message, const Options& options)
         std::cout << "notify " << line << std::endl;
         if (line == "READY=1" && options.afterReady > 0)
         {
+            if (options.pauseOnReady)
+            {
+                ::kill(child, SIGSTOP);
+                watching = false;
+            }
             ::kill(options.afterReady, SIGUSR1);
             std::cout << "released " << options.afterReady << std::endl;
         }
@@ -174,8 +191,8 @@ int main(int argc, char** argv)
     if (!options)
     {
         std::cerr << "usage: hwtopod-sim-manager [--watchdog-usec N] "
-                     "[--journal-stream] [--after-ready PID] -- program "
-                     "[arguments]\n";
+                     "[--journal-stream]\n    [--after-ready PID "
+                     "[--pause-on-ready]] -- program [arguments]\n";
         return 2;
     }
     std::string directory =
@@ -213,9 +230,10 @@ int main(int argc, char** argv)
             const auto length = ::recv(fd, buffer, sizeof(buffer), 0);
             if (length > 0 &&
                 receive(std::string(buffer, static_cast<std::size_t>(length)),
-                        *options))
+                        *options, child, watching))
             {
                 deadline = Clock::now() + interval;
+                watching = options->watchdogUsec > 0;
             }
         }
         if (watching && Clock::now() > deadline)

@@ -7,6 +7,7 @@
 #include "process.hpp"
 #include "sandbox.hpp"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -63,17 +64,28 @@ TEST(Service, ReadyOnceTheVpdMatchIsInstalledAndReadableByOtherUsers)
     ASSERT_THAT(vpdd.standardOutput(), HasSubstr("started"));
 
     // The VPD service's unit is ordered after the daemon's, and a watchdog
-    // of 2 s asked for.
+    // of 2 s asked for. The daemon is held on READY=1 until the VPD service
+    // has published its last object: what it had not done by then, such as
+    // installing its match, comes too late.
     test::Process manager(
         test::builtProgram("sim/manager/hwtopod-sim-manager"),
         {"--watchdog-usec", "2000000", "--after-ready",
-         std::to_string(vpdd.pid()), "--",
+         std::to_string(vpdd.pid()), "--pause-on-ready", "--",
          test::builtProgram("src/platforms/hwtopod").string()},
         {{"HWTOPOD_ROOT", (sandbox / "root").string()},
          {"HALVEX_FPGA_IMAGES", (sandbox / "fpga").string()},
          {"HWTOPOD_SIM_GPIO", (sandbox / "gpio").string()},
          {"LD_LIBRARY_PATH", (test::buildRoot() / "sim/gpiod").string()},
          {"HWTOPOD_STATUS", "normal"}});
+    const auto last =
+        "published " + vpd["objects"].back()["path"].get<std::string>();
+    for (int i = 0;
+         i < 3000 && vpdd.standardOutput().find(last) == std::string::npos; ++i)
+    {
+        ::usleep(20000);
+    }
+    const auto started = manager.standardOutput();
+    ::kill(std::stoi(started.substr(started.find("started ") + 8)), SIGCONT);
     constexpr auto ended = "notify STATUS=Board discovery has ended";
     for (int i = 0;
          i < 3000 && manager.standardOutput().find(ended) == std::string::npos;
