@@ -11,14 +11,18 @@
 # device tree are cached in $HWTOPOD_BOOT_CACHE (default
 # /opt/hwtopod/boot-armhf) and made again when missing or when the package
 # list below changes. Each run installs the 32-bit ARM build
-# ($HWTOPOD_BUILD_DIR, default ./build-armhf, configured and built when
-# missing) into a second layer with `meson install --destdir`, adds the
+# ($HWTOPOD_BUILD_DIR, default ./build-armhf, configured with the prefix /usr
+# and built when needed) into a second layer with `meson install --destdir`, adds the
 # stand-ins of the platform's FPGA library and sibling services as units, and
 # boots the two layers as one initramfs: the whole system lives in RAM, so no
 # flash or disk driver is needed. The test unit in the guest prints
 # "BOOTTEST ok|fail <check>" and "BOOTTEST figure <name> <value>" lines on
 # the serial console and ends with "BOOTTEST done". Needs root (the base
 # system keeps its owners) and the packages of install-deps.sh --boot.
+# HWTOPOD_BOOT_OVERLAY names a directory whose files are laid over the image
+# last, to try a change in the guest (a drop-in, a policy) without a
+# rebuild; HWTOPOD_BOOT_LOG a file to keep the console's output in;
+# HWTOPOD_BOOT_TIMEOUT the seconds a boot test may take (default 900).
 set -euo pipefail
 # The layers' modes become the guest's.
 umask 022
@@ -36,7 +40,7 @@ case "${1:-}" in
 --interactive) mode=interactive ;;
 --base) mode=base ;;
 -h | --help)
-    sed -n '2,23p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,25p' "$0" | sed 's/^# \{0,1\}//'
     exit 0
     ;;
 *)
@@ -121,9 +125,6 @@ make_base() {
 
 make_base
 [ "$mode" = base ] && exit 0
-
-# HWTOPOD_BOOT_OVERLAY names a directory whose files are laid over the image
-# last, to try a change in the guest (a drop-in, a policy) without a rebuild.
 
 # The 32-bit ARM build, configured and built when missing. Installed as an
 # image installs it, under /usr: the system bus reads policies from
