@@ -71,10 +71,10 @@ dump_log() {
         journalctl -b -q -u "$unit" -n 80 -o short-monotonic --no-pager
     } 2>&1 | sed 's/^/BOOTTEST log /'
 }
-if wait_until 600 discovered && [ "$(show NRestarts)" = 0 ]; then
+if wait_until 300 discovered && [ "$(show NRestarts)" = 0 ]; then
     ok discovery-ended
 else
-    fail discovery-ended "no \"Board discovery has ended\" in 600 s, or only after $(show NRestarts) restarts"
+    fail discovery-ended "no \"Board discovery has ended\" in 300 s, or only after $(show NRestarts) restarts"
     # Nothing below can pass.
     dump_log
     echo "BOOTTEST done"
@@ -152,7 +152,7 @@ systemctl kill -s KILL "$unit"
 if wait_until 180 restarted_from "$pid" "$restarts"; then
     pid=$(show MainPID)
     if tr '\0' '\n' <"/proc/$pid/environ" | grep -qx 'HWTOPOD_STATUS=restart' &&
-        wait_until 600 logged_by "$pid" "Board discovery has ended"; then
+        wait_until 300 logged_by "$pid" "Board discovery has ended"; then
         ok restart-after-kill
     else
         fail restart-after-kill "process $pid is not marked as a restart, or did not read the VPD objects"
