@@ -204,6 +204,14 @@ done
 [ -z "${HWTOPOD_BOOT_OVERLAY:-}" ] || cp -a "$HWTOPOD_BOOT_OVERLAY/." "$layer/"
 
 append="console=ttyS4,115200 rdinit=/sbin/init"
+# The login prompt on the console: the image has no udev, so the device unit
+# that the serial getty waits for never appears; the console getty needs none.
+ln -sfn /dev/null "$layer/etc/systemd/system/serial-getty@ttyS4.service"
+if [ "$mode" = interactive ]; then
+    mkdir -p "$layer/etc/systemd/system/getty.target.wants"
+    ln -sfn /lib/systemd/system/console-getty.service \
+        "$layer/etc/systemd/system/getty.target.wants/console-getty.service"
+fi
 if [ "$mode" = test ]; then
     mkdir -p "$layer/usr/lib/hwtopod-boottest"
     install -m 0755 "$top/scripts/boot/guest-check.sh" "$layer/usr/lib/hwtopod-boottest/"
@@ -216,8 +224,6 @@ if [ "$mode" = test ]; then
 [Service]
 ExecStartPre=/bin/sh -c 'mkdir -p /run/hwtopod-boottest && dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.Debug.Stats.GetAllMatchRules >/run/hwtopod-boottest/matches 2>&1 || true'
 CONF
-    # The checks run unattended: no login prompt on the console.
-    ln -sfn /dev/null "$layer/etc/systemd/system/serial-getty@ttyS4.service"
 fi
 
 # One initramfs of both layers: the kernel unpacks concatenated archives in
