@@ -2,13 +2,16 @@
 # Installs everything needed to build, run and test hwtopod on a fresh Debian
 # (bookworm) machine. Safe to run again: packages already present are skipped.
 # With --armhf also what the 32-bit ARM build and its emulated run need
-# (scripts/install-armhf.sh).
+# (scripts/install-armhf.sh); with --boot that and what the boot test on the
+# emulated BMC board needs (scripts/boot-image.sh makes its cached system).
 set -euo pipefail
 
 armhf=0
-if [ "${1:-}" = --armhf ]; then
-    armhf=1
-fi
+boot=0
+case "${1:-}" in
+--armhf) armhf=1 ;;
+--boot) armhf=1 boot=1 ;;
+esac
 
 packages=(
     meson ninja-build pkg-config g++ clang libclang-rt-dev clang-format
@@ -21,6 +24,11 @@ packages=(
 # user-mode emulator; the rest of the ARM build is install-armhf.sh's.
 if [ "$armhf" = 1 ]; then
     packages+=(crossbuild-essential-armhf qemu-user ccache)
+fi
+# The guest's system is made with Debian's own tools; its maintainer scripts
+# run under a static emulator copied into it; the board is emulated whole.
+if [ "$boot" = 1 ]; then
+    packages+=(mmdebstrap arch-test qemu-user-static qemu-system-arm cpio)
 fi
 
 missing=()

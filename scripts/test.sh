@@ -2,8 +2,9 @@
 # Installs what is missing, builds, and runs every check CI runs: the test
 # suite in a normal build, again under AddressSanitizer and
 # UndefinedBehaviorSanitizer, again under ThreadSanitizer, and again
-# cross-built for 32-bit ARM under emulation; then each fuzz target on its
-# corpus and a fixed number of runs. Ends with one line "N passed, N failed".
+# cross-built for 32-bit ARM under emulation; that build booted as a system
+# service on the emulated BMC board; then each fuzz target on its corpus and
+# a fixed number of runs. Ends with one line "N passed, N failed".
 set -uo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -95,15 +96,34 @@ fi
 # and the daemon and stand-ins they start, run under user-mode emulation
 # (the bus daemon and journald stay native). The whole suite runs: emulated,
 # it takes about six minutes, most of them the simulator tests; the longer
-# time limits allow for a loaded machine.
+# time limits allow for a loaded machine. The prefix is an image's, as the
+# boot test below installs this build.
 if sudo_if_needed bash scripts/install-deps.sh --armhf >build-armhf.deps.log 2>&1; then
     suite_test_args="--timeout-multiplier 4" run_suite "armhf (emulated)" \
-        build-armhf --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true
+        build-armhf --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true --prefix=/usr
 else
     cat build-armhf.deps.log
     echo "=== armhf: could not install the cross tools and sysroot"
     failed=$((failed + 1))
 fi
+
+# The boot test: the armhf build above installed into a minimal Debian
+# system that boots on the emulated AST2600 BMC board, where systemd runs the
+# daemon beside the stand-ins' units (scripts/boot-image.sh). One test; the
+# first run on a machine also makes the cached system, which takes minutes.
+echo "=== boot test on the emulated BMC board"
+boot_started=$SECONDS
+if sudo_if_needed bash scripts/install-deps.sh --boot >build-boot.deps.log 2>&1 &&
+    sudo_if_needed env HWTOPOD_BUILD_DIR="$top/build-armhf" bash scripts/boot-image.sh >build-boot.log 2>&1; then
+    grep '^boot test: ' build-boot.log
+    passed=$((passed + 1))
+else
+    cat build-boot.deps.log
+    tail -100 build-boot.log
+    echo "=== boot test FAILED"
+    failed=$((failed + 1))
+fi
+echo "=== boot test: $((SECONDS - boot_started)) s"
 
 # run_fuzzers RUNS: each fuzz target replays its whole seed corpus in
 # fuzz/corpus/<target>, then mutates it for RUNS executions from a fixed

@@ -1,0 +1,218 @@
+#!/bin/sh
+# Runs inside the booted image, started by hwtopod-boottest.service once the
+# daemon and the stand-ins have been started. Checks the daemon as systemd
+# runs it and prints on the console, one line each:
+#   BOOTTEST ok <check>            BOOTTEST fail <check>: <why>
+#   BOOTTEST figure <name> <value> BOOTTEST report <name> <base64 line>
+#   BOOTTEST done
+# The reports are hwtopod-inspect's JSON, compared on the host with the
+# healthy machine. Every wait is bounded, generously for emulation.
+set -u
+
+unit=hwtopod.service
+state=/run/hwtopod-boottest
+inspect=$(command -v hwtopod-inspect || echo /usr/local/bin/hwtopod-inspect)
+nobody() { setpriv --reuid=nobody --regid=nogroup --clear-groups "$@"; }
+
+failures=0
+ok() { echo "BOOTTEST ok $1"; }
+fail() {
+    echo "BOOTTEST fail $1: $2"
+    failures=$((failures + 1))
+}
+figure() { echo "BOOTTEST figure $1 $2"; }
+
+show() { systemctl show -p "$1" --value "$unit"; }
+# The daemon's own lines of this boot, of every process the unit ran.
+daemon_lines() { journalctl -b -q _SYSTEMD_UNIT="$unit" _TRANSPORT=stdout "$@" -o cat; }
+# Its event records, "ID ARGS" a line, of one process.
+daemon_events() {
+    journalctl -b -q _SYSTEMD_UNIT="$unit" _PID="$1" -o export |
+        awk -v RS= -F '\n' '{ id = ""; args = "-"
+            for (i = 1; i <= NF; i++) {
+                if ($i ~ /^REDFISH_MESSAGE_ID=/) id = substr($i, 20)
+                if ($i ~ /^REDFISH_MESSAGE_ARGS=/) args = substr($i, 22)
+            }
+            if (id != "") print id, args }' | sort
+}
+
+# wait_until SECONDS COMMAND...: polls once a second.
+wait_until() {
+    limit=$1
+    shift
+    while ! "$@"; do
+        limit=$((limit - 1))
+        [ "$limit" -gt 0 ] || return 1
+        sleep 1
+    done
+}
+# logged_by PID TEXT: the process with that id has logged the text.
+logged_by() { journalctl -b -q _PID="$1" _TRANSPORT=stdout -o cat | grep -qF -- "$2"; }
+# restarted_from PID RESTARTS: the unit runs a new process after more
+# restarts than given, and it is active again.
+restarted_from() {
+    new=$(show MainPID)
+    [ "$(show NRestarts)" -gt "$2" ] && [ "$new" != 0 ] && [ "$new" != "$1" ] &&
+        [ "$(show ActiveState)" = active ]
+}
+report() {
+    "$inspect" --json >"$state/$1.json" 2>"$state/$1.err" || true
+    base64 -w 76 "$state/$1.json" | sed "s/^/BOOTTEST report $1 /"
+}
+
+mkdir -p "$state"
+
+# 1. First start: active once the match is installed, then every board as
+# signals from the VPD service ordered after it.
+discovered() { daemon_lines | grep -qF "Board discovery has ended"; }
+dump_log() {
+    {
+        systemctl status --no-pager -n 0 "$unit"
+        journalctl -b -q -u "$unit" -n 80 -o short-monotonic --no-pager
+    } 2>&1 | sed 's/^/BOOTTEST log /'
+}
+if wait_until 300 discovered && [ "$(show NRestarts)" = 0 ]; then
+    ok discovery-ended
+else
+    fail discovery-ended "no \"Board discovery has ended\" in 300 s, or only after $(show NRestarts) restarts"
+    # Nothing below can pass.
+    dump_log
+    echo "BOOTTEST done"
+    exit 0
+fi
+pid=$(show MainPID)
+# The figures once discovery has ended: memory and threads as the ARM kernel
+# counts them, and the time from the unit leaving its inactive state (start
+# status helper included) to the line.
+for field in VmRSS RssAnon Threads; do
+    figure "$field" "$(awk -v f="$field:" '$1 == f { print $2 $3 }' "/proc/$pid/status")"
+done
+started=$(show InactiveExitTimestampMonotonic)
+ended=$(journalctl -b -q _PID="$pid" _TRANSPORT=stdout -o short-monotonic |
+    grep -F "Board discovery has ended" | head -1 | sed 's/^\[ *\([0-9]*\)\.\([0-9]*\)\].*/\1\2/')
+if [ -n "$ended" ] && [ "$started" -gt 0 ]; then
+    figure discovery-seconds "$(awk -v a="$started" -v b="$ended" 'BEGIN { printf "%.2f", (b - a) / 1e6 }')"
+fi
+# The VPD unit recorded the bus's match rules just before its own start.
+if grep "sender='com.halvex.vpdd'" "$state/matches" 2>/dev/null | grep -q "member='InterfacesAdded'"; then
+    ok match-before-vpd-service
+else
+    fail match-before-vpd-service "the daemon had no InterfacesAdded match when the VPD service started"
+fi
+if logged_by "$pid" "matchVpdd completed" && [ "$(show Type)" = notify ]; then
+    ok ready-by-notify
+else
+    fail ready-by-notify "Type=$(show Type), or the VPD objects did not come as signals"
+fi
+links_resolve() {
+    for link in /dev/*_i2c; do
+        [ -d "$link" ] || return 1
+    done
+}
+if links_resolve; then ok links-resolve; else fail links-resolve "$(ls -l /dev/*_i2c 2>&1)"; fi
+report first
+
+# 2. What anybody may do on the bus, and what only root may.
+if nobody busctl --system introspect com.halvex.hwtopod /com/halvex/platform/basecfg >/dev/null &&
+    nobody busctl --system get-property com.halvex.hwtopod /com/halvex/platform/basecfg \
+        com.halvex.hwtopod.hardware MaxCpu >/dev/null &&
+    nobody busctl --system call com.halvex.hwtopod / \
+        org.freedesktop.DBus.ObjectManager GetManagedObjects >/dev/null; then
+    ok non-root-reads
+else
+    fail non-root-reads "a user other than root could not read the objects"
+fi
+denied() { "$@" 2>&1 | grep -q "org.freedesktop.DBus.Error.AccessDenied"; }
+# own_name and set_max_cpu take the command that runs dbus-send, if any.
+set_max_cpu() {
+    "$@" dbus-send --system --print-reply --dest=com.halvex.hwtopod /com/halvex/platform/basecfg \
+        org.freedesktop.DBus.Properties.Set string:com.halvex.hwtopod.hardware string:MaxCpu variant:uint32:4
+}
+own_name() {
+    "$@" dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+        org.freedesktop.DBus.RequestName string:com.halvex.hwtopod uint32:0
+}
+# Root's call reaches the daemon, which refuses it in its own words: the
+# denial seen by the other user is the bus's.
+why=""
+denied own_name nobody || why="$why; the name could be requested: $(own_name nobody 2>&1 | head -2)"
+denied set_max_cpu nobody || why="$why; Properties.Set was not denied: $(set_max_cpu nobody 2>&1 | head -2)"
+denied set_max_cpu && why="$why; root's Properties.Set was denied by the bus"
+if [ -z "$why" ]; then
+    ok non-root-refused
+else
+    fail non-root-refused "${why#; }"
+fi
+
+# 3. Killed: systemd starts it again, as a restart.
+pid=$(show MainPID)
+restarts=$(show NRestarts)
+first_events=$(daemon_events "$pid")
+systemctl kill -s KILL "$unit"
+if wait_until 180 restarted_from "$pid" "$restarts"; then
+    pid=$(show MainPID)
+    if tr '\0' '\n' <"/proc/$pid/environ" | grep -qx 'HWTOPOD_STATUS=restart' &&
+        wait_until 300 logged_by "$pid" "Board discovery has ended"; then
+        ok restart-after-kill
+    else
+        fail restart-after-kill "process $pid is not marked as a restart, or did not read the VPD objects"
+    fi
+else
+    fail restart-after-kill "not running again 180 s after SIGKILL"
+fi
+# Every start runs the presence analysis and the probes again, so a restart
+# repeats the first start's records; it must add none of its own.
+restart_events=$(daemon_events "$pid")
+if [ -n "$first_events" ] && [ "$first_events" = "$restart_events" ]; then
+    ok restart-events
+else
+    fail restart-events "the restart's records differ: $(printf '%s\n' "$restart_events" | tr '\n' ';')"
+fi
+report restart
+
+# 4. The io loop stops feeding the watchdog: systemd restarts the daemon.
+restarts=$(show NRestarts)
+watchdog=$(show WatchdogUSec)
+kill -STOP "$pid"
+if [ "$watchdog" != 0 ] && [ "$watchdog" != infinity ] &&
+    wait_until 300 restarted_from "$pid" "$restarts" &&
+    journalctl -b -q -u "$unit" -o cat | grep -q "Watchdog timeout"; then
+    ok watchdog-restart
+else
+    fail watchdog-restart "WatchdogSec=$watchdog; no watchdog restart of a stopped process in 300 s"
+fi
+
+# 5. The journal's priorities: of the daemon's lines, -p err shows exactly
+# its ERROR and CRITICAL lines of this boot, -p warning those and its
+# WARNING lines (the restarts above wrote one at least), and no line keeps
+# the journal's prefix in its text.
+# at_priority PRIORITY LEVELS: sets why when they differ.
+at_priority() {
+    expected=$(daemon_lines | grep -E "^\[($2)\] ")
+    shown=$(daemon_lines -p "$1")
+    # What `journalctl -u hwtopod -p PRIORITY` shows holds them, beside
+    # systemd's own lines about the unit.
+    all_shown=$(journalctl -b -q -u "$unit" -p "$1" -o cat)
+    missing=$(printf '%s\n' "$expected" | while IFS= read -r line; do
+        printf '%s\n' "$all_shown" | grep -qxF -- "$line" || echo "$line"
+    done)
+    if [ "$expected" != "$shown" ] || [ -n "$missing" ]; then
+        why="$why; $(printf '%s\n' "$expected" | grep -c .) $2 lines, $(printf '%s\n' "$shown" | grep -c .) at -p $1"
+    fi
+}
+why=""
+at_priority err 'ERROR|CRITICAL'
+printf '%s\n' "$expected" | grep . | sed 's/^/BOOTTEST line /'
+at_priority warning 'WARNING|ERROR|CRITICAL'
+[ -n "$expected" ] || why="$why; no WARNING line at all"
+leaked=$(daemon_lines | grep -c '^<[0-9]>')
+[ "$leaked" = 0 ] || why="$why; $leaked lines begin with a priority prefix"
+if [ -z "$why" ]; then
+    ok journal-priorities
+else
+    fail journal-priorities "${why#; }"
+fi
+
+# What went wrong is in the unit's log.
+[ "$failures" = 0 ] || dump_log
+echo "BOOTTEST done"

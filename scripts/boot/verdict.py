@@ -1,0 +1,119 @@
+#!/usr/bin/env python3
+"""Reads the serial console of a boot test run and gives its verdict.
+
+Usage: verdict.py CONSOLE_LOG HEALTHY_REPORT
+
+Prints each check's result and the figures, compares the daemon's reports
+(hwtopod-inspect's JSON, sent base64-encoded by the guest) of the first
+start and of the restart with the healthy machine's, and exits 0 only when
+every check of the guest passed, none is missing, the run ended, and both
+reports show the healthy machine.
+"""
+
+import base64
+import json
+import sys
+
+CHECKS = ("discovery-ended", "match-before-vpd-service", "ready-by-notify",
+          "links-resolve", "non-root-reads", "non-root-refused",
+          "restart-after-kill", "restart-events", "watchdog-restart",
+          "journal-priorities")
+REPORTS = ("first", "restart")
+
+
+def read_console(path):
+    results, figures, reports, done = {}, {}, {}, False
+    with open(path, errors="replace") as stream:
+        for raw in stream:
+            # Kernel messages may share a line with the guest's output.
+            at = raw.find("BOOTTEST ")
+            if at < 0:
+                continue
+            words = raw[at:].strip().split(" ", 3)
+            kind = words[1] if len(words) > 1 else ""
+            if kind == "done":
+                done = True
+            elif kind == "ok" and len(words) > 2:
+                results[words[2]] = None
+            elif kind == "fail" and len(words) > 2:
+                name = words[2].rstrip(":")
+                results[name] = words[3] if len(words) > 3 else "failed"
+            elif kind == "figure" and len(words) > 3:
+                figures[words[2]] = words[3]
+            elif kind == "report" and len(words) > 3:
+                reports[words[2]] = reports.get(words[2], "") + words[3]
+    return results, figures, reports, done
+
+
+def boards(report):
+    """What the daemon published of each board, with its links' buses."""
+    picture = []
+    for kind in ("risers", "backplanes", "midplanes"):
+        for entry in report.get(kind) or []:
+            links = [entry["i2c"]] if "i2c" in entry else [
+                slot["i2c"] for slot in entry.get("slots", [])]
+            picture.append((entry.get("path"), entry.get("interface"),
+                            json.dumps(entry.get("properties"), sort_keys=True),
+                            entry.get("seenBy"), entry.get("cable"),
+                            entry.get("location"),
+                            tuple((l.get("link"), l.get("bus")) for l in links)))
+    return sorted(picture, key=repr)
+
+
+def events(report):
+    return sorted({(e["id"], e["args"]) for e in report.get("events", [])})
+
+
+def compare(name, report, healthy):
+    """The differences of a report from the healthy machine's."""
+    why = []
+    if boards(report) != boards(healthy):
+        why.append("boards or links differ")
+    if report.get("resultFiles") != healthy["resultFiles"]:
+        why.append("result files differ")
+    if events(report) != events(healthy):
+        why.append("events differ: %s" % sorted(
+            set(events(report)) ^ set(events(healthy))))
+    for key in ("problems", "failures"):
+        if report.get(key):
+            why.append("%s: %s" % (key, report[key]))
+    if report.get("service", {}).get("onBus") is not True:
+        why.append("the daemon is not on the bus")
+    return ["report-%s: %s" % (name, w) for w in why]
+
+
+def main():
+    if len(sys.argv) != 3:
+        raise SystemExit(__doc__)
+    results, figures, reports, done = read_console(sys.argv[1])
+    with open(sys.argv[2]) as stream:
+        healthy = json.load(stream)
+    failures = []
+    for name in CHECKS:
+        if name not in results:
+            failures.append("%s: no result" % name)
+        elif results[name] is not None:
+            failures.append("%s: %s" % (name, results[name]))
+        else:
+            print("boot test: ok %s" % name)
+    for name in REPORTS:
+        try:
+            report = json.loads(base64.b64decode(reports.get(name, "")))
+        except ValueError as error:
+            failures.append("report-%s: unreadable (%s)" % (name, error))
+            continue
+        found = compare(name, report, healthy)
+        failures += found
+        if not found:
+            print("boot test: ok report-%s is the healthy machine" % name)
+    if not done:
+        failures.append("the guest did not end its checks")
+    for name, value in figures.items():
+        print("boot test: figure %s %s" % (name, value))
+    for failure in failures:
+        print("boot test: FAIL %s" % failure)
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
