@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -63,8 +64,9 @@ int main(int argc, char** argv)
             std::chrono::steady_clock::now() - start;
         totals.push_back(took.count());
     }
-    std::nth_element(totals.begin(), totals.begin() + totals.size() / 2,
-                     totals.end());
+    const auto middle =
+        totals.begin() + static_cast<std::ptrdiff_t>(totals.size() / 2);
+    std::nth_element(totals.begin(), middle, totals.end());
     std::printf("floor %.3f\n", totals[totals.size() / 2]);
     return 0;
 }

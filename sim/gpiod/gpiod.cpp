@@ -268,6 +268,9 @@ long long milliseconds(const timespec* timeout)
 
 } // namespace
 
+// The definitions keep the parameter names of the library header they
+// implement.
+// NOLINTBEGIN(readability-identifier-naming)
 extern "C"
 {
 const char* gpiod_version_string(void)
@@ -741,3 +744,4 @@ void gpiod_line_close_chip(struct gpiod_line* line)
 }
 
 } // extern "C"
+// NOLINTEND(readability-identifier-naming)

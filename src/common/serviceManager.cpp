@@ -2,6 +2,7 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <exception>
 #include <mutex>
 
 namespace hwtopod::serviceManager
@@ -58,7 +59,14 @@ WatchdogFeeder::WatchdogFeeder(boost::asio::io_context& io) : timer(io)
 
 WatchdogFeeder::~WatchdogFeeder()
 {
-    timer.cancel();
+    // A destructor must not throw; a cancel that fails leaves the timer's
+    // last wait to end with the io_context.
+    try
+    {
+        timer.cancel();
+    }
+    catch (const std::exception&)
+    {}
 }
 
 void WatchdogFeeder::arm()

@@ -164,7 +164,8 @@ void handleEvent(const std::vector<FpgaGpioEntry>& rows,
 
 void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
                        const std::vector<FpgaGpioEntry>& rows,
-                       const FaultLineReports& reports, std::stop_token stop)
+                       const FaultLineReports& reports,
+                       const std::stop_token& stop)
 {
     std::string chipName;
     for (int attempt = discoveryAttempts;

@@ -455,7 +455,7 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
 }
 
 void Highvol::checkRiserConnection(const nlohmann::json& riser,
-                                   std::string riserName)
+                                   const std::string& riserName)
 {
     // The probe has seen to it that the number is at most maxRiserSlot.
     const auto riserNumber = static_cast<unsigned>(

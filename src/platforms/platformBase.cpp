@@ -198,8 +198,8 @@ void Base::postDiscoveryHook() {}
 
 void Base::serviceSetup() {}
 
-void Base::sendZmcEvent(std::string eventId, std::uint8_t index,
-                        std::string deviceName)
+void Base::sendZmcEvent(const std::string& eventId, std::uint8_t index,
+                        const std::string& deviceName)
 {
     hwtopod::writeZmcEvent(eventId, index, deviceName);
 }
@@ -270,7 +270,7 @@ void Base::serviceRun()
     {
         return;
     }
-    ioThread = std::jthread([this](std::stop_token stop) {
+    ioThread = std::jthread([this](const std::stop_token& stop) {
         const std::stop_callback stopIo(stop, [this]() { io.stop(); });
         // The watchdog is fed by this loop because the daemon is of no use
         // without it: every publication and every VPD signal goes through

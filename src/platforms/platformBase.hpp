@@ -101,8 +101,8 @@ class Base
     virtual void postDiscoveryHook();
     virtual void platformInfoInit();
     virtual void serviceSetup();
-    virtual void sendZmcEvent(std::string eventId, std::uint8_t index,
-                              std::string deviceName);
+    virtual void sendZmcEvent(const std::string& eventId, std::uint8_t index,
+                              const std::string& deviceName);
 
     // Service start-up.
     void serviceInit();

@@ -59,7 +59,7 @@ class Highvol : public Base
     void applyPlatformCoolingSettings();
 
     void checkRiserConnection(const nlohmann::json& riser,
-                              std::string riserName);
+                              const std::string& riserName);
     void linkRiserCardSlots(const nlohmann::json& riser,
                             const std::string& riserName, bool riserPresent);
     void confirmRiserConnector(const nlohmann::json& riser,

@@ -23,8 +23,8 @@ void say(MatchLines* sink, std::string text)
     }
 }
 
-CompositionLog dynamicLog(std::string keyWord, std::string basedWord,
-                          MatchLines* sink)
+CompositionLog dynamicLog(const std::string& keyWord,
+                          const std::string& basedWord, MatchLines* sink)
 {
     CompositionLog log;
     log.placeholderReplaced = [keyWord, sink](const std::string& placeholder,

@@ -38,21 +38,19 @@ Json riserIssues(const Json& events, unsigned slot,
             }
             return false;
         };
-        if ((id == eventId::cableMisconnectedBetween ||
-             id == eventId::cableMisconnected) &&
-            named(args[0]))
-        {
-            cable.push_back(event["text"]);
-        }
-        else if ((id == eventId::riserCableNotConnected ||
-                  id == eventId::riserCableMisconnected) &&
-                 args[0] == slotName)
-        {
-            cable.push_back(event["text"]);
-        }
-        else if ((id == eventId::namedCableNotConnected ||
-                  id == eventId::namedCableMisconnected) &&
-                 args.size() > 1 && args[1] == slotName)
+        // A cable record names the riser, the riser's slot, or the cable
+        // and then the slot.
+        const bool cableOfRiser =
+            ((id == eventId::cableMisconnectedBetween ||
+              id == eventId::cableMisconnected) &&
+             named(args[0])) ||
+            ((id == eventId::riserCableNotConnected ||
+              id == eventId::riserCableMisconnected) &&
+             args[0] == slotName) ||
+            ((id == eventId::namedCableNotConnected ||
+              id == eventId::namedCableMisconnected) &&
+             args.size() > 1 && args[1] == slotName);
+        if (cableOfRiser)
         {
             cable.push_back(event["text"]);
         }
