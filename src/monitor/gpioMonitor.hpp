@@ -29,11 +29,11 @@ struct FaultLineReports
 
 // Body of the monitor thread, over the lines of gpio; waits between
 // discovery attempts go through sleep. Returns when it gives up (after the
-// last failed discovery attempt or on an error while watching) or within a
-// second of a stop request. Throws nothing of the standard exception family.
+// last failed discovery attempt or on an error while watching) or as soon as
+// a stop is requested. Throws nothing of the standard exception family.
 void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
                        const std::vector<FpgaGpioEntry>& rows,
                        const FaultLineReports& reports,
-                       std::stop_token stop = {});
+                       const std::stop_token& stop = {});
 
 } // namespace hwtopod
