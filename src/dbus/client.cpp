@@ -177,16 +177,31 @@ ManagedObjects getManagedObjects(const std::string& service,
     }
 }
 
+namespace
+{
+// The call on a connection of its own; read takes what it needs of the
+// reply.
+template <typename Read>
+auto callOnce(const std::string& service, const std::string& path,
+              const std::string& interface, const std::string& method,
+              const std::vector<Argument>& arguments, Read read)
+{
+    auto connection = temporaryConnection();
+    auto proxy = sdbus::createProxy(*connection, service, path);
+    auto call = makeCall(*proxy, interface, method, arguments);
+    auto reply = proxy->callMethod(call);
+    return read(reply);
+}
+} // namespace
+
 void callMethod(const std::string& service, const std::string& path,
                 const std::string& interface, const std::string& method,
                 const std::vector<Argument>& arguments)
 {
     try
     {
-        auto connection = temporaryConnection();
-        auto proxy = sdbus::createProxy(*connection, service, path);
-        auto call = makeCall(*proxy, interface, method, arguments);
-        proxy->callMethod(call);
+        callOnce(service, path, interface, method, arguments,
+                 [](sdbus::MethodReply&) {});
     }
     catch (const sdbus::Error& e)
     {
@@ -201,13 +216,12 @@ std::int32_t callMethodInt32(
 {
     try
     {
-        auto connection = temporaryConnection();
-        auto proxy = sdbus::createProxy(*connection, service, path);
-        auto call = makeCall(*proxy, interface, method, arguments);
-        auto reply = proxy->callMethod(call);
-        std::int32_t result = 0;
-        reply >> result;
-        return result;
+        return callOnce(service, path, interface, method, arguments,
+                        [](sdbus::MethodReply& reply) {
+            std::int32_t result = 0;
+            reply >> result;
+            return result;
+        });
     }
     catch (const sdbus::Error& e)
     {

@@ -65,24 +65,9 @@ void Highvol::probeCachedVpdd()
 
     discovery.backplaneType = backplaneTypeOf(discovery.vpdObjects);
 
-    std::vector<std::string> paths;
-    paths.reserve(discovery.vpdObjects.size());
-    for (const auto& entry : discovery.vpdObjects)
-    {
-        paths.push_back(entry.first);
-    }
-    for (const auto& path : paths)
-    {
-        try
-        {
-            probeCachedObject(path);
-        }
-        catch (const std::exception& e)
-        {
-            logCritical() << "Exception in probeCachedVpdd for VPDD path "
-                          << path << ": " << e.what();
-        }
-    }
+    forEachCachedObject([this](const std::string& path) {
+        probeCachedObject(path);
+    });
 
     if (discovery.riserChecksWaitForFpga)
     {

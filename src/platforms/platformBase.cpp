@@ -156,6 +156,13 @@ void Base::notifyDiscovery(bool ended) const
 void Base::probeCachedVpdd()
 {
     notifyDiscovery(false);
+    forEachCachedObject([this](const std::string& path) { probeVpdd(path); });
+    notifyDiscovery(true);
+}
+
+void Base::forEachCachedObject(
+    const std::function<void(const std::string&)>& probe)
+{
     // Copy the paths: a probe may not change the map, but the walk must not
     // depend on that.
     std::vector<std::string> paths;
@@ -169,7 +176,7 @@ void Base::probeCachedVpdd()
         // An error ends the probing of this one object, not the walk.
         try
         {
-            probeVpdd(path);
+            probe(path);
         }
         catch (const std::exception& e)
         {
@@ -177,7 +184,6 @@ void Base::probeCachedVpdd()
                           << path << ": " << e.what();
         }
     }
-    notifyDiscovery(true);
 }
 
 void Base::probeBpVpddDynamic(const std::string& /*path*/,

@@ -274,6 +274,11 @@ class Base
     std::string gpioChipName;
 
   protected:
+    // Runs probe on each cached VPD object in path order; an exception ends
+    // the probing of that object alone, with its CRITICAL line.
+    void forEachCachedObject(
+        const std::function<void(const std::string&)>& probe);
+
     // The cached VPD object of path, when the rule documents of its probe
     // are loaded; else null, and the ERROR line notLoaded or
     // "<prober>: path <path> was not found".
