@@ -85,7 +85,7 @@ void Base::powerFaultDetect()
 }
 
 void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows,
-                       std::stop_token stop)
+                       const std::stop_token& stop)
 {
     logInfo() << "Base::gpioMonitor()";
     hwtopod::FaultLineReports reports;
@@ -96,8 +96,7 @@ void Base::gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows,
     reports.controllerReady = [this](const std::string& chipName) {
         gpioChipName = chipName;
     };
-    hwtopod::monitorFaultLines(*seams.gpio, seams.sleep, rows, reports,
-                               std::move(stop));
+    hwtopod::monitorFaultLines(*seams.gpio, seams.sleep, rows, reports, stop);
 }
 
 void Base::setDevicePresence()
@@ -192,8 +191,8 @@ void Highvol::powerFaultMonitor()
         }
         // The thread owns its copy of the rows; this list ends here.
         gpioThread = std::jthread(
-            [this, rows = std::move(rows)](std::stop_token stop) {
-            gpioMonitor(rows, std::move(stop));
+            [this, rows = std::move(rows)](const std::stop_token& stop) {
+            gpioMonitor(rows, stop);
         });
         logInfo() << "Thread for gpioMonitor is forked";
     }

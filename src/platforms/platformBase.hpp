@@ -162,7 +162,7 @@ class Base
     // Fault monitoring, device presence, chassis intrusion.
     void powerFaultDetect();
     void gpioMonitor(const std::vector<hwtopod::FpgaGpioEntry>& rows,
-                     std::stop_token stop = {});
+                     const std::stop_token& stop = {});
     void setDevicePresence();
     void remedyChassisCloseEvent();
 
