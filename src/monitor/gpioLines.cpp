@@ -51,6 +51,15 @@ class GpiodFaultLines : public FaultLineGpio
         lines.request(request, {});
     }
 
+    void releaseLines() override
+    {
+        if (lines)
+        {
+            lines.release();
+        }
+        changed = gpiod::line_bulk();
+    }
+
     std::vector<unsigned> waitForEvents(int wakeFd) override
     {
         std::vector<unsigned> offsets;

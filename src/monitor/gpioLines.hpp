@@ -56,6 +56,10 @@ class FaultLineGpio
     // when only wakeFd woke it.
     virtual std::vector<unsigned> waitForEvents(int wakeFd) = 0;
 
+    // Gives the lines of the set back: the monitor calls it when it stops
+    // watching, so that a monitor that gave up holds no line.
+    virtual void releaseLines() = 0;
+
     // All pending events of the line at offset, oldest first. Only for a
     // line that the last wait returned.
     virtual std::vector<GpioEdgeEvent> readEvents(unsigned offset) = 0;

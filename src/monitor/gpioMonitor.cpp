@@ -214,6 +214,15 @@ void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
     {
         logCritical() << "Exception in gpioMonitor, fetch data: " << e.what();
     }
+    try
+    {
+        gpio.releaseLines();
+    }
+    catch (const std::exception& e)
+    {
+        logCritical() << "Exception in gpioMonitor, release lines: "
+                      << e.what();
+    }
 }
 
 } // namespace hwtopod

@@ -38,16 +38,19 @@ class ScriptedLines : public FaultLineGpio
     // What the monitor did.
     std::vector<std::vector<unsigned>> selections;
     std::vector<std::string> consumers;
+    bool released = false;
     std::atomic<std::size_t> waits = 0;
 
     ScriptedLines() = default;
     ScriptedLines(const ScriptedLines&) = delete;
     ScriptedLines& operator=(const ScriptedLines&) = delete;
     // A script not played to its end means the monitor stopped early or
-    // missed a wait: the test that wrote it fails.
+    // missed a wait, and requested lines must be given back: else the test
+    // that wrote it fails.
     ~ScriptedLines() override
     {
         EXPECT_GE(waits, script.size()) << "part of the GPIO script unplayed";
+        EXPECT_EQ(!consumers.empty(), released) << "lines not given back";
     }
 
     std::optional<GpioLineLocation> findLine(const std::string& name) override
@@ -97,6 +100,10 @@ class ScriptedLines : public FaultLineGpio
             offsets.push_back(entry.first);
         }
         return offsets;
+    }
+    void releaseLines() override
+    {
+        released = true;
     }
     std::vector<GpioEdgeEvent> readEvents(unsigned offset) override
     {
