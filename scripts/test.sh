@@ -82,7 +82,7 @@ run_suite "address+undefined sanitizers" build-asan -Dwerror=true \
 tsan_reports="$top/build-tsan.reports"
 rm -rf "$tsan_reports"
 mkdir -p "$tsan_reports"
-export TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 log_path=$tsan_reports/report"
+export TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 log_path=$tsan_reports/report suppressions=$top/scripts/tsan.supp"
 CC=clang CXX=clang++ run_suite "thread sanitizer" build-tsan -Dwerror=true \
     -Db_sanitize=thread -Db_lundef=false -Dbuildtype=debug
 unset TSAN_OPTIONS

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -31,24 +32,25 @@ constexpr const char* consumerName = "monitor";
 class StopWake
 {
   public:
-    explicit StopWake(std::stop_token stop) :
-        fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-        onStop(std::move(stop), [this]() { signal(); })
+    explicit StopWake(const std::stop_token& stop) :
+        fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     {
         if (fd < 0)
         {
             throw std::system_error(errno, std::generic_category(),
                                     "eventfd for the monitor's stop");
         }
+        onStop.emplace(stop, [this]() { signal(); });
     }
     StopWake(const StopWake&) = delete;
     StopWake& operator=(const StopWake&) = delete;
     ~StopWake()
     {
-        if (fd >= 0)
-        {
-            ::close(fd);
-        }
+        // The callback runs on the thread that asks for the stop; removing
+        // it waits for a run in progress, so the descriptor is closed only
+        // after its last write.
+        onStop.reset();
+        ::close(fd);
     }
     int descriptor() const
     {
@@ -58,15 +60,11 @@ class StopWake
   private:
     void signal() const
     {
-        // A stop before the descriptor exists is seen by the loop's check.
-        if (fd >= 0)
-        {
-            static_cast<void>(::eventfd_write(fd, 1));
-        }
+        static_cast<void>(::eventfd_write(fd, 1));
     }
 
     int fd;
-    std::stop_callback<std::function<void()>> onStop;
+    std::optional<std::stop_callback<std::function<void()>>> onStop;
 };
 
 // One discovery attempt: finds the controller that holds the rows' lines and
