@@ -158,6 +158,25 @@ void handleEvent(const std::vector<FpgaGpioEntry>& rows,
         reports.sendEvent(row->deassertEventId, row->index, row->deviceName);
     }
 }
+
+// Requests the selected lines and reports their edges until a stop.
+void watchLines(FaultLineGpio& gpio, const std::vector<FpgaGpioEntry>& rows,
+                const FaultLineReports& reports, const std::stop_token& stop)
+{
+    const StopWake wake(stop);
+    gpio.requestBothEdges(consumerName);
+    while (!stop.stop_requested())
+    {
+        for (unsigned offset : gpio.waitForEvents(wake.descriptor()))
+        {
+            logInfo() << "Change detected on GPIO line " << offset;
+            for (const auto& event : gpio.readEvents(offset))
+            {
+                handleEvent(rows, event, reports);
+            }
+        }
+    }
+}
 } // namespace
 
 void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
@@ -194,19 +213,7 @@ void monitorFaultLines(FaultLineGpio& gpio, const SleepFunction& sleep,
 
     try
     {
-        const StopWake wake(stop);
-        gpio.requestBothEdges(consumerName);
-        while (!stop.stop_requested())
-        {
-            for (unsigned offset : gpio.waitForEvents(wake.descriptor()))
-            {
-                logInfo() << "Change detected on GPIO line " << offset;
-                for (const auto& event : gpio.readEvents(offset))
-                {
-                    handleEvent(rows, event, reports);
-                }
-            }
-        }
+        watchLines(gpio, rows, reports, stop);
     }
     catch (const std::exception& e)
     {
