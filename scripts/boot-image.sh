@@ -15,7 +15,10 @@
 # and built when needed) into a second layer with `meson install --destdir`, adds the
 # stand-ins of the platform's FPGA library and sibling services as units, and
 # boots the two layers as one initramfs: the whole system lives in RAM, so no
-# flash or disk driver is needed. The test unit in the guest prints
+# flash or disk driver is needed. The fault lines and the jumper are lines
+# of the SoC's own GPIO controller, driven from the emulator's monitor, and
+# the I2C buses the rule files name are the kernel's, partly behind emulated
+# muxes (scripts/boot/board.py); the daemon uses Debian's GPIO library. The test unit in the guest prints
 # "BOOTTEST ok|fail <check>" and "BOOTTEST figure <name> <value>" lines on
 # the serial console and ends with "BOOTTEST done". Needs root (the base
 # system keeps its owners) and the packages of install-deps.sh --boot.
@@ -51,18 +54,25 @@ esac
 
 # What the guest runs: systemd as PID 1, the system bus, the libraries the
 # daemon and the stand-ins link (boost and nlohmann are headers only), kmod
-# for kernel modules that later checks may load.
+# for the board's drivers, and the GPIO library's tools, with which the test
+# times edges as the kernel sees them.
 guest_packages=(
     systemd systemd-sysv dbus libsdbus-c++1 libgpiod2
-    libsystemd0 libstdc++6 kmod
+    libsystemd0 libstdc++6 kmod gpiod
 )
+# The kernel's drivers of the board's GPIO controller, I2C buses and muxes,
+# which Debian builds as modules.
+board_modules=(gpio-aspeed i2c-aspeed i2c-mux i2c-mux-pca954x)
+# The machine the image shows: the healthy one, with a regulator fault that
+# stands from power-on on its register bit and its line.
+scenario=$top/sim/scenarios/fault-at-start
 kernel_package=linux-image-armmp-lpae
 board_dtb=aspeed-ast2600-evb.dtb
 
 # make_base: the cached base system as a compressed cpio archive, the kernel
 # and the device tree. The kernel package is unpacked beside the system, not
 # installed into it: installing would build an initramfs of its own under
-# emulation, and the guest needs none of its modules yet.
+# emulation; the few modules the guest needs are taken from it per run.
 # The Debian mirror the machine's own apt uses (its first one, which is the
 # main archive); the security archive is left out, since one of its indexes
 # failing to fetch would stop mmdebstrap and a test guest needs none of it.
@@ -143,6 +153,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/hwtopod-boot.XXXXXX")
 qemu_pid=""
 cleanup() {
     [ -z "$qemu_pid" ] || kill "$qemu_pid" 2>/dev/null || true
+    [ -z "${driver_pid:-}" ] || kill "$driver_pid" 2>/dev/null || true
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -160,24 +171,44 @@ mknod -m 0600 "$layer/dev/console" c 5 1
 # The stand-ins' bus policies: the system bus denies what they do not allow.
 cp "$top"/sim/*/com.halvex.*.conf "$layer/usr/share/dbus-1/system.d/"
 # The platform's register library is found by its soname, as on a real
-# controller; the GPIO library stand-in only by the daemon's drop-in.
+# controller.
 install -m 0755 "$build/sim/libfpga/libfpga.so.0.1.0" "$layer/usr/lib/libfpga.so.0"
-install -m 0755 "$build/sim/gpiod/libgpiod.so.2.2.2" "$sim/libgpiod.so.2"
 install -m 0755 "$build/sim/vpdd/vpdd" "$build/sim/pwrmgt/hwtopod-sim-pwrmgt" \
-    "$build/sim/liquid_cooling/liquid-cooling" "$top/scripts/boot/i2c-buses" "$sim/"
-# The healthy machine, laid out by the simulator's own scenario code.
-python3 "$top/sim/scenario.py" "$top/sim/scenarios/healthy" "$work/scenario" "$top/data"
-cp -r "$work/scenario/fpga" "$work/scenario/gpio" "$work/scenario/vpdd.json" "$sim/"
+    "$build/sim/liquid_cooling/liquid-cooling" "$sim/"
+# The machine, laid out by the simulator's own scenario code; its lines'
+# levels are the emulator's (board.py drive).
+python3 "$top/sim/scenario.py" "$scenario" "$work/scenario" "$top/data"
+cp -r "$work/scenario/fpga" "$work/scenario/vpdd.json" "$sim/"
 cp "$work/scenario/root/etc/os-release" "$layer/etc/os-release"
-python3 -c 'import json, sys
-print("\n".join(str(b) for b in json.load(open(sys.argv[1]))["i2cBuses"]))' \
-    "$top/sim/scenarios/healthy/scenario.json" >"$sim/i2c-buses.txt"
+# The board's drivers, loaded by systemd-modules-load before any service.
+# They go to /usr/lib/modules: a directory /lib in the layer would replace
+# the base system's link to /usr/lib as the kernel unpacks it.
+kernel_version=$(dpkg-deb -f "$cache/kernel.deb" Package | sed 's/^linux-image-//')
+modules="$work/modules"
+mkdir -p "$modules"
+dpkg-deb --fsys-tarfile "$cache/kernel.deb" |
+    tar -x -C "$modules" --wildcards --no-wildcards-match-slash \
+        "./lib/modules/$kernel_version/modules.*" \
+        $(printf "./lib/modules/$kernel_version/kernel/drivers/*/%s.ko " "${board_modules[@]}") \
+        $(printf "./lib/modules/$kernel_version/kernel/drivers/*/*/%s.ko " "${board_modules[@]}") 2>/dev/null || true
+for m in "${board_modules[@]}"; do
+    [ -n "$(find "$modules" -name "$m.ko")" ] || {
+        say "the kernel package has no module $m"
+        exit 1
+    }
+done
+depmod -b "$modules" "$kernel_version"
+mkdir -p "$layer/usr/lib"
+cp -r "$modules/lib/modules" "$layer/usr/lib/"
+mkdir -p "$layer/etc/modules-load.d"
+printf '%s\n' "${board_modules[@]}" >"$layer/etc/modules-load.d/hwtopod-board.conf"
+python3 "$top/scripts/boot/board.py" dtb "$cache/$board_dtb" "$work/board.dtb" "$scenario"
 mkdir -p "$layer/usr/lib/tmpfiles.d"
 # The FPGA device nodes the daemon waits for.
 printf 'f /dev/%s 0600 root root -\n' fpga-cdev fpga-r0 fpga-r0-adi \
     >"$layer/usr/lib/tmpfiles.d/hwtopod-sim.conf"
 
-units=(hwtopod-sim-i2c hwtopod-sim-pwrmgt hwtopod-sim-cooling hwtopod-sim-vpdd)
+units=(hwtopod-sim-pwrmgt hwtopod-sim-cooling hwtopod-sim-vpdd)
 for u in "${units[@]}"; do
     cp "$top/scripts/boot/units/$u.service" "$layer/etc/systemd/system/"
 done
@@ -185,8 +216,6 @@ mkdir -p "$layer/etc/systemd/system/hwtopod.service.d" "$layer/etc/systemd/syste
 cat >"$layer/etc/systemd/system/hwtopod.service.d/stand-ins.conf" <<CONF
 [Service]
 Environment=HALVEX_FPGA_IMAGES=/usr/lib/hwtopod-sim/fpga
-Environment=HWTOPOD_SIM_GPIO=/usr/lib/hwtopod-sim/gpio
-Environment=LD_LIBRARY_PATH=/usr/lib/hwtopod-sim
 CONF
 # The VPD service's unit is ordered by the drop-in an image gives it.
 cp "$top/packaging/vpd-after-hwtopod.conf" "$layer/etc/systemd/system/hwtopod-sim-vpdd.service.d/"
@@ -231,20 +260,37 @@ fi
 (cd "$layer" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1 >"$work/layer.cpio.gz")
 cat "$cache/base.cpio.gz" "$work/layer.cpio.gz" >"$work/initrd"
 
+# Started paused: the board's driver sets the lines' levels and lets it run.
+# In the test it also reads the console, kept in a file by the emulator, and
+# answers the guest's requests on it.
+mapfile -t board_devices < <(python3 "$top/scripts/boot/board.py" qemu "$scenario")
 qemu=(qemu-system-arm -M ast2600-evb -m 1G -kernel "$cache/vmlinuz"
-    -dtb "$cache/$board_dtb" -initrd "$work/initrd" -append "$append")
+    -dtb "$work/board.dtb" -initrd "$work/initrd" -append "$append" -S
+    -qmp "unix:$work/qmp.sock,server=on,wait=off" "${board_devices[@]}")
+driver_pid=""
+# start_driver CONSOLE_SOCKET|-
+start_driver() {
+    python3 "$top/scripts/boot/board.py" drive "$work/qmp.sock" "$1" "$scenario" \
+        2>"$work/driver.log" &
+    driver_pid=$!
+}
 if [ "$mode" = interactive ]; then
     say "booting; log in as root without a password, leave with Ctrl-a x"
+    start_driver -
     "${qemu[@]}" -nographic
     exit
 fi
 
 console="$work/console.log"
 say "booting the image (console in ${HWTOPOD_BOOT_LOG:-$console})"
-"${qemu[@]}" -display none -monitor none -serial "file:$console" -no-reboot &
+"${qemu[@]}" -display none -monitor none -no-reboot \
+    -chardev "socket,id=console,path=$work/console.sock,server=on,wait=off,logfile=$console" \
+    -serial chardev:console &
 qemu_pid=$!
+start_driver "$work/console.sock"
 deadline=$((SECONDS + boot_timeout))
-while kill -0 "$qemu_pid" 2>/dev/null && ! grep -q 'BOOTTEST done' "$console" 2>/dev/null; do
+while kill -0 "$qemu_pid" 2>/dev/null && kill -0 "$driver_pid" 2>/dev/null &&
+    ! grep -q 'BOOTTEST done' "$console" 2>/dev/null; do
     if [ "$SECONDS" -ge "$deadline" ]; then
         say "no \"BOOTTEST done\" after $boot_timeout s"
         break
@@ -257,5 +303,6 @@ qemu_pid=""
 [ -z "${HWTOPOD_BOOT_LOG:-}" ] || cp "$console" "$HWTOPOD_BOOT_LOG"
 python3 "$top/scripts/boot/verdict.py" "$console" "$top/tests/sim/healthy-inspect.json" || {
     tail -60 "$console" | tr -d '\r' >&2
+    cat "$work/driver.log" >&2
     exit 1
 }

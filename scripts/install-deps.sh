@@ -26,9 +26,11 @@ if [ "$armhf" = 1 ]; then
     packages+=(crossbuild-essential-armhf qemu-user ccache)
 fi
 # The guest's system is made with Debian's own tools; its maintainer scripts
-# run under a static emulator copied into it; the board is emulated whole.
+# run under a static emulator copied into it; the board is emulated whole,
+# with its device tree changed and its kernel modules indexed on the host.
 if [ "$boot" = 1 ]; then
-    packages+=(mmdebstrap arch-test qemu-user-static qemu-system-arm cpio)
+    packages+=(mmdebstrap arch-test qemu-user-static qemu-system-arm cpio
+        device-tree-compiler kmod)
 fi
 
 missing=()

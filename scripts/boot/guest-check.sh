@@ -25,6 +25,22 @@ figure() { echo "BOOTTEST figure $1 $2"; }
 show() { systemctl show -p "$1" --value "$unit"; }
 # The daemon's own lines of this boot, of every process the unit ran.
 daemon_lines() { journalctl -b -q _SYSTEMD_UNIT="$unit" _TRANSPORT=stdout "$@" -o cat; }
+# records PID [JOURNALCTL OPTION...]: the process's event records in the
+# journal's order, "ID|ARGS|MONOTONIC MICROSECONDS" a line.
+records() {
+    of=$1
+    shift
+    journalctl -b -q _PID="$of" "$@" -o export |
+        awk -F = '$1 == "__MONOTONIC_TIMESTAMP" { at = $2 }
+            $1 == "REDFISH_MESSAGE_ID" { id = substr($0, 20) }
+            $1 == "REDFISH_MESSAGE_ARGS" { args = substr($0, 22) }
+            # An empty line ends an entry. The id is given without its
+            # registry prefix.
+            $0 == "" { sub(/.*\./, "", id); if (id != "") print id "|" args "|" at
+                id = ""; args = ""; at = "" }'
+}
+# The journal's newest entry, to read what comes after it.
+journal_cursor() { journalctl -b -q -n 1 -o export | sed -n 's/^__CURSOR=//p'; }
 # Its event records, "ID ARGS" a line, of one process.
 daemon_events() {
     journalctl -b -q _SYSTEMD_UNIT="$unit" _PID="$1" -o export |
@@ -61,6 +77,9 @@ report() {
 }
 
 mkdir -p "$state"
+# The kernel's messages stay in the journal, off the console, so that none
+# splits a line of the test's or a request to the board's driver.
+dmesg -n 1
 
 # 1. First start: active once the match is installed, then every board as
 # signals from the VPD service ordered after it.
@@ -104,13 +123,47 @@ if logged_by "$pid" "matchVpdd completed" && [ "$(show Type)" = notify ]; then
 else
     fail ready-by-notify "Type=$(show Type), or the VPD objects did not come as signals"
 fi
+# Each link leads to the kernel's own directory of its bus: one the I2C
+# driver or a mux driver made, with the adapter's name in it.
 links_resolve() {
     for link in /dev/*_i2c; do
-        [ -d "$link" ] || return 1
+        bus=$(basename "$(readlink "$link")")
+        [ "$(readlink -f "$link")" = "$(readlink -f "/sys/bus/i2c/devices/$bus")" ] &&
+            [ -s "$link/name" ] || return 1
     done
 }
-if links_resolve; then ok links-resolve; else fail links-resolve "$(ls -l /dev/*_i2c 2>&1)"; fi
+if links_resolve; then
+    ok links-resolve
+else
+    fail links-resolve "$(ls -l /dev/*_i2c 2>&1; ls /sys/bus/i2c/devices 2>&1)"
+fi
 report first
+
+# The daemon watches the SoC's GPIO lines through Debian's GPIO library.
+monitoring() { logged_by "$1" "Setup VRs & powergoods in FPGA gpio device: gpiochip0"; }
+why=""
+grep -q '/usr/lib/arm-linux-gnueabihf/libgpiod\.so' "/proc/$pid/maps" ||
+    why="$why; the daemon has not loaded Debian's libgpiod"
+grep -q 'hwtopod-sim' "/proc/$pid/maps" && why="$why; the daemon has loaded a stand-in"
+wait_until 120 monitoring "$pid" || why="$why; no monitoring of gpiochip0 in 120 s"
+# The kernel's view of the lines, where debugfs is there to show it.
+watched=55
+[ ! -r /sys/kernel/debug/gpio ] || watched=$(grep -c '|monitor *)' /sys/kernel/debug/gpio)
+[ "$watched" = 55 ] || why="$why; the kernel shows $watched lines held by the monitor, not 55"
+if [ -z "$why" ]; then ok gpio-kernel-lines; else fail gpio-kernel-lines "${why#; }"; fi
+# The jumper's line was set open (high) before the board ran.
+jumper=$(busctl --system get-property com.halvex.hwtopod /com/halvex/platform/hardware/config \
+    com.halvex.lowSecurityJmp Status 2>&1)
+if [ "$jumper" = "i 1" ]; then ok jumper-level; else fail jumper-level "Status is $jumper"; fi
+# The regulator fault that stands from power-on on its line and its register
+# bit: reported once, by the start-up scan of the registers; the line,
+# watched from then on, sees no edge.
+standing=$(records "$pid" | grep -c '^TKRMBPW0131N|12V_PCIE_PWR1|')
+if logged_by "$pid" "powerFaultDetect: bit VR_FAULT_3_N error" && [ "$standing" = 1 ]; then
+    ok fault-at-start
+else
+    fail fault-at-start "$standing records of the standing fault, or no start-up scan line"
+fi
 
 # 2. What anybody may do on the bus, and what only root may.
 if nobody busctl --system introspect com.halvex.hwtopod /com/halvex/platform/basecfg >/dev/null &&
@@ -182,7 +235,122 @@ else
     fail watchdog-restart "WatchdogSec=$watchdog; no watchdog restart of a stopped process in 300 s"
 fi
 
-# 5. The journal's priorities: of the daemon's lines, -p err shows exactly
+# 5. Edges of the fault lines, made by the emulator on the test's request:
+# each gives exactly the record the machine's fault line table says, or
+# none. The requests go to the board's driver (board.py drive) on the
+# console, the board's one serial port, and its answers come back on it.
+stty -F /dev/ttyS4 -echo clocal
+exec 3<>/dev/ttyS4
+request=0
+# board REQUEST...: the driver's answer is "ok".
+board() {
+    request=$((request + 1))
+    printf 'BOOTTEST request %s %s\n' "$request" "$*" >&3
+    # In the foreground: the console may have become the test's controlling
+    # terminal, and a background reader of it would be stopped.
+    timeout --foreground 300 sh -c 'while IFS= read -r answer; do
+        case "$answer" in "ok $1") exit 0 ;; "error $1 "*) exit 1 ;; esac
+    done; exit 1' sh "$request" <&3
+}
+# The process the watchdog started, once its start-up records are written.
+pid=$(show MainPID)
+wait_until 300 logged_by "$pid" "Board discovery has ended"
+wait_until 120 monitoring "$pid"
+cursor=$(journal_cursor)
+since() { records "$pid" --after-cursor="$cursor" | cut -d '|' -f 1,2; }
+has_records() { [ "$(since | grep -c .)" -ge "$1" ]; }
+wanted=""
+# edge NAME LEVEL [RECORD]: with a record, waits for it, so that the records
+# of different lines come in the order of their edges. After a failure the
+# edges left are not made.
+edge() {
+    [ -z "$why" ] || return
+    board set "$1" "$2" || why="$why; the driver did not set $1 to $2"
+    [ $# -lt 3 ] && return
+    wanted="$wanted$3
+"
+    wait_until 60 has_records "$(printf %s "$wanted" | grep -c .)" ||
+        why="$why; no record after $1 went to $2"
+}
+why=""
+# Both edges of a line with a record for each, of the line whose fault level
+# is low, of lines with no record when the fault ends, and of a line the
+# table does not watch.
+edge CPU1_THERMTRIP 1 'TKRMBPU0001N|1::'
+edge CPU1_THERMTRIP 0 'TKRMBPU2001I|1::'
+edge HPM_SCM_STBY_RDY 0 'TKRMBPW0133N|'
+edge HPM_SCM_STBY_RDY 1
+edge VR_FAULT_20_N 1 'TKRMBPW0129N|2::P12V_MEM'
+edge VR_FAULT_20_N 0
+edge VR_FAULT_17_N 1
+edge VR_FAULT_17_N 0
+edge VR_FAULT_43_N 1 'TKRMBPW0131N|OCP slot 1'
+edge VR_FAULT_43_N 0
+edge CPU2_THERMTRIP 1 'TKRMBPU0001N|2::'
+edge CPU2_THERMTRIP 0 'TKRMBPU2001I|2::'
+got=$(since)
+[ "$got" = "$(printf %s "$wanted")" ] || why="$why; records: $(printf '%s\n' "$got" | tr '\n' ';')"
+if [ -z "$why" ]; then ok fault-edges; else fail fault-edges "${why#; }"; fi
+
+# 6. The time from an edge to its record: the driver flips the probe line
+# and then CPU1_THERMTRIP, 120 times 250 ms apart; the kernel's time of
+# each probe edge, as gpiomon reads it, against the journal's time of the
+# record (both the guest's monotonic clock).
+edges=120
+cursor=$(journal_cursor)
+probe_watched() { grep -q 'BOOTTEST_EDGE_PROBE|gpiomon' /sys/kernel/debug/gpio 2>/dev/null; }
+# shellcheck disable=SC2046
+timeout 600 gpiomon --num-events="$edges" --format='%s %n' $(gpiofind BOOTTEST_EDGE_PROBE) \
+    >"$state/probe" 2>&1 &
+probe=$!
+wait_until 30 probe_watched || sleep 5
+why=""
+board pulse CPU1_THERMTRIP "$edges" 250 || why="$why; the driver did not make the edges"
+wait "$probe" || why="$why; gpiomon saw no $edges edges: $(tail -2 "$state/probe")"
+wait_until 120 has_records "$edges" || why="$why; $(since | grep -c .) records of $edges edges"
+expected_burst=$(awk -v n="$edges" 'BEGIN { for (i = 1; i <= n; i++)
+    print (i % 2 ? "TKRMBPU0001N" : "TKRMBPU2001I") "|1::" }')
+[ "$(since)" = "$expected_burst" ] || why="$why; the records are not the edges' in order"
+if [ -z "$why" ]; then
+    latencies=$(records "$pid" --after-cursor="$cursor" | cut -d '|' -f 3 | paste -d ' ' "$state/probe" - |
+        awk '{ printf "%.3f\n", ($3 * 1000 - ($1 * 1e9 + $2)) / 1e6 }' | sort -n)
+    figure edge-to-record-edges "$edges"
+    echo "BOOTTEST debug $(head -2 "$state/probe" | tr '\n' ';') $(records "$pid" --after-cursor="$cursor" | head -2 | tr '\n' ';') $(printf '%s\n' "$latencies" | head -3 | tr '\n' ';') $(cat /proc/uptime)"
+    figure edge-to-record-median-ms "$(printf '%s\n' "$latencies" | awk '{ v[NR] = $1 }
+        END { print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }')"
+    figure edge-to-record-worst-ms "$(printf '%s\n' "$latencies" | tail -1)"
+    ok edge-timing
+else
+    fail edge-timing "${why#; }"
+fi
+
+exec 3>&-
+
+# 7. A bus that has gone: the mux on the SoC's bus 2 unbound, so the links
+# to its channels lead nowhere; started again, the daemon says so for each
+# and leaves the links alone.
+echo 2-0070 >/sys/bus/i2c/drivers/pca954x/unbind
+dangling=""
+for link in /dev/*_i2c; do
+    [ -e "$link" ] || dangling="$dangling $link"
+done
+old=$(show MainPID)
+systemctl restart "$unit"
+pid=$(show MainPID)
+why=""
+[ -n "$dangling" ] || why="$why; unbinding the mux took no bus away"
+if wait_until 300 logged_by "$pid" "Board discovery has ended" && [ "$pid" != "$old" ]; then
+    for link in $dangling; do
+        logged_by "$pid" "[ERR] CANNOT FIND THE PATH : /sys/bus/i2c/devices/$(basename "$(readlink "$link")")" ||
+            why="$why; no error line for $link"
+        [ -L "$link" ] || why="$why; $link was removed"
+    done
+else
+    why="$why; no discovery after the restart"
+fi
+if [ -z "$why" ]; then ok missing-bus; else fail missing-bus "${why#; }"; fi
+
+# 8. The journal's priorities: of the daemon's lines, -p err shows exactly
 # its ERROR and CRITICAL lines of this boot, -p warning those and its
 # WARNING lines (the restarts above wrote one at least), and no line keeps
 # the journal's prefix in its text.
