@@ -261,14 +261,13 @@ fi
 cat "$cache/base.cpio.gz" "$work/layer.cpio.gz" >"$work/initrd"
 
 # Started paused: the board's driver sets the lines' levels and lets it run.
-# In the test it also reads the console, kept in a file by the emulator, and
-# answers the guest's requests on it.
+# In the test it also reads the guest's requests in the console's file.
 mapfile -t board_devices < <(python3 "$top/scripts/boot/board.py" qemu "$scenario")
 qemu=(qemu-system-arm -M ast2600-evb -m 1G -kernel "$cache/vmlinuz"
     -dtb "$work/board.dtb" -initrd "$work/initrd" -append "$append" -S
     -qmp "unix:$work/qmp.sock,server=on,wait=off" "${board_devices[@]}")
 driver_pid=""
-# start_driver CONSOLE_SOCKET|-
+# start_driver CONSOLE_FILE|-
 start_driver() {
     python3 "$top/scripts/boot/board.py" drive "$work/qmp.sock" "$1" "$scenario" \
         2>"$work/driver.log" &
@@ -283,11 +282,9 @@ fi
 
 console="$work/console.log"
 say "booting the image (console in ${HWTOPOD_BOOT_LOG:-$console})"
-"${qemu[@]}" -display none -monitor none -no-reboot \
-    -chardev "socket,id=console,path=$work/console.sock,server=on,wait=off,logfile=$console" \
-    -serial chardev:console &
+"${qemu[@]}" -display none -monitor none -serial "file:$console" -no-reboot &
 qemu_pid=$!
-start_driver "$work/console.sock"
+start_driver "$console"
 deadline=$((SECONDS + boot_timeout))
 while kill -0 "$qemu_pid" 2>/dev/null && kill -0 "$driver_pid" 2>/dev/null &&
     ! grep -q 'BOOTTEST done' "$console" 2>/dev/null; do

@@ -15,16 +15,18 @@ sits at 0x70 on the SoC's bus k and its channels get the bus numbers
 30 + 8k to 37 + 8k through the device tree's aliases.
 
 `drive` runs beside the emulator, which is started paused: it sets every
-line to the scenario's level before the board runs, then answers the guest
-on its console, the board's one serial port (the emulator has no other),
-where a request is a line "BOOTTEST request ID VERB ARGS...":
-  set NAME LEVEL                the line to 0 or 1          -> "ok ID"
+line to the scenario's level before the board runs, then serves the guest.
+The guest asks on its console, which the emulator writes to a file (the
+board's one serial port, and the emulator gives the guest no other way
+out), with a line "BOOTTEST request ID VERB ARGS...":
+  set NAME LEVEL                the line to 0 or 1
   pulse NAME COUNT MILLISECONDS COUNT edges of the line, each after an edge
                                 of the probe line, that many milliseconds
-                                apart                       -> "ok ID"
-Anything else, or a failed emulator command, is answered "error ID TEXT".
-With "-" for the console the lines are set and the board let run, and no
-request is answered.
+                                apart
+and once the request is carried out the driver flips the line
+"BOOTTEST_ACK", on which the guest waits. A request it cannot carry out is
+written to its standard error and not acknowledged. With "-" for the
+console the lines are set, the board is let run, and no request is read.
 """
 
 import json
@@ -39,6 +41,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)),
 import scenario as sim  # noqa: E402
 
 PROBE = "BOOTTEST_EDGE_PROBE"
+ACK = "BOOTTEST_ACK"
 GPIO = "/ahb/apb/gpio@1e780000"
 GPIO_QOM = "/machine/soc/gpio"
 I2C = "/ahb/apb/bus@1e78a000"
@@ -50,7 +53,7 @@ PIN_GROUPS = [chr(ord("A") + n) for n in range(26)]
 
 
 def line_names():
-    return list(sim.fault_lines()) + [PROBE]
+    return list(sim.fault_lines()) + [PROBE, ACK]
 
 
 def pin(offset):
@@ -136,7 +139,7 @@ class Monitor:
 
 
 def connect(path):
-    # The emulator makes its sockets as it starts.
+    # The emulator makes its socket as it starts.
     for _ in range(300):
         try:
             client = socket.socket(socket.AF_UNIX)
@@ -149,55 +152,69 @@ def connect(path):
 
 
 def answer(monitor, levels, offsets, request):
+    """Carries out a request; false when it is none the driver knows."""
     words = request.split()
+
+    def flip(name, level=None):
+        level = 1 - levels[name] if level is None else level
+        monitor.set_line(offsets[name], level)
+        levels[name] = level
+
     if len(words) == 3 and words[0] == "set" and words[1] in offsets and \
             words[2] in ("0", "1"):
-        monitor.set_line(offsets[words[1]], int(words[2]))
-        levels[words[1]] = int(words[2])
+        flip(words[1], int(words[2]))
         return True
     if len(words) == 4 and words[0] == "pulse" and words[1] in offsets and \
             words[2].isdigit() and words[3].isdigit():
-        name = words[1]
         for _ in range(int(words[2])):
-            level = 1 - levels[name]
             # The probe first: the kernel's time of its edge is never later
             # than the fault line's.
-            monitor.set_line(offsets[PROBE], 1 - levels[PROBE])
-            monitor.set_line(offsets[name], level)
-            levels[PROBE], levels[name] = 1 - levels[PROBE], level
+            flip(PROBE)
+            flip(words[1])
             time.sleep(int(words[3]) / 1000)
         return True
     return False
 
 
+def requests(console_path):
+    """The guest's requests as they appear in the console's file."""
+    with open(console_path, "rb") as console:
+        pending = b""
+        while True:
+            chunk = console.read()
+            if not chunk:
+                time.sleep(0.05)
+                continue
+            lines = (pending + chunk).split(b"\n")
+            pending = lines.pop()
+            for raw in lines:
+                # Kernel messages may share a line with a request.
+                at = raw.find(b"BOOTTEST request ")
+                if at >= 0:
+                    yield raw[at:].decode(errors="replace").split(None, 3)
+
+
 def drive(qmp_path, console_path, scenario_dir):
     monitor = Monitor(qmp_path)
     offsets = {name: n for n, name in enumerate(line_names())}
-    levels = dict(sim.fault_lines(), **{PROBE: 0})
+    levels = dict(sim.fault_lines(), **{PROBE: 0, ACK: 0})
     levels.update(sim.load(scenario_dir).get("gpio", {}).get("levels", {}))
     for name, level in levels.items():
         monitor.set_line(offsets[name], level)
-    if console_path == "-":
-        monitor.command("cont")
-        return
-    sock = connect(console_path)
-    console = sock.makefile("rb")
     monitor.command("cont")
-    for raw in console:
-        # Kernel messages may share a line with a request.
-        at = raw.find(b"BOOTTEST request ")
-        if at < 0:
-            continue
-        words = raw[at:].decode(errors="replace").split(None, 3)
-        if len(words) < 4:
-            continue
+    if console_path == "-":
+        return
+    while not os.path.exists(console_path):
+        time.sleep(0.1)
+    for words in requests(console_path):
         try:
-            reply = "ok %s" % words[2] if answer(
-                monitor, levels, offsets, words[3]) else \
-                "error %s unknown request" % words[2]
+            if len(words) == 4 and answer(monitor, levels, offsets, words[3]):
+                monitor.set_line(offsets[ACK], 1 - levels[ACK])
+                levels[ACK] = 1 - levels[ACK]
+                continue
+            print("board.py: unknown request %s" % words, file=sys.stderr)
         except RuntimeError as error:
-            reply = "error %s %s" % (words[2], error)
-        sock.sendall(reply.encode() + b"\n")
+            print("board.py: %s: %s" % (words, error), file=sys.stderr)
 
 
 def main():

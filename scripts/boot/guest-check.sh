@@ -26,18 +26,17 @@ show() { systemctl show -p "$1" --value "$unit"; }
 # The daemon's own lines of this boot, of every process the unit ran.
 daemon_lines() { journalctl -b -q _SYSTEMD_UNIT="$unit" _TRANSPORT=stdout "$@" -o cat; }
 # records PID [JOURNALCTL OPTION...]: the process's event records in the
-# journal's order, "ID|ARGS|MONOTONIC MICROSECONDS" a line.
+# journal's order, "ID|ARGS" a line.
 records() {
     of=$1
     shift
     journalctl -b -q _PID="$of" "$@" -o export |
-        awk -F = '$1 == "__MONOTONIC_TIMESTAMP" { at = $2 }
-            $1 == "REDFISH_MESSAGE_ID" { id = substr($0, 20) }
+        awk -F = '$1 == "REDFISH_MESSAGE_ID" { id = substr($0, 20) }
             $1 == "REDFISH_MESSAGE_ARGS" { args = substr($0, 22) }
             # An empty line ends an entry. The id is given without its
             # registry prefix.
-            $0 == "" { sub(/.*\./, "", id); if (id != "") print id "|" args "|" at
-                id = ""; args = ""; at = "" }'
+            $0 == "" { sub(/.*\./, "", id); if (id != "") print id "|" args
+                id = ""; args = "" }'
 }
 # The journal's newest entry, to read what comes after it.
 journal_cursor() { journalctl -b -q -n 1 -o export | sed -n 's/^__CURSOR=//p'; }
@@ -158,7 +157,7 @@ if [ "$jumper" = "i 1" ]; then ok jumper-level; else fail jumper-level "Status i
 # The regulator fault that stands from power-on on its line and its register
 # bit: reported once, by the start-up scan of the registers; the line,
 # watched from then on, sees no edge.
-standing=$(records "$pid" | grep -c '^TKRMBPW0131N|12V_PCIE_PWR1|')
+standing=$(records "$pid" | grep -c '^TKRMBPW0131N|12V_PCIE_PWR1$')
 if logged_by "$pid" "powerFaultDetect: bit VR_FAULT_3_N error" && [ "$standing" = 1 ]; then
     ok fault-at-start
 else
@@ -238,26 +237,26 @@ fi
 # 5. Edges of the fault lines, made by the emulator on the test's request:
 # each gives exactly the record the machine's fault line table says, or
 # none. The requests go to the board's driver (board.py drive) on the
-# console, the board's one serial port, and its answers come back on it.
-stty -F /dev/ttyS4 -echo clocal
-exec 3<>/dev/ttyS4
+# console, and the driver acknowledges each by an edge of BOOTTEST_ACK.
 request=0
-# board REQUEST...: the driver's answer is "ok".
+# held_by_gpiomon NAME: gpiomon waits on the line.
+held_by_gpiomon() { grep -Eq "\\($1 *\\|gpiomon" /sys/kernel/debug/gpio 2>/dev/null; }
+# board REQUEST...: true once the driver has carried it out.
 board() {
     request=$((request + 1))
-    printf 'BOOTTEST request %s %s\n' "$request" "$*" >&3
-    # In the foreground: the console may have become the test's controlling
-    # terminal, and a background reader of it would be stopped.
-    timeout --foreground 300 sh -c 'while IFS= read -r answer; do
-        case "$answer" in "ok $1") exit 0 ;; "error $1 "*) exit 1 ;; esac
-    done; exit 1' sh "$request" <&3
+    # shellcheck disable=SC2046
+    timeout 300 gpiomon --num-events=1 $(gpiofind BOOTTEST_ACK) >/dev/null 2>&1 &
+    acknowledged=$!
+    wait_until 30 held_by_gpiomon BOOTTEST_ACK
+    echo "BOOTTEST request $request $*"
+    wait "$acknowledged"
 }
 # The process the watchdog started, once its start-up records are written.
 pid=$(show MainPID)
 wait_until 300 logged_by "$pid" "Board discovery has ended"
 wait_until 120 monitoring "$pid"
 cursor=$(journal_cursor)
-since() { records "$pid" --after-cursor="$cursor" | cut -d '|' -f 1,2; }
+since() { records "$pid" --after-cursor="$cursor"; }
 has_records() { [ "$(since | grep -c .)" -ge "$1" ]; }
 wanted=""
 # edge NAME LEVEL [RECORD]: with a record, waits for it, so that the records
@@ -298,12 +297,11 @@ if [ -z "$why" ]; then ok fault-edges; else fail fault-edges "${why#; }"; fi
 # record (both the guest's monotonic clock).
 edges=120
 cursor=$(journal_cursor)
-probe_watched() { grep -q 'BOOTTEST_EDGE_PROBE|gpiomon' /sys/kernel/debug/gpio 2>/dev/null; }
 # shellcheck disable=SC2046
 timeout 600 gpiomon --num-events="$edges" --format='%s %n' $(gpiofind BOOTTEST_EDGE_PROBE) \
     >"$state/probe" 2>&1 &
 probe=$!
-wait_until 30 probe_watched || sleep 5
+wait_until 30 held_by_gpiomon BOOTTEST_EDGE_PROBE
 why=""
 board pulse CPU1_THERMTRIP "$edges" 250 || why="$why; the driver did not make the edges"
 wait "$probe" || why="$why; gpiomon saw no $edges edges: $(tail -2 "$state/probe")"
@@ -312,10 +310,12 @@ expected_burst=$(awk -v n="$edges" 'BEGIN { for (i = 1; i <= n; i++)
     print (i % 2 ? "TKRMBPU0001N" : "TKRMBPU2001I") "|1::" }')
 [ "$(since)" = "$expected_burst" ] || why="$why; the records are not the edges' in order"
 if [ -z "$why" ]; then
-    latencies=$(records "$pid" --after-cursor="$cursor" | cut -d '|' -f 3 | paste -d ' ' "$state/probe" - |
-        awk '{ printf "%.3f\n", ($3 * 1000 - ($1 * 1e9 + $2)) / 1e6 }' | sort -n)
+    # The records' times as the journal shows them, in seconds.
+    latencies=$(journalctl -b -q _PID="$pid" --after-cursor="$cursor" -o short-monotonic \
+        REDFISH_MESSAGE_ID=EventRegistry.1.0.TKRMBPU0001N REDFISH_MESSAGE_ID=EventRegistry.1.0.TKRMBPU2001I |
+        sed 's/^\[ *\([0-9.]*\)\].*/\1/' | paste -d ' ' "$state/probe" - |
+        awk '{ printf "%.3f\n", ($3 * 1e9 - ($1 * 1e9 + $2)) / 1e6 }' | sort -n)
     figure edge-to-record-edges "$edges"
-    echo "BOOTTEST debug $(head -2 "$state/probe" | tr '\n' ';') $(records "$pid" --after-cursor="$cursor" | head -2 | tr '\n' ';') $(printf '%s\n' "$latencies" | head -3 | tr '\n' ';') $(cat /proc/uptime)"
     figure edge-to-record-median-ms "$(printf '%s\n' "$latencies" | awk '{ v[NR] = $1 }
         END { print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }')"
     figure edge-to-record-worst-ms "$(printf '%s\n' "$latencies" | tail -1)"
@@ -324,7 +324,6 @@ else
     fail edge-timing "${why#; }"
 fi
 
-exec 3>&-
 
 # 7. A bus that has gone: the mux on the SoC's bus 2 unbound, so the links
 # to its channels lead nowhere; started again, the daemon says so for each
