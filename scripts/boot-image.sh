@@ -197,7 +197,8 @@ for m in "${board_modules[@]}"; do
         exit 1
     }
 done
-depmod -b "$modules" "$kernel_version"
+# depmod lives in the administrator's path, which a user's may not have.
+PATH=$PATH:/usr/sbin:/sbin depmod -b "$modules" "$kernel_version"
 mkdir -p "$layer/usr/lib"
 cp -r "$modules/lib/modules" "$layer/usr/lib/"
 mkdir -p "$layer/etc/modules-load.d"
