@@ -18,12 +18,23 @@ set -euo pipefail
 sysroot=/opt/hwtopod/sysroot-armhf
 say() { echo "install-armhf: $*"; }
 
-# What the build links, and what the emulated programs load.
+# What the build links, and what the emulated programs load. The C++
+# library's headers are those of the cross compiler's version, whichever
+# release of Debian it comes from.
+gcc_major=$(arm-linux-gnueabihf-g++ -dumpversion | cut -d. -f1)
 libraries=(
-    libc6-dev libstdc++-12-dev libsdbus-c++-dev libsystemd-dev
+    libc6-dev "libstdc++-$gcc_major-dev" libsdbus-c++-dev libsystemd-dev
     libgpiod-dev libgtest-dev libgmock-dev libboost-dev nlohmann-json3-dev
 )
 stamp="$sysroot/.hwtopod-packages"
+
+# alias_sources FILE: the machine's sources, as its own apt has read them,
+# each under the suite name (stable, oldstable...) its Release file gives.
+alias_sources() {
+    # shellcheck disable=SC2016
+    apt-get indextargets --format '$(REPO_URI) $(SUITE) $(COMPONENT)' 'Created-By: Packages' |
+        sort -u | sed 's/^/deb /' >"$1"
+}
 if [ "$(cat "$stamp" 2>/dev/null)" != "${libraries[*]}" ]; then
     state="$sysroot.apt"
     rm -rf "$state"
@@ -35,6 +46,15 @@ if [ "$(cat "$stamp" 2>/dev/null)" != "${libraries[*]}" ]; then
         -o Debug::NoLocking=1)
     # A failed index leaves the others usable; a missing package fails below.
     "${apt_armhf[@]}" update >"$state/update.log" 2>&1 || say "some armhf indexes did not download (see $state/update.log)"
+    # A mirror caught syncing serves an index its release's Release file
+    # does not describe yet; the release's other name (stable, testing) may
+    # still describe it: the same sources under that name are tried instead.
+    if grep -q 'Mirror sync in progress' "$state/update.log"; then
+        mkdir -p "$state/sources.list.d"
+        alias_sources "$state/sources.list"
+        apt_armhf+=(-o Dir::Etc::SourceList="$state/sources.list" -o Dir::Etc::SourceParts="$state/sources.list.d")
+        "${apt_armhf[@]}" update >>"$state/update.log" 2>&1 || say "the armhf indexes did not download under the release's other name either"
+    fi
     "${apt_armhf[@]}" install -y --download-only --no-install-recommends \
         "${libraries[@]}" >"$state/download.log" 2>&1 || {
         tail -20 "$state/download.log" >&2
