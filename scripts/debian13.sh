@@ -44,8 +44,10 @@ fi
 
 [ $# -gt 0 ] || set -- bash -i
 # A private /run and /tmp: the tests start their own bus daemons and, when
-# none listens, a journald, which then belong to this root alone.
-exec unshare --mount --propagation private -- bash -euc '
+# none listens, a journald, which then belong to this root alone. In a PID
+# namespace of its own, whatever the command leaves running (such a
+# journald) ends with it.
+exec unshare --mount --propagation private --pid --fork -- bash -euc '
     root=$1 top=$2
     shift 2
     mkdir -p "$root/$top"
@@ -56,8 +58,12 @@ exec unshare --mount --propagation private -- bash -euc '
     mount -t tmpfs tmpfs "$root/run"
     mount -t tmpfs tmpfs "$root/tmp"
     cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true
-    exec chroot "$root" env -i HOME=/root TERM="${TERM:-dumb}" \
+    # Not the last command, so that this shell stays process 1 and reaps
+    # what is orphaned.
+    status=0
+    chroot "$root" env -i HOME=/root TERM="${TERM:-dumb}" \
         PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
         LANG=C.UTF-8 CI="${CI:-}" HWTOPOD_FUZZ_RUNS="${HWTOPOD_FUZZ_RUNS:-}" \
-        bash -c "cd \"\$0\" && exec \"\$@\"" "$top" "$@"
+        bash -c "cd \"\$0\" && exec \"\$@\"" "$top" "$@" || status=$?
+    exit "$status"
 ' debian13 "$root" "$top" "$@"

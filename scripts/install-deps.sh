@@ -1,16 +1,20 @@
 #!/usr/bin/env bash
 # Installs everything needed to build, run and test hwtopod on a fresh Debian
-# (bookworm) machine. Safe to run again: packages already present are skipped.
+# (12, bookworm, or 13, trixie) machine. Safe to run again: packages already
+# present are skipped.
 # With --armhf also what the 32-bit ARM build and its emulated run need
 # (scripts/install-armhf.sh); with --boot that and what the boot test on the
-# emulated BMC board needs (scripts/boot-image.sh makes its cached system).
+# emulated BMC board needs (scripts/boot-image.sh makes its cached system);
+# with --debian13 what makes the Debian 13 root (scripts/debian13.sh).
 set -euo pipefail
 
 armhf=0
 boot=0
+debian13=0
 case "${1:-}" in
 --armhf) armhf=1 ;;
 --boot) armhf=1 boot=1 ;;
+--debian13) debian13=1 ;;
 esac
 
 packages=(
@@ -31,6 +35,10 @@ fi
 if [ "$boot" = 1 ]; then
     packages+=(mmdebstrap arch-test qemu-user-static qemu-system-arm cpio
         device-tree-compiler kmod)
+fi
+
+if [ "$debian13" = 1 ]; then
+    packages=(mmdebstrap)
 fi
 
 missing=()

@@ -177,10 +177,13 @@ def build_root(scenario, root, data_dir):
               "%d\n" % scenario["intrusion"])
 
 
-def build_gpio(scenario, gpio):
+def build_gpio(scenario, gpio, root):
     given = scenario.get("gpio", {})
     if given.get("lines") is None:
         return False
+    # The controller's device node, where the daemon looks for controllers
+    # itself (the newer GPIO library has no walk of its own).
+    write(os.path.join(root, "dev/gpiochip0"), "")
     levels = fault_lines()
     levels.update(given.get("levels", {}))
     os.makedirs(gpio, exist_ok=True)
@@ -199,7 +202,7 @@ def main():
     build_root(scenario, root, data_dir)
     build_images(scenario, os.path.join(sandbox, "fpga"))
     ready = build_vpdd(scenario, sandbox)
-    has_gpio = build_gpio(scenario, os.path.join(sandbox, "gpio"))
+    has_gpio = build_gpio(scenario, os.path.join(sandbox, "gpio"), root)
     edges = scenario.get("edges", [])
     write(os.path.join(sandbox, "edges.txt"),
           "".join("%s %s\n" % (line, edge) for line, edge in edges))

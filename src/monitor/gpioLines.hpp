@@ -4,6 +4,8 @@
 // the daemon goes to the kernel's GPIO character devices through libgpiod,
 // tests put a scripted controller here.
 
+#include "common/paths.hpp"
+
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -65,7 +67,8 @@ class FaultLineGpio
     virtual std::vector<GpioEdgeEvent> readEvents(unsigned offset) = 0;
 };
 
-// The kernel's GPIO controllers, through libgpiod.
-std::unique_ptr<FaultLineGpio> libgpiodLines();
+// The kernel's GPIO controllers, through libgpiod; their device nodes are
+// looked for under root.
+std::unique_ptr<FaultLineGpio> libgpiodLines(const Root& root);
 
 } // namespace hwtopod

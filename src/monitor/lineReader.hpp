@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/paths.hpp"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +22,6 @@ class LineReader
                                         const std::string& consumer) = 0;
 };
 
-std::shared_ptr<LineReader> libgpiodLineReader();
+std::shared_ptr<LineReader> libgpiodLineReader(const Root& root);
 
 } // namespace hwtopod

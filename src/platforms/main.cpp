@@ -11,7 +11,7 @@ int main()
 {
     logInfo() << "Halvex Intel BHS Platform: Mainstream 1U <Kelvane1u>";
     auto platform = std::make_shared<Platform::Kelvane1u>(
-        Platform::Seams{.root = hwtopod::Root::fromEnvironment()});
+        Platform::Seams::machine(hwtopod::Root::fromEnvironment()));
     std::thread hardware(Platform::hardwareThread, platform);
     std::thread service(Platform::serviceThread, platform);
     hardware.join();

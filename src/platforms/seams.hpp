@@ -17,9 +17,11 @@ namespace Platform
 struct Seams
 {
     // The fault lines, used by the monitor thread alone.
-    std::shared_ptr<hwtopod::FaultLineGpio> gpio = hwtopod::libgpiodLines();
+    std::shared_ptr<hwtopod::FaultLineGpio> gpio =
+        hwtopod::libgpiodLines(hwtopod::Root());
     // The security jumper's line, read once by the service thread.
-    std::shared_ptr<hwtopod::LineReader> jumper = hwtopod::libgpiodLineReader();
+    std::shared_ptr<hwtopod::LineReader> jumper =
+        hwtopod::libgpiodLineReader(hwtopod::Root());
     // The FPGA registers, read by the hardware thread alone.
     std::shared_ptr<hwtopod::RegisterAccess> registers =
         hwtopod::libraryRegisters();
@@ -27,6 +29,15 @@ struct Seams
     hwtopod::SleepFunction sleep = hwtopod::realSleep;
     // Where every absolute path is placed.
     hwtopod::Root root = hwtopod::Root();
+
+    // The machine's own seams, every absolute path placed under root: the
+    // GPIO controllers' device nodes too.
+    static Seams machine(const hwtopod::Root& root)
+    {
+        return Seams{.gpio = hwtopod::libgpiodLines(root),
+                     .jumper = hwtopod::libgpiodLineReader(root),
+                     .root = root};
+    }
 };
 
 } // namespace Platform

@@ -1,29 +1,16 @@
-// Stand-in of the GPIO line library for the simulator: a shared library with
-// the same soname and C calls, loaded ahead of the real one through
-// LD_LIBRARY_PATH, so that the daemon and the library's C++ binding run
-// unchanged on a machine without a GPIO controller.
-//
-// The environment variable HWTOPOD_SIM_GPIO names a directory:
-//   lines   one line per GPIO line, "<name> <level>", in offset order; all
-//           lines sit on one controller, "gpiochip0" with the label
-//           "fpga-gpio". Without the file there is no controller.
-//   edges   a FIFO; each written line "<name> rising|falling" becomes one
-//           edge event of that line and changes its level.
-// The format is described in docs/simulation.md.
+// Stand-in of the GPIO line library 1.6 for the simulator: a shared
+// library with the same soname and C calls, loaded ahead of the real one
+// through LD_LIBRARY_PATH, so that the daemon and the library's C++ binding
+// run unchanged on a machine without a GPIO controller. The controller it
+// serves is machine.hpp's.
 
-#include <fcntl.h>
+#include "machine.hpp"
+
 #include <gpiod.h>
 #include <poll.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <deque>
-#include <fstream>
-#include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -57,73 +44,7 @@ struct gpiod_line_iter
 
 namespace
 {
-
-constexpr const char* chipName = "gpiochip0";
-constexpr const char* chipLabel = "fpga-gpio";
-
-struct LineState
-{
-    std::string name;
-    int level = 0;
-    // Edges read from the FIFO and not yet taken by event reads.
-    std::deque<gpiod_line_event> pending;
-};
-
-// What all chip handles of the process share: the lines and their edges.
-struct Machine
-{
-    std::mutex mutex;
-    bool loaded = false;
-    bool present = false;
-    std::vector<LineState> lines;
-    int fifo = -1;
-    std::string partial;
-};
-
-Machine& machine()
-{
-    static Machine state;
-    return state;
-}
-
-std::string directory()
-{
-    const char* dir = std::getenv("HWTOPOD_SIM_GPIO");
-    return dir == nullptr ? std::string() : std::string(dir);
-}
-
-// Reads the line file once. Called with the mutex held.
-void load(Machine& m)
-{
-    if (m.loaded)
-    {
-        return;
-    }
-    m.loaded = true;
-    const auto dir = directory();
-    if (dir.empty())
-    {
-        return;
-    }
-    std::ifstream file(dir + "/lines");
-    if (!file)
-    {
-        return;
-    }
-    m.present = true;
-    std::string text;
-    while (std::getline(file, text))
-    {
-        std::istringstream fields(text);
-        LineState line;
-        if (!(fields >> line.name) || line.name.front() == '#')
-        {
-            continue;
-        }
-        fields >> line.level;
-        m.lines.push_back(std::move(line));
-    }
-}
+using namespace simgpio;
 
 bool present()
 {
@@ -131,69 +52,6 @@ bool present()
     std::lock_guard lock(m.mutex);
     load(m);
     return m.present;
-}
-
-// Opens the edge FIFO for reading and writing, so that it never reports an
-// end of file when a writer goes. Called with the mutex held.
-int edgeFifo(Machine& m)
-{
-    if (m.fifo < 0)
-    {
-        const auto path = directory() + "/edges";
-        m.fifo = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    }
-    return m.fifo;
-}
-
-void applyEdge(Machine& m, const std::string& text)
-{
-    std::istringstream fields(text);
-    std::string name;
-    std::string edge;
-    if (!(fields >> name >> edge))
-    {
-        return;
-    }
-    for (auto& line : m.lines)
-    {
-        if (line.name != name)
-        {
-            continue;
-        }
-        gpiod_line_event event{};
-        ::clock_gettime(CLOCK_MONOTONIC, &event.ts);
-        event.event_type = edge == "rising" ? GPIOD_LINE_EVENT_RISING_EDGE
-                                            : GPIOD_LINE_EVENT_FALLING_EDGE;
-        line.level = edge == "rising" ? 1 : 0;
-        line.pending.push_back(event);
-        return;
-    }
-}
-
-// Takes whatever the FIFO holds. Called with the mutex held.
-void drainFifo(Machine& m)
-{
-    const int fd = edgeFifo(m);
-    if (fd < 0)
-    {
-        return;
-    }
-    char buffer[4096];
-    while (true)
-    {
-        const auto got = ::read(fd, buffer, sizeof(buffer));
-        if (got <= 0)
-        {
-            break;
-        }
-        m.partial.append(buffer, static_cast<std::size_t>(got));
-    }
-    std::size_t end = 0;
-    while ((end = m.partial.find('\n')) != std::string::npos)
-    {
-        applyEdge(m, m.partial.substr(0, end));
-        m.partial.erase(0, end + 1);
-    }
 }
 
 gpiod_chip* newChip()
@@ -214,14 +72,6 @@ gpiod_chip* newChip()
         chip->lines[i].offset = i;
     }
     return chip;
-}
-
-bool isThisChip(const char* text)
-{
-    return text != nullptr &&
-           (std::strcmp(text, chipName) == 0 ||
-            std::strcmp(text, "/dev/gpiochip0") == 0 ||
-            std::strcmp(text, chipLabel) == 0 || std::strcmp(text, "0") == 0);
 }
 
 int requestLines(gpiod_line_bulk* bulk, const gpiod_line_request_config* config,
@@ -691,7 +541,10 @@ int gpiod_line_event_read_multiple(struct gpiod_line* line,
     unsigned int count = 0;
     while (count < num_events && !pending.empty())
     {
-        events[count++] = pending.front();
+        const Edge& edge = pending.front();
+        events[count++] = gpiod_line_event{
+            edge.time, edge.rising ? GPIOD_LINE_EVENT_RISING_EDGE
+                                   : GPIOD_LINE_EVENT_FALLING_EDGE};
         pending.pop_front();
     }
     return static_cast<int>(count);

@@ -1,5 +1,10 @@
-#include "gpioLines.hpp"
+// The GPIO line seams over libgpiod 1.6: the library walks the controllers
+// itself, so the root of the daemon's paths is not needed here.
 
+#include "gpioLines.hpp"
+#include "lineReader.hpp"
+
+#include <gpiod.h>
 #include <poll.h>
 
 #include <gpiod.hpp>
@@ -122,11 +127,42 @@ class GpiodFaultLines : public FaultLineGpio
     gpiod::line_bulk changed;
 };
 
+class GpiodLineReader : public LineReader
+{
+  public:
+    std::optional<int> readOnce(const std::string& lineName,
+                                const std::string& consumer) override
+    {
+        gpiod_line* line = gpiod_line_find(lineName.c_str());
+        if (line == nullptr)
+        {
+            return std::nullopt;
+        }
+        if (gpiod_line_is_requested(line))
+        {
+            gpiod_line_release(line);
+        }
+        int value = -1;
+        if (gpiod_line_request_input(line, consumer.c_str()) == 0)
+        {
+            value = gpiod_line_get_value(line);
+        }
+        gpiod_line_release(line);
+        gpiod_line_close_chip(line);
+        return value;
+    }
+};
+
 } // namespace
 
-std::unique_ptr<FaultLineGpio> libgpiodLines()
+std::unique_ptr<FaultLineGpio> libgpiodLines(const Root& /*root*/)
 {
     return std::make_unique<GpiodFaultLines>();
+}
+
+std::shared_ptr<LineReader> libgpiodLineReader(const Root& /*root*/)
+{
+    return std::make_shared<GpiodLineReader>();
 }
 
 } // namespace hwtopod
