@@ -6,22 +6,25 @@
 #   scripts/boot-image.sh --interactive  # boot by hand, log in as root on ttyS4
 #   scripts/boot-image.sh --base         # only make the cached base system
 #
-# The base system (Debian's systemd, dbus and the daemon's runtime libraries,
-# made with mmdebstrap) and Debian's armmp-lpae kernel with the board's
-# device tree are cached in $HWTOPOD_BOOT_CACHE (default
-# /opt/hwtopod/boot-armhf) and made again when missing or when the package
-# list below changes. Each run installs the 32-bit ARM build
-# ($HWTOPOD_BUILD_DIR, default ./build-armhf, configured with the prefix /usr
-# and built when needed) into a second layer with `meson install --destdir`, adds the
-# stand-ins of the platform's FPGA library and sibling services as units, and
-# boots the two layers as one initramfs: the whole system lives in RAM, so no
-# flash or disk driver is needed. The fault lines and the jumper are lines
-# of the SoC's own GPIO controller, driven from the emulator's monitor, and
-# the I2C buses the rule files name are the kernel's, partly behind emulated
-# muxes (scripts/boot/board.py); the daemon uses Debian's GPIO library. The test unit in the guest prints
-# "BOOTTEST ok|fail <check>" and "BOOTTEST figure <name> <value>" lines on
-# the serial console and ends with "BOOTTEST done". Needs root (the base
-# system keeps its owners) and the packages of install-deps.sh --boot.
+# The base system (Debian 13's systemd, dbus and the daemon's runtime
+# libraries, made with mmdebstrap) and Debian 13's armmp-lpae kernel with
+# the board's device tree are cached in $HWTOPOD_BOOT_CACHE (default
+# /opt/hwtopod/boot-trixie-armhf) and made again when missing or when the
+# package list below changes. Each run builds the daemon for 32-bit ARM
+# against Debian 13's libraries in the Debian 13 root (scripts/debian13.sh;
+# $HWTOPOD_BUILD_DIR, default ./build-armhf-trixie, inside the checkout,
+# configured with the prefix /usr and built when needed), installs it into a
+# second layer with `meson install --destdir`, adds the stand-ins of the
+# platform's FPGA library and sibling services as units, and boots the two
+# layers as one initramfs: the whole system lives in RAM, so no flash or
+# disk driver is needed. The fault lines and the jumper are lines of the
+# SoC's own GPIO controller, driven from the emulator's monitor, and the I2C
+# buses the rule files name are the kernel's, partly behind emulated muxes
+# (scripts/boot/board.py); the daemon uses Debian's GPIO library. The test
+# unit in the guest prints "BOOTTEST ok|fail <check>" and "BOOTTEST figure
+# <name> <value>" lines on the serial console and ends with "BOOTTEST done".
+# Needs root (the base system keeps its owners) and the packages of
+# install-deps.sh --boot (mmdebstrap among them, for the Debian 13 root).
 # HWTOPOD_BOOT_OVERLAY names a directory whose files are laid over the image
 # last, to try a change in the guest (a drop-in, a policy) without a
 # rebuild; HWTOPOD_BOOT_LOG a file to keep the console's output in;
@@ -31,8 +34,8 @@ set -euo pipefail
 umask 022
 
 top=$(cd "$(dirname "$0")/.." && pwd)
-cache=${HWTOPOD_BOOT_CACHE:-/opt/hwtopod/boot-armhf}
-build=${HWTOPOD_BUILD_DIR:-$top/build-armhf}
+cache=${HWTOPOD_BOOT_CACHE:-/opt/hwtopod/boot-trixie-armhf}
+build=${HWTOPOD_BUILD_DIR:-$top/build-armhf-trixie}
 # Seconds the whole boot test may take under emulation on a loaded machine.
 boot_timeout=${HWTOPOD_BOOT_TIMEOUT:-900}
 say() { echo "boot-image: $*" >&2; }
@@ -43,7 +46,7 @@ case "${1:-}" in
 --interactive) mode=interactive ;;
 --base) mode=base ;;
 -h | --help)
-    sed -n '2,25p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,31p' "$0" | sed 's/^# \{0,1\}//'
     exit 0
     ;;
 *)
@@ -57,9 +60,12 @@ esac
 # for the board's drivers, and the GPIO library's tools, with which the test
 # times edges as the kernel sees them.
 guest_packages=(
-    systemd systemd-sysv dbus libsdbus-c++1 libgpiod2
+    systemd systemd-sysv dbus libsdbus-c++2 libgpiod3
     libsystemd0 libstdc++6 kmod gpiod
 )
+# The release the guest runs, and whose libraries the daemon is built
+# against (in the Debian 13 root, scripts/debian13.sh).
+suite=trixie
 # The kernel's drivers of the board's GPIO controller, I2C buses and muxes,
 # which Debian builds as modules.
 board_modules=(gpio-aspeed i2c-aspeed i2c-mux i2c-mux-pca954x)
@@ -82,9 +88,17 @@ debian_mirror() {
     [ -n "$uri" ] || uri=$(awk '$1 == "deb" { print $2; exit }' /etc/apt/sources.list 2>/dev/null)
     echo "${HWTOPOD_BOOT_MIRROR:-${uri%% *}}"
 }
+# suite_alias SUITE: the other name (stable, testing) the mirror's Release
+# file gives the release.
+suite_alias() {
+    python3 -c 'import sys, urllib.request
+for line in urllib.request.urlopen(sys.argv[1] + "/dists/" + sys.argv[2] + "/Release", timeout=60):
+    if line.startswith(b"Suite:"):
+        print(line.split()[1].decode())' "$(debian_mirror)" "$1"
+}
 
 make_base() {
-    local stamp="${guest_packages[*]} $kernel_package"
+    local stamp="$suite ${guest_packages[*]} $kernel_package"
     if [ "$(cat "$cache/stamp" 2>/dev/null)" = "$stamp" ] &&
         [ -s "$cache/base.cpio.gz" ] && [ -s "$cache/vmlinuz" ] && [ -s "$cache/kernel.deb" ] &&
         [ -s "$cache/$board_dtb" ]; then
@@ -94,26 +108,38 @@ make_base() {
     rm -rf "$cache"
     mkdir -p "$cache"
     local rootfs="$cache/rootfs" kernel="$cache/kernel"
-    # The host runs ARM programs through a binfmt entry whose interpreter is
-    # looked up inside the chroot: a static emulator is put there for the
-    # maintainer scripts and taken out again.
-    mmdebstrap --arch=armhf --variant=minbase \
-        --include="$(
-            IFS=,
-            echo "${guest_packages[*]}"
-        )" \
-        --dpkgopt='path-exclude=/usr/share/doc/*' \
-        --dpkgopt='path-exclude=/usr/share/man/*' \
-        --dpkgopt='path-exclude=/usr/share/info/*' \
-        --dpkgopt='path-exclude=/usr/share/locale/*' \
-        --setup-hook='mkdir -p "$1/usr/bin" && cp /usr/bin/qemu-arm-static "$1/usr/bin/qemu-arm"' \
-        --customize-hook='chroot "$1" passwd -d root' \
-        --customize-hook='echo hwtopod-bmc >"$1/etc/hostname"' \
-        --customize-hook="chroot \"\$1\" sh -c 'cd /tmp && apt-get download -q \$(apt-cache depends $kernel_package | sed -n \"s/.*Depends: \\(linux-image-.*\\)/\\1/p\")'" \
-        --customize-hook='mv "$1"/tmp/linux-image-*.deb "$1/.."/' \
-        --customize-hook='rm -f "$1/usr/bin/qemu-arm"' \
-        --customize-hook='rm -rf "$1"/var/cache/apt/* "$1"/var/lib/apt/lists/*' \
-        bookworm "$rootfs" "deb $(debian_mirror) bookworm main" >"$cache/mmdebstrap.log" 2>&1 || {
+    # bootstrap_from NAME: the system, from the mirror's release of that
+    # name. The host runs ARM programs through a binfmt entry whose
+    # interpreter is looked up inside the chroot: a static emulator is put
+    # there for the maintainer scripts and taken out again.
+    bootstrap_from() {
+        rm -rf "$rootfs"
+        mmdebstrap --arch=armhf --variant=minbase \
+            --include="$(
+                IFS=,
+                echo "${guest_packages[*]}"
+            )" \
+            --dpkgopt='path-exclude=/usr/share/doc/*' \
+            --dpkgopt='path-exclude=/usr/share/man/*' \
+            --dpkgopt='path-exclude=/usr/share/info/*' \
+            --dpkgopt='path-exclude=/usr/share/locale/*' \
+            --setup-hook='mkdir -p "$1/usr/bin" && cp /usr/bin/qemu-arm-static "$1/usr/bin/qemu-arm"' \
+            --customize-hook='chroot "$1" passwd -d root' \
+            --customize-hook='echo hwtopod-bmc >"$1/etc/hostname"' \
+            --customize-hook="chroot \"\$1\" sh -c 'cd /tmp && apt-get download -q \$(apt-cache depends $kernel_package | sed -n \"s/.*Depends: \\(linux-image-.*\\)/\\1/p\")'" \
+            --customize-hook='mv "$1"/tmp/linux-image-*.deb "$1/.."/' \
+            --customize-hook='rm -f "$1/usr/bin/qemu-arm"' \
+            --customize-hook='rm -rf "$1"/var/cache/apt/* "$1"/var/lib/apt/lists/*' \
+            "$1" "$rootfs" "deb $(debian_mirror) $1 main" >>"$cache/mmdebstrap.log" 2>&1
+    }
+    # A mirror caught syncing serves an index that its release's Release
+    # file does not describe yet; the release's other name may still
+    # describe it.
+    : >"$cache/mmdebstrap.log"
+    bootstrap_from "$suite" || {
+        grep -q 'Mirror sync in progress' "$cache/mmdebstrap.log" &&
+            bootstrap_from "$(suite_alias "$suite")"
+    } || {
         tail -30 "$cache/mmdebstrap.log" >&2
         say "mmdebstrap failed (log in $cache/mmdebstrap.log)"
         exit 1
@@ -136,18 +162,35 @@ make_base() {
 make_base
 [ "$mode" = base ] && exit 0
 
-# The 32-bit ARM build, configured and built when missing. Installed as an
-# image installs it, under /usr: the system bus reads policies from
-# /usr/share/dbus-1/system.d, not from below /usr/local.
-if [ ! -f "$build/build.ninja" ]; then
-    meson setup "$build" "$top" --cross-file "$top/cross/arm-linux-gnueabihf.ini" \
-        -Dwerror=true --prefix=/usr >&2
-elif ! meson introspect --buildoptions "$build" |
-    python3 -c 'import json, sys; sys.exit(not any(o["name"] == "prefix" and o["value"] == "/usr" for o in json.load(sys.stdin)))'; then
-    say "configuring $build with the prefix /usr"
-    meson configure "$build" --prefix=/usr >&2
-fi
-ninja -C "$build" >&2
+# The 32-bit ARM build against the guest's release: configured, built and
+# installed in the Debian 13 root (scripts/debian13.sh), with that
+# release's cross compiler and armhf libraries, which install-deps.sh
+# --armhf adds there when missing; the root sees the checkout only, so the
+# build directory is in it. Installed as an image installs it, under /usr:
+# the system bus reads policies from /usr/share/dbus-1/system.d, not from
+# below /usr/local. The tests are the other stages'.
+case "$build/" in
+"$top"/*) ;;
+*)
+    say "the build directory $build is not inside the checkout $top"
+    exit 2
+    ;;
+esac
+# shellcheck disable=SC2016
+"$top/scripts/debian13.sh" bash -euc '
+    build=$1
+    bash scripts/install-deps.sh --armhf >"$build.deps.log" 2>&1 || {
+        tail -30 "$build.deps.log"
+        exit 1
+    }
+    if [ ! -f "$build/build.ninja" ]; then
+        meson setup "$build" . --cross-file cross/arm-linux-gnueabihf.ini \
+            -Dwerror=true -Dtests=disabled --prefix=/usr
+    fi
+    ninja -C "$build" -j 2
+    rm -rf "$build/image"
+    DESTDIR="$build/image" meson install -C "$build" --no-rebuild --quiet
+' boot-image "$build" >&2
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/hwtopod-boot.XXXXXX")
 qemu_pid=""
@@ -160,7 +203,7 @@ trap cleanup EXIT
 
 # The second layer: the daemon as an image installs it, and the stand-ins.
 layer="$work/layer"
-DESTDIR="$layer" meson install -C "$build" --no-rebuild --quiet >&2
+mv "$build/image" "$layer"
 sim="$layer/usr/lib/hwtopod-sim"
 mkdir -p "$sim" "$layer/etc/systemd/system/multi-user.target.wants" \
     "$layer/usr/share/dbus-1/system.d"
@@ -181,26 +224,29 @@ python3 "$top/sim/scenario.py" "$scenario" "$work/scenario" "$top/data"
 cp -r "$work/scenario/fpga" "$work/scenario/vpdd.json" "$sim/"
 cp "$work/scenario/root/etc/os-release" "$layer/etc/os-release"
 # The board's drivers, loaded by systemd-modules-load before any service.
-# They go to /usr/lib/modules: a directory /lib in the layer would replace
-# the base system's link to /usr/lib as the kernel unpacks it.
+# The kernel package keeps them, compressed, in /usr/lib/modules, where
+# the guest's kmod finds them.
 kernel_version=$(dpkg-deb -f "$cache/kernel.deb" Package | sed 's/^linux-image-//')
 modules="$work/modules"
 mkdir -p "$modules"
+in_package="./usr/lib/modules/$kernel_version"
+# shellcheck disable=SC2046
 dpkg-deb --fsys-tarfile "$cache/kernel.deb" |
     tar -x -C "$modules" --wildcards --no-wildcards-match-slash \
-        "./lib/modules/$kernel_version/modules.*" \
-        $(printf "./lib/modules/$kernel_version/kernel/drivers/*/%s.ko " "${board_modules[@]}") \
-        $(printf "./lib/modules/$kernel_version/kernel/drivers/*/*/%s.ko " "${board_modules[@]}") 2>/dev/null || true
+        "$in_package/modules.*" \
+        $(printf "$in_package/kernel/drivers/*/%s.ko* " "${board_modules[@]}") \
+        $(printf "$in_package/kernel/drivers/*/*/%s.ko* " "${board_modules[@]}") 2>/dev/null || true
 for m in "${board_modules[@]}"; do
-    [ -n "$(find "$modules" -name "$m.ko")" ] || {
+    [ -n "$(find "$modules" -name "$m.ko*")" ] || {
         say "the kernel package has no module $m"
         exit 1
     }
 done
-# depmod lives in the administrator's path, which a user's may not have.
-PATH=$PATH:/usr/sbin:/sbin depmod -b "$modules" "$kernel_version"
+# depmod lives in the administrator's path, which a user's may not have;
+# its base directory is the one above lib/modules.
+PATH=$PATH:/usr/sbin:/sbin depmod -b "$modules/usr" "$kernel_version"
 mkdir -p "$layer/usr/lib"
-cp -r "$modules/lib/modules" "$layer/usr/lib/"
+cp -r "$modules/usr/lib/modules" "$layer/usr/lib/"
 mkdir -p "$layer/etc/modules-load.d"
 printf '%s\n' "${board_modules[@]}" >"$layer/etc/modules-load.d/hwtopod-board.conf"
 python3 "$top/scripts/boot/board.py" dtb "$cache/$board_dtb" "$work/board.dtb" "$scenario"

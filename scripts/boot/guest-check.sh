@@ -244,8 +244,7 @@ held_by_gpiomon() { grep -Eq "\\($1 *\\|gpiomon" /sys/kernel/debug/gpio 2>/dev/n
 # board REQUEST...: true once the driver has carried it out.
 board() {
     request=$((request + 1))
-    # shellcheck disable=SC2046
-    timeout 300 gpiomon --num-events=1 $(gpiofind BOOTTEST_ACK) >/dev/null 2>&1 &
+    timeout 300 gpiomon --num-events=1 BOOTTEST_ACK >/dev/null 2>&1 &
     acknowledged=$!
     wait_until 30 held_by_gpiomon BOOTTEST_ACK
     echo "BOOTTEST request $request $*"
@@ -294,11 +293,10 @@ if [ -z "$why" ]; then ok fault-edges; else fail fault-edges "${why#; }"; fi
 # 6. The time from an edge to its record: the driver flips the probe line
 # and then CPU1_THERMTRIP, 120 times 250 ms apart; the kernel's time of
 # each probe edge, as gpiomon reads it, against the journal's time of the
-# record (both the guest's monotonic clock).
+# record (both the guest's monotonic clock, in seconds).
 edges=120
 cursor=$(journal_cursor)
-# shellcheck disable=SC2046
-timeout 600 gpiomon --num-events="$edges" --format='%s %n' $(gpiofind BOOTTEST_EDGE_PROBE) \
+timeout 600 gpiomon --num-events="$edges" --format='%S' BOOTTEST_EDGE_PROBE \
     >"$state/probe" 2>&1 &
 probe=$!
 wait_until 30 held_by_gpiomon BOOTTEST_EDGE_PROBE
@@ -314,7 +312,7 @@ if [ -z "$why" ]; then
     latencies=$(journalctl -b -q _PID="$pid" --after-cursor="$cursor" -o short-monotonic \
         REDFISH_MESSAGE_ID=EventRegistry.1.0.TKRMBPU0001N REDFISH_MESSAGE_ID=EventRegistry.1.0.TKRMBPU2001I |
         sed 's/^\[ *\([0-9.]*\)\].*/\1/' | paste -d ' ' "$state/probe" - |
-        awk '{ printf "%.3f\n", ($3 * 1e9 - ($1 * 1e9 + $2)) / 1e6 }' | sort -n)
+        awk '{ printf "%.3f\n", ($2 - $1) * 1e3 }' | sort -n)
     figure edge-to-record-edges "$edges"
     figure edge-to-record-median-ms "$(printf '%s\n' "$latencies" | awk '{ v[NR] = $1 }
         END { print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }')"
