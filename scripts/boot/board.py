@@ -44,9 +44,9 @@ PROBE = "BOOTTEST_EDGE_PROBE"
 ACK = "BOOTTEST_ACK"
 GPIO = "/ahb/apb/gpio@1e780000"
 GPIO_QOM = "/machine/soc/gpio"
-I2C = "/ahb/apb/bus@1e78a000"
-# The SoC's buses in the order of their aliases i2c0, i2c1 and so on.
-I2C_BUSES = ["i2c-bus@%x" % (0x80 * (n + 1)) for n in range(16)]
+# The SoC's I2C buses, found by their aliases i2c0 to i2c15: kernels name
+# their nodes differently.
+I2C_BUSES = 16
 FIRST_MUX_BUS = 30
 MUX_ADDRESS = 0x70
 PIN_GROUPS = [chr(ord("A") + n) for n in range(26)]
@@ -74,16 +74,20 @@ def make_dtb(source, target, scenario_dir):
     def put(*args):
         subprocess.run(["fdtput", target] + list(args), check=True)
 
+    def soc_bus_node(n):
+        return subprocess.run(["fdtget", "-t", "s", target, "/aliases", "i2c%d" % n],
+                              check=True, capture_output=True, text=True).stdout.strip()
+
     put("-t", "s", GPIO, "gpio-line-names", *line_names())
     # The evaluation board's I2C buses claim pins through the pin controller,
     # some of which carry the lines here, and a claimed pin is refused to a
     # GPIO request; the emulated buses need no pin muxing.
-    for bus in I2C_BUSES:
+    for n in range(I2C_BUSES):
         for name in ("pinctrl-0", "pinctrl-names"):
-            subprocess.run(["fdtput", "-d", target, "%s/%s" % (I2C, bus), name],
+            subprocess.run(["fdtput", "-d", target, soc_bus_node(n), name],
                            check=False, stderr=subprocess.DEVNULL)
     for soc_bus in muxes(scenario_dir):
-        bus = "%s/%s" % (I2C, I2C_BUSES[soc_bus])
+        bus = soc_bus_node(soc_bus)
         mux = "%s/i2c-mux@%x" % (bus, MUX_ADDRESS)
         put("-t", "s", bus, "status", "okay")
         put("-c", mux)
