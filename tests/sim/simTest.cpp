@@ -53,6 +53,10 @@ TEST(Simulator, HealthyMachineIsFoundAsBuilt)
     // which the daemon's threads wrote their records.
     report.erase("simulation");
     report["service"]["pid"] = nullptr;
+    for (auto& event : report["events"])
+    {
+        event.erase("pid");
+    }
     const std::regex sandbox("^.*/root/sys/");
     auto unsandbox = [&sandbox](json& i2c) {
         i2c["target"] = std::regex_replace(i2c["target"].get<std::string>(),
@@ -167,6 +171,19 @@ TEST(Simulator, RestartReadsTheObjectsThatExist)
                 Contains("call GetManagedObjects"));
     // The VPD service was up when the platform facts were published.
     EXPECT_EQ(report["platform"]["HardwareRevision"], 2);
+    // Killed and started again: the records of both processes, the killed
+    // one's first, each start's the same.
+    std::vector<json> writers;
+    for (const auto& event : report["events"])
+    {
+        if (writers.empty() || writers.back() != event["pid"])
+        {
+            writers.push_back(event["pid"]);
+        }
+    }
+    ASSERT_EQ(writers.size(), 2U);
+    EXPECT_EQ(writers[1], report["service"]["pid"]);
+    EXPECT_EQ(report["events"].size(), 2 * healthyReport()["events"].size());
 }
 
 TEST(Simulator, RestartWaitsForALateVpdService)
