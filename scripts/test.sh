@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every check CI runs: the test
-# suite in a normal build, again under AddressSanitizer and
-# UndefinedBehaviorSanitizer, again under ThreadSanitizer, and again
-# cross-built for 32-bit ARM under emulation; that build booted as a system
-# service on the emulated BMC board; then each fuzz target on its corpus and
-# a fixed number of runs. Ends with one line "N passed, N failed".
+# Installs what is missing, builds, and runs every check CI runs, stage by
+# stage (docs/testing.md says what each covers): the whole suite in a normal
+# build on this Debian; the house style; the suite's unit and daemon tests
+# again under AddressSanitizer and UndefinedBehaviorSanitizer, and under
+# ThreadSanitizer; the 32-bit ARM build, its unit and daemon tests under
+# emulation; the whole suite again in a Debian 13 root, against the newer
+# generation of the GPIO and D-Bus libraries; the ARM build booted as a
+# system service on the emulated BMC board; then each fuzz target on its
+# corpus and a fixed number of runs. Each stage prints its time. Ends with
+# one line "N passed, N failed".
 set -uo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -19,30 +23,44 @@ sudo_if_needed bash scripts/install-deps.sh || exit 1
 
 passed=0
 failed=0
+run_started=$SECONDS
 
-# run_suite NAME BUILD_DIR MESON_OPTIONS...
+# stage NAME: marks the start of a stage; the previous one's time is printed.
+stage_name=""
+stage_started=$SECONDS
+stage() {
+    if [ -n "$stage_name" ]; then
+        echo "=== time: $stage_name $((SECONDS - stage_started)) s"
+    fi
+    stage_name=$1
+    stage_started=$SECONDS
+}
+
+# run_suite NAME BUILD_DIR MESON_OPTIONS...: configures (once), builds and
+# tests. suite_test_args: more options for meson test, split into words;
+# in_root: a command that every step runs under (the Debian 13 root).
+in_root=()
 run_suite() {
     local name=$1 dir=$2
     shift 2
     echo "=== $name: configure and build ($dir)"
     if [ ! -f "$dir/build.ninja" ]; then
-        if ! meson setup "$dir" "$@" >"$dir.setup.log" 2>&1; then
+        if ! "${in_root[@]}" meson setup "$dir" "$@" >"$dir.setup.log" 2>&1; then
             cat "$dir.setup.log"
             echo "=== $name: configure failed"
             failed=$((failed + 1))
             return
         fi
     fi
-    if ! ninja -C "$dir" >"$dir.build.log" 2>&1; then
+    if ! "${in_root[@]}" ninja -C "$dir" >"$dir.build.log" 2>&1; then
         tail -50 "$dir.build.log"
         echo "=== $name: build failed"
         failed=$((failed + 1))
         return
     fi
     echo "=== $name: tests"
-    # suite_test_args: more options for meson test, split into words.
     # shellcheck disable=SC2086
-    meson test -C "$dir" --print-errorlogs --num-processes 1 ${suite_test_args:-} 2>&1 | tee "$dir.test.log" | grep -E '^ *[0-9]+/[0-9]+ |^(Ok|Fail|Expected Fail|Unexpected Pass|Skipped|Timeout):'
+    "${in_root[@]}" meson test -C "$dir" --print-errorlogs --num-processes 1 ${suite_test_args:-} 2>&1 | tee "$dir.test.log" | grep -E '^ *[0-9]+/[0-9]+ |^(Ok|Fail|Expected Fail|Unexpected Pass|Skipped|Timeout):'
     local ok fail timeout
     ok=$(grep -E '^Ok:' "$dir.test.log" | awk '{print $2}')
     fail=$(grep -E '^Fail:' "$dir.test.log" | awk '{print $2}')
@@ -56,9 +74,11 @@ run_suite() {
     failed=$((failed + ${fail:-0} + ${timeout:-0}))
 }
 
+stage "normal"
 run_suite "normal" build-ci -Dwerror=true
 # The house style on the normal build's compile commands: clang-format on
 # every C++ file and clang-tidy on the sources, one test each.
+stage "static checks"
 echo "=== static checks (build-ci)"
 if [ -f build-ci/compile_commands.json ]; then
     static_log=build-ci.static.log
@@ -72,7 +92,13 @@ else
     failed=$((failed + 1))
 fi
 
-run_suite "address+undefined sanitizers" build-asan -Dwerror=true \
+# The sanitizer builds and the emulated ARM build run every suite but the
+# simulator's: its scenarios drive the same daemon code as the daemon tests
+# here, through many more runs of the whole daemon, and take most of a
+# suite's time; they run in the normal build of both Debian generations.
+stage "address+undefined sanitizers"
+suite_test_args="--no-suite sim" run_suite "address+undefined sanitizers" \
+    build-asan -Dwerror=true \
     -Db_sanitize=address,undefined -Db_lundef=false -Dbuildtype=debug
 
 # The ThreadSanitizer build uses clang: gcc refuses the atomic fences of the
@@ -83,7 +109,9 @@ tsan_reports="$top/build-tsan.reports"
 rm -rf "$tsan_reports"
 mkdir -p "$tsan_reports"
 export TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 log_path=$tsan_reports/report suppressions=$top/scripts/tsan.supp"
-CC=clang CXX=clang++ run_suite "thread sanitizer" build-tsan -Dwerror=true \
+stage "thread sanitizer"
+CC=clang CXX=clang++ suite_test_args="--no-suite sim" run_suite \
+    "thread sanitizer" build-tsan -Dwerror=true \
     -Db_sanitize=thread -Db_lundef=false -Dbuildtype=debug
 unset TSAN_OPTIONS
 if [ -n "$(ls -A "$tsan_reports")" ]; then
@@ -94,16 +122,45 @@ fi
 
 # The 32-bit ARM target: cross-built against the armhf sysroot, its tests,
 # and the daemon and stand-ins they start, run under user-mode emulation
-# (the bus daemon and journald stay native). The whole suite runs: emulated,
-# it takes about six minutes, most of them the simulator tests; the longer
-# time limits allow for a loaded machine. The prefix is an image's, as the
-# boot test below installs this build.
+# (the bus daemon and journald stay native). The simulator's suite is left
+# out: emulated it took most of ten minutes, and the boot test below runs
+# this build's daemon on the emulated board for real. The prefix is an
+# image's, as the boot test installs this build.
+stage "armhf (emulated)"
 if sudo_if_needed bash scripts/install-deps.sh --armhf >build-armhf.deps.log 2>&1; then
-    suite_test_args="--timeout-multiplier 4" run_suite "armhf (emulated)" \
-        build-armhf --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true --prefix=/usr
+    suite_test_args="--timeout-multiplier 4 --no-suite sim" run_suite \
+        "armhf (emulated)" build-armhf \
+        --cross-file cross/arm-linux-gnueabihf.ini -Dwerror=true --prefix=/usr
 else
     cat build-armhf.deps.log
     echo "=== armhf: could not install the cross tools and sysroot"
+    failed=$((failed + 1))
+fi
+
+# Debian 13, as a new user meets the project there: a plain Debian 13 root
+# (scripts/debian13.sh, cached like the boot system), in which
+# install-deps.sh installs what is missing; then the normal build with the
+# newer generation of the GPIO and D-Bus libraries, the whole suite with the
+# image-only build check, and the simulator's healthy machine.
+stage "debian 13"
+if sudo_if_needed bash scripts/install-deps.sh --debian13 >build-d13.deps.log 2>&1 &&
+    sudo_if_needed bash scripts/debian13.sh bash scripts/install-deps.sh >>build-d13.deps.log 2>&1; then
+    in_root=(sudo_if_needed bash scripts/debian13.sh)
+    run_suite "debian 13" build-d13 -Dwerror=true
+    echo "=== debian 13: the simulator's healthy machine"
+    if "${in_root[@]}" env HWTOPOD_BUILD_DIR="$top/build-d13" \
+        bash scripts/simulate.sh healthy >build-d13.simulate.log 2>&1; then
+        grep -m1 -E 'backplane|riser' build-d13.simulate.log || true
+        passed=$((passed + 1))
+    else
+        tail -40 build-d13.simulate.log
+        echo "=== debian 13: simulator FAILED"
+        failed=$((failed + 1))
+    fi
+    in_root=()
+else
+    tail -40 build-d13.deps.log
+    echo "=== debian 13: could not make the root or install into it"
     failed=$((failed + 1))
 fi
 
@@ -111,8 +168,8 @@ fi
 # system that boots on the emulated AST2600 BMC board, where systemd runs the
 # daemon beside the stand-ins' units (scripts/boot-image.sh). One test; the
 # first run on a machine also makes the cached system, which takes minutes.
+stage "boot test"
 echo "=== boot test on the emulated BMC board"
-boot_started=$SECONDS
 if sudo_if_needed bash scripts/install-deps.sh --boot >build-boot.deps.log 2>&1 &&
     sudo_if_needed env HWTOPOD_BUILD_DIR="$top/build-armhf" bash scripts/boot-image.sh >build-boot.log 2>&1; then
     grep '^boot test: ' build-boot.log
@@ -123,7 +180,6 @@ else
     echo "=== boot test FAILED"
     failed=$((failed + 1))
 fi
-echo "=== boot test: $((SECONDS - boot_started)) s"
 
 # run_fuzzers RUNS: each fuzz target replays its whole seed corpus in
 # fuzz/corpus/<target>, then mutates it for RUNS executions from a fixed
@@ -166,7 +222,10 @@ run_fuzzers() {
         rm -rf "$scratch"
     done
 }
+stage "fuzzing"
 run_fuzzers "${HWTOPOD_FUZZ_RUNS:-20000}"
+stage ""
+echo "=== time: whole run $((SECONDS - run_started)) s"
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]
