@@ -105,7 +105,7 @@ else
     }
 fi
 for program in src/platforms/hwtopod tools/inspect/hwtopod-inspect sim/vpdd/vpdd \
-    sim/pwrmgt/hwtopod-sim-pwrmgt sim/liquid_cooling/liquid-cooling sim/gpiod/libgpiod.so.2 \
+    sim/pwrmgt/hwtopod-sim-pwrmgt sim/liquid_cooling/liquid-cooling sim/gpiod/libgpiod.so \
     sim/nameholder/hwtopod-sim-nameholder; do
     [ -e "$build/$program" ] || {
         say "$build/$program is missing"
