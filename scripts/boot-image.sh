@@ -282,9 +282,6 @@ for u in "${units[@]}"; do
     ln -sfn "/etc/systemd/system/$u" "$layer/etc/systemd/system/multi-user.target.wants/$u"
 done
 
-# Files to try in the guest without a rebuild, laid over everything else.
-[ -z "${HWTOPOD_BOOT_OVERLAY:-}" ] || cp -a "$HWTOPOD_BOOT_OVERLAY/." "$layer/"
-
 append="console=ttyS4,115200 rdinit=/sbin/init"
 # The login prompt on the console: the image has no udev, so the device unit
 # that the serial getty waits for never appears; the console getty needs none.
@@ -308,6 +305,10 @@ if [ "$mode" = test ]; then
 ExecStartPre=/bin/sh -c 'mkdir -p /run/hwtopod-boottest && dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.Debug.Stats.GetAllMatchRules >/run/hwtopod-boottest/matches 2>&1 || true'
 CONF
 fi
+
+# Files to try in the guest without a rebuild, laid over everything else,
+# the test's own files included.
+[ -z "${HWTOPOD_BOOT_OVERLAY:-}" ] || cp -a "$HWTOPOD_BOOT_OVERLAY/." "$layer/"
 
 # One initramfs of both layers: the kernel unpacks concatenated archives in
 # order, the second's files over the first's.
