@@ -162,7 +162,14 @@ if [ "$jumper" = "i 1" ]; then ok jumper-level; else fail jumper-level "Status i
 # The regulator fault that stands from power-on on its line and its register
 # bit: reported once, by the start-up scan of the registers; the line,
 # watched from then on, sees no edge.
-standing=$(records "$pid" | grep -c '^TKRMBPW0131N|12V_PCIE_PWR1$')
+# The scan runs on the hardware thread, and need not have ended by the time
+# the monitor watches: it is waited for, a bounded time.
+standing_records() { records "$pid" | grep -c '^TKRMBPW0131N|12V_PCIE_PWR1$'; }
+standing_fault() {
+    logged_by "$pid" "powerFaultDetect: bit VR_FAULT_3_N error" && [ "$(standing_records)" -ge 1 ]
+}
+wait_until 60 standing_fault || true
+standing=$(standing_records)
 if logged_by "$pid" "powerFaultDetect: bit VR_FAULT_3_N error" && [ "$standing" = 1 ]; then
     ok fault-at-start
 else
