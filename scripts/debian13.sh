@@ -50,6 +50,9 @@ fi
 exec unshare --mount --propagation private --pid --fork -- bash -euc '
     root=$1 top=$2
     shift 2
+    # The root a mount of its own, as / is on a machine: the simulator
+    # confines the daemon in a mount namespace made from it.
+    mount --bind "$root" "$root"
     mkdir -p "$root/$top"
     mount --bind "$top" "$root/$top"
     mount -t proc proc "$root/proc"
@@ -58,10 +61,18 @@ exec unshare --mount --propagation private --pid --fork -- bash -euc '
     mount -t tmpfs tmpfs "$root/run"
     mount -t tmpfs tmpfs "$root/tmp"
     cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true
+    # The root becomes the namespace'"'"'s own root, not a chroot: a process
+    # in a mount namespace made from it then sees the same paths as one
+    # outside (the journal'"'"'s _EXE of a confined simulated daemon, say).
+    mkdir -p "$root/.hwtopod-old-root"
+    cd "$root"
+    pivot_root . .hwtopod-old-root
+    cd /
+    umount -l /.hwtopod-old-root
     # Not the last command, so that this shell stays process 1 and reaps
     # what is orphaned.
     status=0
-    chroot "$root" env -i HOME=/root TERM="${TERM:-dumb}" \
+    env -i HOME=/root TERM="${TERM:-dumb}" \
         PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
         LANG=C.UTF-8 CI="${CI:-}" HWTOPOD_FUZZ_RUNS="${HWTOPOD_FUZZ_RUNS:-}" \
         bash -c "cd \"\$0\" && exec \"\$@\"" "$top" "$@" || status=$?

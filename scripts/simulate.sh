@@ -248,7 +248,10 @@ start_daemon() {
     fi
     daemon_pid=${pids[-1]}
     if [ -n "$SCENARIO_CONFINE" ]; then
-        in_daemon_view=(nsenter --target "$daemon_pid" --mount --)
+        # Its root and working directory too: entering a mount namespace
+        # alone would put the command at that namespace's root, which is not
+        # this one's inside a chroot (the Debian 13 root).
+        in_daemon_view=(nsenter --target "$daemon_pid" --mount --root --wd --)
     fi
 }
 start_daemon
