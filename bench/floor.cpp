@@ -9,7 +9,7 @@
 // the bus daemon are timed. Repeated REPEATS times; prints
 // "floor <median ms>".
 
-#include <sdbus-c++/sdbus-c++.h>
+#include "dbus/client.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -22,12 +22,6 @@
 
 namespace
 {
-
-void ping(sdbus::IConnection& connection, const std::string& service)
-{
-    auto proxy = sdbus::createProxy(connection, service, "/");
-    proxy->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
-}
 
 bool count(std::string_view text, unsigned& value)
 {
@@ -56,9 +50,9 @@ int main(int argc, char** argv)
         const auto start = std::chrono::steady_clock::now();
         for (unsigned i = 0; i < calls + votes; ++i)
         {
-            auto temporary = sdbus::createSystemBusConnection();
-            ping(*temporary,
-                 i < calls ? "com.halvex.vpdd" : "com.halvex.pwrmgt");
+            hwtopod::dbus::callMethod(
+                i < calls ? "com.halvex.vpdd" : "com.halvex.pwrmgt", "/",
+                "org.freedesktop.DBus.Peer", "Ping", {});
         }
         const std::chrono::duration<double, std::milli> took =
             std::chrono::steady_clock::now() - start;

@@ -209,17 +209,23 @@ mkdir -p "$layer/usr/lib/tmpfiles.d"
 printf 'f /dev/%s 0600 root root -\n' fpga-cdev fpga-r0 fpga-r0-adi \
     >"$layer/usr/lib/tmpfiles.d/hwtopod-sim.conf"
 
-units=(hwtopod-sim-pwrmgt hwtopod-sim-cooling hwtopod-sim-vpdd)
-for u in "${units[@]}"; do
-    cp "$top/scripts/boot/units/$u.service" "$layer/etc/systemd/system/"
-done
-mkdir -p "$layer/etc/systemd/system/hwtopod.service.d" "$layer/etc/systemd/system/hwtopod-sim-vpdd.service.d"
+# The VPD stand-in runs as the VPD service's unit that the build names, and
+# is ordered by the drop-in that meson install put beside that unit.
+vpd_dropin=$(cd "$layer" && find . -path '*/systemd/system/*.service.d/after-hwtopod.conf' | head -1)
+vpd_unit=$(basename "$(dirname "$vpd_dropin")" .d)
+[ -n "$vpd_dropin" ] || {
+    say "meson install put no ordering drop-in of the VPD service into the image"
+    exit 1
+}
+units=(hwtopod-sim-pwrmgt.service hwtopod-sim-cooling.service "$vpd_unit")
+cp "$top/scripts/boot/units/hwtopod-sim-pwrmgt.service" \
+    "$top/scripts/boot/units/hwtopod-sim-cooling.service" "$layer/etc/systemd/system/"
+cp "$top/scripts/boot/units/hwtopod-sim-vpdd.service" "$layer/etc/systemd/system/$vpd_unit"
+mkdir -p "$layer/etc/systemd/system/hwtopod.service.d" "$layer/etc/systemd/system/$vpd_unit.d"
 cat >"$layer/etc/systemd/system/hwtopod.service.d/stand-ins.conf" <<CONF
 [Service]
 Environment=HALVEX_FPGA_IMAGES=/usr/lib/hwtopod-sim/fpga
 CONF
-# The VPD service's unit is ordered by the drop-in an image gives it.
-cp "$top/packaging/vpd-after-hwtopod.conf" "$layer/etc/systemd/system/hwtopod-sim-vpdd.service.d/"
 unit_file=$(cd "$layer" && find . -path '*/systemd/system/hwtopod.service' | head -1)
 [ -n "$unit_file" ] || {
     say "meson install put no hwtopod.service into the image"
@@ -227,7 +233,7 @@ unit_file=$(cd "$layer" && find . -path '*/systemd/system/hwtopod.service' | hea
 }
 ln -sfn "${unit_file#.}" "$layer/etc/systemd/system/multi-user.target.wants/hwtopod.service"
 for u in "${units[@]}"; do
-    ln -sfn "/etc/systemd/system/$u.service" "$layer/etc/systemd/system/multi-user.target.wants/$u.service"
+    ln -sfn "/etc/systemd/system/$u" "$layer/etc/systemd/system/multi-user.target.wants/$u"
 done
 
 # Files to try in the guest without a rebuild, laid over everything else.
@@ -245,12 +251,13 @@ fi
 if [ "$mode" = test ]; then
     mkdir -p "$layer/usr/lib/hwtopod-boottest"
     install -m 0755 "$top/scripts/boot/guest-check.sh" "$layer/usr/lib/hwtopod-boottest/"
-    cp "$top/scripts/boot/units/hwtopod-boottest.service" "$layer/etc/systemd/system/"
+    sed "s/hwtopod-sim-vpdd.service/$vpd_unit/" "$top/scripts/boot/units/hwtopod-boottest.service" \
+        >"$layer/etc/systemd/system/hwtopod-boottest.service"
     ln -sfn /etc/systemd/system/hwtopod-boottest.service \
         "$layer/etc/systemd/system/multi-user.target.wants/hwtopod-boottest.service"
     # The bus's match rules as the VPD service starts: the daemon's must be
     # there by then.
-    cat >"$layer/etc/systemd/system/hwtopod-sim-vpdd.service.d/boottest.conf" <<CONF
+    cat >"$layer/etc/systemd/system/$vpd_unit.d/boottest.conf" <<CONF
 [Service]
 ExecStartPre=/bin/sh -c 'mkdir -p /run/hwtopod-boottest && dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.Debug.Stats.GetAllMatchRules >/run/hwtopod-boottest/matches 2>&1 || true'
 CONF

@@ -240,15 +240,18 @@ if [ -n "$SCENARIO_CONFINE" ]; then
     confine=(unshare --mount --propagation private bash "$top/sim/confine.sh"
         --root "$sandbox/root" $SCENARIO_CONFINE --)
 fi
-if [ "$SCENARIO_STATUS" = "<unset>" ]; then
-    start hwtopod "${confine[@]}" env -u HWTOPOD_STATUS "${daemon_env[@]}" "$build/src/platforms/hwtopod"
-else
-    start hwtopod "${confine[@]}" env HWTOPOD_STATUS="$SCENARIO_STATUS" "${daemon_env[@]}" "$build/src/platforms/hwtopod"
-fi
-daemon_pid=${pids[-1]}
-if [ -n "$SCENARIO_CONFINE" ]; then
-    in_daemon_view=(nsenter --target "$daemon_pid" --mount --)
-fi
+start_daemon() {
+    if [ "$SCENARIO_STATUS" = "<unset>" ]; then
+        start hwtopod "${confine[@]}" env -u HWTOPOD_STATUS "${daemon_env[@]}" "$build/src/platforms/hwtopod"
+    else
+        start hwtopod "${confine[@]}" env HWTOPOD_STATUS="$SCENARIO_STATUS" "${daemon_env[@]}" "$build/src/platforms/hwtopod"
+    fi
+    daemon_pid=${pids[-1]}
+    if [ -n "$SCENARIO_CONFINE" ]; then
+        in_daemon_view=(nsenter --target "$daemon_pid" --mount --)
+    fi
+}
+start_daemon
 restart=0
 if [ "$SCENARIO_STATUS" != normal ] && [ "$SCENARIO_STATUS" != "<unset>" ]; then
     restart=1
@@ -322,6 +325,15 @@ if [ -n "$SCENARIO_DAEMON_EXIT" ]; then
     await_daemon_exit
 else
     follow_daemon
+    # Killed and started again, as its unit restarts it; its log is the last
+    # process's.
+    for ((n = 1; n < SCENARIO_STARTS; n++)); do
+        kill -KILL "$daemon_pid"
+        wait "$daemon_pid" 2>/dev/null || true
+        say "hwtopod pid $daemon_pid killed"
+        start_daemon
+        follow_daemon
+    done
 fi
 
 # Everything the daemon sent is in the journal before it is read.

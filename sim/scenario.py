@@ -238,6 +238,7 @@ def main():
         "SCENARIO_DAEMON_EXIT": str(scenario.get("daemonExit", "")),
         "SCENARIO_GPIO": "1" if has_gpio else "0",
         "SCENARIO_EDGES": str(len(edges)),
+        "SCENARIO_STARTS": str(scenario.get("starts", 1)),
     }
     write(os.path.join(sandbox, "scenario.env"),
           "".join("%s='%s'\n" % item for item in env.items()))

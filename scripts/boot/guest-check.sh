@@ -111,6 +111,11 @@ ended=$(journalctl -b -q _PID="$pid" _TRANSPORT=stdout -o short-monotonic |
 if [ -n "$ended" ] && [ "$started" -gt 0 ]; then
     figure discovery-seconds "$(awk -v a="$started" -v b="$ended" 'BEGIN { printf "%.2f", (b - a) / 1e6 }')"
 fi
+# How confined the unit is, as systemd rates it (the host requires 2.5 at
+# most), with the settings that count against it.
+security=$(systemd-analyze security --no-pager "$unit" 2>&1)
+figure exposure "$(printf '%s\n' "$security" | sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')"
+printf '%s\n' "$security" | grep '^✗' | sed 's/  */ /g; s/^/BOOTTEST log /'
 # The VPD unit recorded the bus's match rules just before its own start.
 if grep "sender='com.halvex.vpdd'" "$state/matches" 2>/dev/null | grep -q "member='InterfacesAdded'"; then
     ok match-before-vpd-service

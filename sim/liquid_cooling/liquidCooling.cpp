@@ -2,24 +2,24 @@
 // CreateSensors on the system bus and writes one line per call on standard
 // output.
 
-#include <sdbus-c++/sdbus-c++.h>
+#include "dbus/service.hpp"
 
+#include <chrono>
 #include <cstdint>
 #include <iostream>
 
 int main()
 {
-    auto connection =
-        sdbus::createSystemBusConnection("com.halvex.liquid_cooling");
-    auto object =
-        sdbus::createObject(*connection, "/com/halvex/liquid_cooling");
-    object->registerMethod("CreateSensors")
-        .onInterface("com.halvex.liquid_cooling")
-        .implementedAs([](std::uint32_t type) {
-            std::cout << "CreateSensors " << type << std::endl;
-        });
-    object->finishRegistration();
+    const hwtopod::dbus::Service::Method createSensors{
+        "CreateSensors", "u", "", [](const hwtopod::dbus::Values& arguments) {
+            std::cout << "CreateSensors "
+                      << std::get<std::uint32_t>(arguments.at(0)) << std::endl;
+            return hwtopod::dbus::Values{};
+        }};
+    hwtopod::dbus::Service service("com.halvex.liquid_cooling");
+    service.addObject("/com/halvex/liquid_cooling",
+                      {{"com.halvex.liquid_cooling", {{}, {createSensors}}}});
     std::cout << "liquid cooling stand-in ready" << std::endl;
-    connection->enterEventLoop();
+    service.serveUntil(std::chrono::steady_clock::time_point::max());
     return 0;
 }

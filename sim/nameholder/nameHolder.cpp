@@ -2,8 +2,9 @@
 // another connection to replace it, as a stray second instance of a service
 // would, until it is ended.
 
-#include <sdbus-c++/sdbus-c++.h>
+#include "dbus/service.hpp"
 
+#include <chrono>
 #include <iostream>
 
 int main(int argc, char** argv)
@@ -13,8 +14,8 @@ int main(int argc, char** argv)
         std::cerr << "usage: hwtopod-sim-nameholder <bus name>\n";
         return 2;
     }
-    auto connection = sdbus::createSystemBusConnection(argv[1]);
+    hwtopod::dbus::Service service(argv[1]);
     std::cout << "holding " << argv[1] << " ready" << std::endl;
-    connection->enterEventLoop();
+    service.serveUntil(std::chrono::steady_clock::time_point::max());
     return 0;
 }

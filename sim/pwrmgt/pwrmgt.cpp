@@ -4,9 +4,9 @@
 // Usage: hwtopod-sim-pwrmgt [--reply N]   (N is the answer, default 0)
 
 #include "common/jsonNumber.hpp"
+#include "dbus/service.hpp"
 
-#include <sdbus-c++/sdbus-c++.h>
-
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
@@ -28,19 +28,18 @@ int main(int argc, char** argv)
             reply = *given;
         }
     }
-    auto connection = sdbus::createSystemBusConnection("com.halvex.pwrmgt");
-    auto object =
-        sdbus::createObject(*connection, "/com/halvex/pwrmgt/permission");
-    object->registerMethod("Vote")
-        .onInterface("com.halvex.Pwrmgt.Policy")
-        .implementedAs(
-            [reply](const std::string& voter, std::uint32_t id, bool on) {
-        std::cout << "Vote " << voter << " " << id << " " << (on ? "on" : "off")
-                  << std::endl;
-        return reply;
-        });
-    object->finishRegistration();
+    const hwtopod::dbus::Service::Method vote{
+        "Vote", "sub", "i", [reply](const hwtopod::dbus::Values& arguments) {
+            std::cout << "Vote " << std::get<std::string>(arguments.at(0))
+                      << " " << std::get<std::uint32_t>(arguments.at(1)) << " "
+                      << (std::get<bool>(arguments.at(2)) ? "on" : "off")
+                      << std::endl;
+            return hwtopod::dbus::Values{reply};
+        }};
+    hwtopod::dbus::Service service("com.halvex.pwrmgt");
+    service.addObject("/com/halvex/pwrmgt/permission",
+                      {{"com.halvex.Pwrmgt.Policy", {{}, {vote}}}});
     std::cout << "pwrmgt ready" << std::endl;
-    connection->enterEventLoop();
+    service.serveUntil(std::chrono::steady_clock::time_point::max());
     return 0;
 }

@@ -22,9 +22,8 @@
 // docs/simulation.md.
 
 #include "common/jsonNumber.hpp"
+#include "dbus/service.hpp"
 
-#include <poll.h>
-#include <sdbus-c++/sdbus-c++.h>
 #include <signal.h>
 
 #include <nlohmann/json.hpp>
@@ -65,10 +64,8 @@ extern "C" void releaseAnswer(int /*signal*/)
 
 using Clock = std::chrono::steady_clock;
 
-using Value = std::variant<std::uint8_t, std::int16_t, std::uint16_t,
-                           std::int32_t, std::uint32_t, std::int64_t,
-                           std::uint64_t, bool, double, std::string,
-                           std::vector<std::string>, std::vector<std::uint8_t>>;
+using hwtopod::dbus::Service;
+using Value = hwtopod::DbusVariant;
 
 using Properties = std::map<std::string, Value>;
 
@@ -300,194 +297,141 @@ Configuration readConfiguration(const std::string& file)
     return configuration;
 }
 
-// Registers one property with a getter of its own D-Bus type. IpmiFruName,
-// when it is a string, can also be set.
-void registerProperty(sdbus::IObject& object, const std::string& interface,
-                      const std::string& name, const Value& initial)
+// IpmiFruName, when it is a string, can also be set.
+Service::Property property(const std::string& path,
+                           const std::string& interface,
+                           const std::string& name, const Value& value)
 {
-    std::visit(
-        [&](const auto& value) {
-        using T = std::decay_t<decltype(value)>;
-        auto cell = std::make_shared<T>(value);
-        if constexpr (std::is_same_v<T, std::string>)
-        {
-            if (name == "IpmiFruName")
-            {
-                object.registerProperty(name)
-                    .onInterface(interface)
-                    .withGetter([cell]() { return *cell; })
-                    .withSetter([cell, path = object.getObjectPath(),
-                                 interface](const std::string& text) {
-                        *cell = text;
-                        say("set " + path + " " + interface + " IpmiFruName " +
-                            text + stamp());
-                    });
-                return;
-            }
-        }
-        object.registerProperty(name).onInterface(interface).withGetter(
-            [cell]() { return *cell; });
-        },
-        initial);
+    Service::Property result{name, value, {}};
+    if (name == "IpmiFruName" && std::holds_alternative<std::string>(value))
+    {
+        result.onSet = [path, interface](const Value& text) {
+            say("set " + path + " " + interface + " IpmiFruName " +
+                std::get<std::string>(text) + stamp());
+        };
+    }
+    return result;
 }
 
-std::unique_ptr<sdbus::IObject> publish(sdbus::IConnection& connection,
-                                        const FruObject& fru)
+std::vector<std::string> interfaceNames(const FruObject& fru)
 {
-    auto object = sdbus::createObject(connection, fru.path);
     std::vector<std::string> names;
     for (const auto& [interface, values] : fru.interfaces)
     {
         names.push_back(interface);
+    }
+    return names;
+}
+
+void publish(Service& service, const FruObject& fru)
+{
+    std::map<std::string, Service::Members> interfaces;
+    for (const auto& [interface, values] : fru.interfaces)
+    {
+        auto& members = interfaces[interface];
         for (const auto& [name, value] : values)
         {
-            registerProperty(*object, interface, name, value);
+            members.properties.push_back(
+                property(fru.path, interface, name, value));
         }
     }
-    object->finishRegistration();
+    service.addObject(fru.path, interfaces);
     const auto sent = stamp();
     // Only the FRU's own interfaces, as the VPD service announces them.
-    if (!names.empty())
+    if (!fru.interfaces.empty())
     {
-        object->emitInterfacesAddedSignal(names);
+        service.emitInterfacesAdded(fru.path, interfaceNames(fru));
     }
     say("published " + fru.path + sent);
-    return object;
 }
 
 // InterfacesAdded from the object manager for a path that has no object,
 // as fast as the bus takes them: the receiver must cope with a flood.
-void sendBurst(sdbus::IConnection& connection, std::size_t count)
+void sendBurst(Service& service, std::size_t count)
 {
-    auto manager = sdbus::createObject(connection, "/");
     for (std::size_t i = 0; i < count; ++i)
     {
-        auto signal = manager->createSignal(
-            "org.freedesktop.DBus.ObjectManager", "InterfacesAdded");
-        const std::map<std::string, std::map<std::string, sdbus::Variant>>
-            interfaces{
-                {std::string(interfacePrefix) + "Burst",
-                 {{"VpdFormat", sdbus::Variant(std::string("Burst"))},
-                  {"SerialNumber", sdbus::Variant("B" + std::to_string(i))}}}};
-        signal << sdbus::ObjectPath(
-                      "/com/halvex/vpdd/BURST_" + std::to_string(i))
-               << interfaces;
-        signal.send();
+        hwtopod::InterfaceProperties interfaces;
+        interfaces[std::string(interfacePrefix) + "Burst"] = {
+            {"VpdFormat", std::string("Burst")},
+            {"SerialNumber", "B" + std::to_string(i)}};
+        service.signalInterfacesAdded(
+            "/com/halvex/vpdd/BURST_" + std::to_string(i), interfaces);
     }
     say("burst " + std::to_string(count));
-}
-
-// Processes the bus until deadline.
-void serveUntil(sdbus::IConnection& connection, Clock::time_point deadline)
-{
-    while (true)
-    {
-        while (connection.processPendingRequest())
-        {}
-        const auto now = Clock::now();
-        if (now >= deadline)
-        {
-            return;
-        }
-        auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - now);
-        auto data = connection.getEventLoopPollData();
-        int timeout = data.getPollTimeout();
-        if (timeout < 0 || timeout > wait.count())
-        {
-            timeout = static_cast<int>(wait.count()) + 1;
-        }
-        pollfd fd{data.fd, data.events, 0};
-        ::poll(&fd, 1, timeout);
-    }
 }
 
 } // namespace
 
 // Records the calls the benchmarks and tests count.
 // With hold, the answer to GetManagedObjects waits for SIGUSR2.
-void recordCalls(sdbus::IConnection& connection, bool hold)
+void recordCalls(Service& service, bool hold)
 {
-    connection.addMatch(
+    service.watchCalls(
         "type='method_call',interface='org.freedesktop.DBus.ObjectManager',"
         "member='GetManagedObjects'",
-        [hold](sdbus::Message&) {
-        say("call GetManagedObjects");
-        // Matches run before the object manager answers the call.
-        while (hold && answerReleased == 0)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        },
-        sdbus::floating_slot);
-    connection.addMatch(
+        "", [hold](const std::string&, const hwtopod::dbus::Values&) {
+            say("call GetManagedObjects");
+            // Matches run before the object manager answers the call.
+            while (hold && answerReleased == 0)
+            {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+        });
+    service.watchCalls(
         "type='method_call',interface='org.freedesktop.DBus.Properties',"
         "member='Get'",
-        [](sdbus::Message& call) {
-        std::string interface;
-        std::string name;
-        call >> interface >> name;
-        say("call Get " + call.getPath() + " " + interface + " " + name +
-            stamp());
-        },
-        sdbus::floating_slot);
+        "ss",
+        [](const std::string& path, const hwtopod::dbus::Values& arguments) {
+        say("call Get " + path + " " + std::get<std::string>(arguments.at(0)) +
+            " " + std::get<std::string>(arguments.at(1)) + stamp());
+        });
 }
 
 // The objects one after the other, as the configuration spaces them.
-std::vector<std::unique_ptr<sdbus::IObject>> publishAll(
-    sdbus::IConnection& connection, const Configuration& configuration)
+void publishAll(Service& service, const Configuration& configuration)
 {
-    std::vector<std::unique_ptr<sdbus::IObject>> published;
+    std::size_t published = 0;
     bool first = true;
     for (const auto& fru : configuration.objects)
     {
-        if (configuration.crashAfter == published.size())
+        if (configuration.crashAfter == published)
         {
             say("crashing");
             std::abort();
         }
         auto wait = fru.delay + (first ? std::chrono::milliseconds(0)
                                        : configuration.interval);
-        serveUntil(connection, Clock::now() + wait);
+        service.serveUntil(Clock::now() + wait);
         while (fru.hold && released == 0)
         {
-            serveUntil(connection,
-                       Clock::now() + std::chrono::milliseconds(50));
+            service.serveUntil(Clock::now() + std::chrono::milliseconds(50));
         }
-        published.push_back(publish(connection, fru));
+        publish(service, fru);
+        ++published;
         first = false;
     }
-    return published;
 }
 
 // Every object announced again, round after round.
-void repeatRounds(sdbus::IConnection& connection,
-                  const Configuration& configuration,
-                  std::vector<std::unique_ptr<sdbus::IObject>>& published)
+void repeatRounds(Service& service, const Configuration& configuration)
 {
     for (std::size_t round = 1;
          configuration.repeatInterval.count() > 0 &&
          (configuration.repeatCount == 0 || round <= configuration.repeatCount);
          ++round)
     {
-        serveUntil(connection, Clock::now() + configuration.repeatInterval);
-        for (std::size_t i = 0; i < published.size(); ++i)
+        service.serveUntil(Clock::now() + configuration.repeatInterval);
+        for (const auto& fru : configuration.objects)
         {
-            std::vector<std::string> names;
-            for (const auto& [interface, values] :
-                 configuration.objects[i].interfaces)
+            if (!fru.interfaces.empty())
             {
-                names.push_back(interface);
-            }
-            if (!names.empty())
-            {
-                published[i]->emitInterfacesAddedSignal(names);
+                service.emitInterfacesAdded(fru.path, interfaceNames(fru));
             }
         }
         say("repeated " + std::to_string(round));
     }
 }
-
 int main(int argc, char** argv)
 {
     if (argc != 2)
@@ -514,19 +458,16 @@ int main(int argc, char** argv)
     ::sigaction(SIGUSR2, &action, nullptr);
 
     std::this_thread::sleep_for(configuration.startDelay);
-    auto connection = sdbus::createSystemBusConnection(busName);
-    connection->addObjectManager("/", sdbus::floating_slot);
-    recordCalls(*connection, configuration.holdAnswer);
+    Service service(busName);
+    service.addObjectManager();
+    recordCalls(service, configuration.holdAnswer);
     say("started");
 
     if (configuration.burst > 0)
     {
-        sendBurst(*connection, configuration.burst);
+        sendBurst(service, configuration.burst);
     }
-    auto published = publishAll(*connection, configuration);
-    repeatRounds(*connection, configuration, published);
-    while (true)
-    {
-        serveUntil(*connection, Clock::now() + std::chrono::hours(1));
-    }
+    publishAll(service, configuration);
+    repeatRounds(service, configuration);
+    service.serveUntil(Clock::time_point::max());
 }

@@ -1,5 +1,6 @@
 #include "bus.hpp"
 
+#include "binding.hpp"
 #include "common/logging.hpp"
 #include "convert.hpp"
 
@@ -12,73 +13,40 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include <algorithm>
+#include <optional>
 
 namespace hwtopod::dbus
 {
 
 namespace
 {
-struct SignatureVisitor
-{
-    std::string operator()(const std::string&) const
-    {
-        return "s";
-    }
-    std::string operator()(bool) const
-    {
-        return "b";
-    }
-    std::string operator()(std::int32_t) const
-    {
-        return "i";
-    }
-    std::string operator()(std::uint32_t) const
-    {
-        return "u";
-    }
-    std::string operator()(std::uint64_t) const
-    {
-        return "t";
-    }
-    std::string operator()(std::int64_t) const
-    {
-        return "x";
-    }
-    std::string operator()(double) const
-    {
-        return "d";
-    }
-    std::string operator()(const std::vector<std::string>&) const
-    {
-        return "as";
-    }
-    std::string operator()(const std::vector<std::int64_t>&) const
-    {
-        return "ax";
-    }
-    std::string operator()(const std::vector<std::uint64_t>&) const
-    {
-        return "at";
-    }
-};
 
-template <typename F>
-auto translateErrors(F&& function)
+using Descriptor = boost::asio::posix::stream_descriptor;
+
+// One wait at a time for each kind of readiness; process runs when it comes.
+template <typename Process>
+void waitFor(Descriptor& descriptor, Descriptor::wait_type type, bool& pending,
+             Process process)
 {
-    try
+    if (pending)
     {
-        return function();
+        return;
     }
-    catch (const sdbus::Error& e)
-    {
-        throw Error(e.what());
-    }
+    pending = true;
+    descriptor.async_wait(type, [&pending,
+                                 process](const boost::system::error_code& ec) {
+        pending = false;
+        if (!ec)
+        {
+            process();
+        }
+    });
 }
 } // namespace
 
 std::string signatureOf(const PropertyValue& value)
 {
-    return std::visit(SignatureVisitor{}, value);
+    return signatureOfValue(value);
 }
 
 bool isValidMemberName(const std::string& name)
@@ -86,17 +54,29 @@ bool isValidMemberName(const std::string& name)
     return sd_bus_member_name_is_valid(name.c_str()) == 1;
 }
 
-// Waits on the bus's file descriptor and its next time-out on the io_context.
+// Waits on the bus's file descriptors and its next time-out on the
+// io_context.
 struct Connection::Waiter
 {
-    Waiter(boost::asio::io_context& io, int fd) : descriptor(io, fd), timer(io)
-    {}
+    Waiter(boost::asio::io_context& io, const binding::PollData& data) :
+        descriptor(io, data.fd), timer(io)
+    {
+        if (data.wakeFd >= 0)
+        {
+            wake.emplace(io, data.wakeFd);
+        }
+    }
     ~Waiter()
     {
-        // The descriptor belongs to the bus, not to us.
+        // The descriptors belong to the bus, not to us.
         boost::system::error_code ignored;
         descriptor.cancel(ignored);
         descriptor.release();
+        if (wake)
+        {
+            wake->cancel(ignored);
+            wake->release();
+        }
     }
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
@@ -104,16 +84,18 @@ struct Connection::Waiter
     Waiter& operator=(Waiter&&) = delete;
 
     boost::asio::posix::stream_descriptor descriptor;
+    // Readable when the binding has queued messages to process.
+    std::optional<boost::asio::posix::stream_descriptor> wake;
     boost::asio::steady_timer timer;
     bool readPending = false;
     bool writePending = false;
+    bool wakePending = false;
 };
 
 std::shared_ptr<Connection> Connection::openSystemBus(
     boost::asio::io_context& io)
 {
-    auto bus =
-        translateErrors([]() { return sdbus::createSystemBusConnection(); });
+    auto bus = translateErrors([]() { return binding::systemBus(); });
     return std::shared_ptr<Connection>(new Connection(io, std::move(bus)));
 }
 
@@ -122,7 +104,7 @@ Connection::Connection(boost::asio::io_context& io,
     io(io),
     bus(std::move(bus))
 {
-    waiter = std::make_unique<Waiter>(io, this->bus->getEventLoopPollData().fd);
+    waiter = std::make_unique<Waiter>(io, binding::pollData(*this->bus));
 }
 
 Connection::~Connection()
@@ -143,13 +125,14 @@ void Connection::requestName(const std::string& name, std::uint64_t flags)
         ((flags & SD_BUS_NAME_ALLOW_REPLACEMENT) != 0 ? allowReplacement : 0);
     std::uint32_t reply = run([&]() {
         return translateErrors([&]() {
-            auto proxy = sdbus::createProxy(*bus, "org.freedesktop.DBus",
-                                            "/org/freedesktop/DBus");
+            auto proxy = binding::createProxy(*bus, "org.freedesktop.DBus",
+                                              "/org/freedesktop/DBus");
+            auto call = binding::createMethodCall(
+                *proxy, "org.freedesktop.DBus", "RequestName");
+            call << name << daemonFlags;
+            auto reply = proxy->callMethod(call);
             std::uint32_t result = 0;
-            proxy->callMethod("RequestName")
-                .onInterface("org.freedesktop.DBus")
-                .withArguments(name, daemonFlags)
-                .storeResultsTo(result);
+            reply >> result;
             return result;
         });
     });
@@ -219,44 +202,30 @@ void Connection::flush()
 
 void Connection::process()
 {
-    while (bus->processPendingRequest())
+    while (binding::processPending(*bus))
     {}
     arm();
 }
 
 void Connection::arm()
 {
-    auto pollData = bus->getEventLoopPollData();
-    if (!waiter->readPending)
+    const auto pollData = binding::pollData(*bus);
+    auto again = [this]() { process(); };
+    waitFor(waiter->descriptor, Descriptor::wait_read, waiter->readPending,
+            again);
+    if ((pollData.events & POLLOUT) != 0)
     {
-        waiter->readPending = true;
-        waiter->descriptor.async_wait(
-            boost::asio::posix::stream_descriptor::wait_read,
-            [this](const boost::system::error_code& ec) {
-            waiter->readPending = false;
-            if (!ec)
-            {
-                process();
-            }
-            });
+        waitFor(waiter->descriptor, Descriptor::wait_write,
+                waiter->writePending, again);
     }
-    if ((pollData.events & POLLOUT) != 0 && !waiter->writePending)
+    if (waiter->wake)
     {
-        waiter->writePending = true;
-        waiter->descriptor.async_wait(
-            boost::asio::posix::stream_descriptor::wait_write,
-            [this](const boost::system::error_code& ec) {
-            waiter->writePending = false;
-            if (!ec)
-            {
-                process();
-            }
-            });
+        waitFor(*waiter->wake, Descriptor::wait_read, waiter->wakePending,
+                again);
     }
-    auto timeout = pollData.getRelativeTimeout();
-    if (timeout)
+    if (pollData.timeout)
     {
-        waiter->timer.expires_after(*timeout);
+        waiter->timer.expires_after(*pollData.timeout);
         waiter->timer.async_wait([this](const boost::system::error_code& ec) {
             if (!ec)
             {
@@ -350,21 +319,23 @@ bool Interface::announce()
         return false;
     }
     translateErrors([this]() {
-        object = sdbus::createObject(connection->raw(), objectPath);
-        // Declares the interface even when no property follows, so that an
-        // interface without members still goes on the bus.
-        object->setInterfaceFlags(interfaceName, sdbus::Flags{});
+        object = binding::createObject(connection->raw(), objectPath);
+        // No setter: the properties are read-only for other clients.
+        std::vector<binding::Property> members;
         for (std::size_t i = 0; i < properties.size(); ++i)
         {
             const auto& [name, value] = properties[i];
-            object->registerProperty(interfaceName, name, signatureOf(value),
-                                     [this, i](sdbus::PropertyGetReply& reply) {
+            members.push_back({name,
+                               signatureOf(value),
+                               [this, i](sdbus::PropertyGetReply& reply) {
                 std::visit([&reply](const auto& v) { reply << v; },
                            properties[i].second);
-            });
+                               },
+                               {}});
         }
-        object->finishRegistration();
-        object->emitInterfacesAddedSignal({interfaceName});
+        binding::addInterface(*object, interfaceName, members);
+        binding::finishRegistration(*object);
+        binding::emitInterfacesAdded(*object, {interfaceName});
     });
     initialized = true;
     return true;
@@ -401,7 +372,7 @@ bool Interface::setProperty(const std::string& name, PropertyValue value)
         if (initialized)
         {
             translateErrors([&]() {
-                object->emitPropertiesChangedSignal(interfaceName, {name});
+                binding::emitPropertiesChanged(*object, interfaceName, {name});
             });
         }
         return true;
@@ -413,7 +384,7 @@ ObjectServer::ObjectServer(std::shared_ptr<Connection> connection) :
 {
     this->connection->run([this]() {
         translateErrors([this]() {
-            root = sdbus::createObject(this->connection->raw(), "/");
+            root = binding::createObject(this->connection->raw(), "/");
             root->addObjectManager();
         });
     });
@@ -436,13 +407,22 @@ Match::Match(std::shared_ptr<Connection> connection, const std::string& rule,
 {
     this->connection->run([&]() {
         translateErrors([&]() {
-            auto raw = this->connection->raw().addMatch(
-                rule, [handler = std::move(handler)](sdbus::Message& message) {
-                    sdbus::ObjectPath path;
-                    std::map<std::string, std::map<std::string, sdbus::Variant>>
-                        interfaces;
-                    message >> path >> interfaces;
-                    handler(path, toInterfaceProperties(interfaces));
+            auto raw = binding::addMatch(
+                this->connection->raw(), rule,
+                [handler = std::move(handler)](sdbus::Message& message) {
+                std::map<std::string, std::map<std::string, sdbus::Variant>>
+                    interfaces;
+                if (std::string(message.getMemberName()) == "PropertiesChanged")
+                {
+                    std::string interface;
+                    message >> interface >> interfaces[interface];
+                    handler(std::string(message.getPath()),
+                            toInterfaceProperties(interfaces));
+                    return;
+                }
+                sdbus::ObjectPath path;
+                message >> path >> interfaces;
+                handler(path, toInterfaceProperties(interfaces));
                 });
             slot = std::shared_ptr<void>(raw.release(), raw.get_deleter());
         });

@@ -31,11 +31,29 @@ class IObject;
 namespace hwtopod::dbus
 {
 
-// A failure reported by the bus or the binding, with its text.
+// A failure reported by the bus or the binding, with its text; for an error
+// of the bus also its name and its own message.
 class Error : public std::runtime_error
 {
   public:
     using std::runtime_error::runtime_error;
+    Error(const std::string& text, std::string name, std::string message) :
+        std::runtime_error(text), errorName(std::move(name)),
+        errorMessage(std::move(message))
+    {}
+
+    const std::string& name() const
+    {
+        return errorName;
+    }
+    const std::string& message() const
+    {
+        return errorMessage;
+    }
+
+  private:
+    std::string errorName;
+    std::string errorMessage;
 };
 
 // Values the daemon publishes, with their D-Bus signatures s, b, i, u, t, x,
@@ -253,8 +271,10 @@ class ObjectServer
     std::unique_ptr<sdbus::IObject> root;
 };
 
-// A signal match on the connection for InterfacesAdded signals. The callback
-// runs on the loop thread with the object path and its interfaces.
+// A signal match on the connection for InterfacesAdded or PropertiesChanged
+// signals. The callback runs on the loop thread with the object path and its
+// interfaces: those added, or the one whose properties changed, with the
+// changed values.
 class Match
 {
   public:

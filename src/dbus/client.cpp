@@ -1,5 +1,6 @@
 #include "client.hpp"
 
+#include "binding.hpp"
 #include "bus.hpp"
 #include "common/logging.hpp"
 #include "convert.hpp"
@@ -15,23 +16,42 @@ namespace
 {
 constexpr auto propertiesInterface = "org.freedesktop.DBus.Properties";
 
-std::unique_ptr<sdbus::IConnection> temporaryConnection()
+// The call on a connection of its own, with the arguments that write puts
+// into it; read takes what it needs of the reply.
+template <typename Write, typename Read>
+auto callOnce(const std::string& service, const std::string& path,
+              const std::string& interface, const std::string& method,
+              Write write, Read read)
 {
-    return sdbus::createSystemBusConnection();
+    auto connection = binding::systemBus();
+    auto proxy = binding::createProxy(*connection, service, path);
+    auto call = binding::createMethodCall(*proxy, interface, method);
+    write(call);
+    auto reply = proxy->callMethod(call);
+    return read(reply);
+}
+
+template <typename Result, typename... Arguments>
+Result callForValue(const std::string& service, const std::string& path,
+                    const std::string& interface, const std::string& method,
+                    const Arguments&... arguments)
+{
+    return callOnce(
+        service, path, interface, method,
+        [&](sdbus::MethodCall& call) { ((call << arguments), ...); },
+        [](sdbus::MethodReply& reply) {
+        Result result{};
+        reply >> result;
+        return result;
+        });
 }
 
 sdbus::Variant getProperty(const std::string& service, const std::string& path,
                            const std::string& interface,
                            const std::string& property)
 {
-    auto connection = temporaryConnection();
-    auto proxy = sdbus::createProxy(*connection, service, path);
-    sdbus::Variant value;
-    proxy->callMethod("Get")
-        .onInterface(propertiesInterface)
-        .withArguments(interface, property)
-        .storeResultsTo(value);
-    return value;
+    return callForValue<sdbus::Variant>(service, path, propertiesInterface,
+                                        "Get", interface, property);
 }
 
 // A failed call whose reply is ignored reports, as the daemon's log lines
@@ -41,16 +61,30 @@ sdbus::Variant getProperty(const std::string& service, const std::string& path,
     throw Error("sd_bus_call noreply: " + e.getName() + ": " + e.getMessage());
 }
 
-sdbus::MethodCall makeCall(sdbus::IProxy& proxy, const std::string& interface,
-                           const std::string& method,
-                           const std::vector<Argument>& arguments)
+void appendArguments(sdbus::MethodCall& call,
+                     const std::vector<Argument>& arguments)
 {
-    auto call = proxy.createMethodCall(interface, method);
     for (const auto& argument : arguments)
     {
         std::visit([&call](const auto& value) { call << value; }, argument);
     }
-    return call;
+}
+
+template <typename Result>
+Result callForResult(const std::string& service, const std::string& path,
+                     const std::string& interface, const std::string& method,
+                     const std::vector<Argument>& arguments)
+{
+    return translateErrors([&]() {
+        return callOnce(
+            service, path, interface, method,
+            [&](sdbus::MethodCall& call) { appendArguments(call, arguments); },
+            [](sdbus::MethodReply& reply) {
+            Result result{};
+            reply >> result;
+            return result;
+            });
+    });
 }
 } // namespace
 
@@ -88,12 +122,7 @@ void setPropertyValue(const std::string& path, const std::string& interface,
     std::lock_guard lock(dbusClientMutex);
     try
     {
-        auto connection = temporaryConnection();
-        auto proxy = sdbus::createProxy(*connection, "com.halvex.vpdd", path);
-        proxy->callMethod("Set")
-            .onInterface(propertiesInterface)
-            .withArguments(interface, std::string("IpmiFruName"),
-                           sdbus::Variant(value));
+        setProperty("com.halvex.vpdd", path, interface, "IpmiFruName", value);
     }
     catch (const std::exception& e)
     {
@@ -135,13 +164,9 @@ std::vector<std::string> getDbusInterfaces(const std::string& service,
     std::lock_guard lock(dbusClientMutex);
     try
     {
-        auto connection = temporaryConnection();
-        auto proxy = sdbus::createProxy(*connection, service, path);
-        std::string xml;
-        proxy->callMethod("Introspect")
-            .onInterface("org.freedesktop.DBus.Introspectable")
-            .storeResultsTo(xml);
-        return interfacesOfIntrospection(xml);
+        return interfacesOfIntrospection(callForValue<std::string>(
+            service, path, "org.freedesktop.DBus.Introspectable",
+            "Introspect"));
     }
     catch (const std::exception& e)
     {
@@ -150,49 +175,46 @@ std::vector<std::string> getDbusInterfaces(const std::string& service,
     return {};
 }
 
+namespace
+{
+using RawObjects =
+    std::map<sdbus::ObjectPath,
+             std::map<std::string, std::map<std::string, sdbus::Variant>>>;
+
+RawObjects getRawManagedObjects(const std::string& service,
+                                const std::string& path)
+{
+    return translateErrors([&]() {
+        return callForValue<RawObjects>(service, path,
+                                        "org.freedesktop.DBus.ObjectManager",
+                                        "GetManagedObjects");
+    });
+}
+
+AnyProperties toAnyProperties(
+    const std::map<std::string, sdbus::Variant>& properties)
+{
+    AnyProperties result;
+    for (const auto& [name, value] : properties)
+    {
+        result.emplace(name, toAnyValue(value));
+    }
+    return result;
+}
+} // namespace
+
 ManagedObjects getManagedObjects(const std::string& service,
                                  const std::string& path)
 {
-    try
+    const auto raw = getRawManagedObjects(service, path);
+    ManagedObjects objects;
+    objects.reserve(raw.size());
+    for (const auto& [objectPath, interfaces] : raw)
     {
-        auto connection = temporaryConnection();
-        auto proxy = sdbus::createProxy(*connection, service, path);
-        std::map<sdbus::ObjectPath,
-                 std::map<std::string, std::map<std::string, sdbus::Variant>>>
-            raw;
-        proxy->callMethod("GetManagedObjects")
-            .onInterface("org.freedesktop.DBus.ObjectManager")
-            .storeResultsTo(raw);
-        ManagedObjects objects;
-        objects.reserve(raw.size());
-        for (const auto& [objectPath, interfaces] : raw)
-        {
-            objects.emplace_back(objectPath, toInterfaceProperties(interfaces));
-        }
-        return objects;
+        objects.emplace_back(objectPath, toInterfaceProperties(interfaces));
     }
-    catch (const sdbus::Error& e)
-    {
-        throw Error(e.what());
-    }
+    return objects;
 }
-
-namespace
-{
-// The call on a connection of its own; read takes what it needs of the
-// reply.
-template <typename Read>
-auto callOnce(const std::string& service, const std::string& path,
-              const std::string& interface, const std::string& method,
-              const std::vector<Argument>& arguments, Read read)
-{
-    auto connection = temporaryConnection();
-    auto proxy = sdbus::createProxy(*connection, service, path);
-    auto call = makeCall(*proxy, interface, method, arguments);
-    auto reply = proxy->callMethod(call);
-    return read(reply);
-}
-} // namespace
 
 void callMethod(const std::string& service, const std::string& path,
                 const std::string& interface, const std::string& method,
@@ -200,8 +222,10 @@ void callMethod(const std::string& service, const std::string& path,
 {
     try
     {
-        callOnce(service, path, interface, method, arguments,
-                 [](sdbus::MethodReply&) {});
+        callOnce(
+            service, path, interface, method,
+            [&](sdbus::MethodCall& call) { appendArguments(call, arguments); },
+            [](sdbus::MethodReply&) {});
     }
     catch (const sdbus::Error& e)
     {
@@ -214,19 +238,58 @@ std::int32_t callMethodInt32(
     const std::string& interface, const std::string& method,
     const std::vector<Argument>& arguments)
 {
-    try
+    return callForResult<std::int32_t>(service, path, interface, method,
+                                       arguments);
+}
+
+std::uint32_t callMethodUint32(
+    const std::string& service, const std::string& path,
+    const std::string& interface, const std::string& method,
+    const std::vector<Argument>& arguments)
+{
+    return callForResult<std::uint32_t>(service, path, interface, method,
+                                        arguments);
+}
+
+AnyObjects getAnyManagedObjects(const std::string& service,
+                                const std::string& path)
+{
+    AnyObjects objects;
+    for (const auto& [objectPath, interfaces] :
+         getRawManagedObjects(service, path))
     {
-        return callOnce(service, path, interface, method, arguments,
-                        [](sdbus::MethodReply& reply) {
-            std::int32_t result = 0;
-            reply >> result;
-            return result;
-        });
+        auto& converted = objects[objectPath];
+        for (const auto& [interface, properties] : interfaces)
+        {
+            converted.emplace(interface, toAnyProperties(properties));
+        }
     }
-    catch (const sdbus::Error& e)
-    {
-        throw Error(e.what());
-    }
+    return objects;
+}
+
+AnyProperties getAllProperties(const std::string& service,
+                               const std::string& path,
+                               const std::string& interface)
+{
+    return translateErrors([&]() {
+        return toAnyProperties(
+            callForValue<std::map<std::string, sdbus::Variant>>(
+                service, path, propertiesInterface, "GetAll", interface));
+    });
+}
+
+void setProperty(const std::string& service, const std::string& path,
+                 const std::string& interface, const std::string& property,
+                 const DbusVariant& value)
+{
+    translateErrors([&]() {
+        callOnce(
+            service, path, propertiesInterface, "Set",
+            [&](sdbus::MethodCall& call) {
+            call << interface << property << toBindingVariant(value);
+            },
+            [](sdbus::MethodReply&) {});
+    });
 }
 
 } // namespace hwtopod::dbus

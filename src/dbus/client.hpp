@@ -6,7 +6,10 @@
 
 #include "common/types.hpp"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -59,10 +62,44 @@ void callMethod(const std::string& service, const std::string& path,
                 const std::string& interface, const std::string& method,
                 const std::vector<Argument>& arguments);
 
-// A blocking method call whose reply is one int32. Throws Error.
+// A blocking method call whose reply is one int32, or one uint32. Throws
+// Error.
 std::int32_t callMethodInt32(
     const std::string& service, const std::string& path,
     const std::string& interface, const std::string& method,
     const std::vector<Argument>& arguments);
+std::uint32_t callMethodUint32(
+    const std::string& service, const std::string& path,
+    const std::string& interface, const std::string& method,
+    const std::vector<Argument>& arguments);
+
+// The calls below are for tools and tests, which show whatever a service
+// publishes; each throws Error, with the bus error's name and text.
+
+// A value of any D-Bus type: its signature, and its content as JSON when it
+// is of a basic type or an array of one, else null.
+struct AnyValue
+{
+    std::string signature;
+    nlohmann::json content;
+};
+
+using AnyProperties = std::map<std::string, AnyValue>;
+
+// Object paths, each with its interfaces and their properties.
+using AnyObjects = std::map<std::string, std::map<std::string, AnyProperties>>;
+
+AnyObjects getAnyManagedObjects(const std::string& service,
+                                const std::string& path);
+
+// GetAll of one interface.
+AnyProperties getAllProperties(const std::string& service,
+                               const std::string& path,
+                               const std::string& interface);
+
+// Set of one property.
+void setProperty(const std::string& service, const std::string& path,
+                 const std::string& interface, const std::string& property,
+                 const DbusVariant& value);
 
 } // namespace hwtopod::dbus

@@ -123,7 +123,7 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
               sandboxPath("sys/devices/platform/i2c/i2c-30"));
     EXPECT_EQ(test::getProperty("com.halvex.hwtopod", "/chassis/bp/Static/BP_1",
                                 "com.halvex.hwtopod.backplane", "Connector")
-                  .get<std::uint64_t>(),
+                  .content.get<std::uint64_t>(),
               5U);
 
     // A virtual backplane is recorded but raises no presence event.
@@ -206,7 +206,7 @@ TEST_F(StaticDiscovery, MidplaneFromThePowerDistributionBoard)
     EXPECT_EQ(test::getProperty("com.halvex.hwtopod",
                                 "/chassis/midplane/Midplane_A",
                                 "com.halvex.hwtopod.midplane", "Bus")
-                  .get<std::uint64_t>(),
+                  .content.get<std::uint64_t>(),
               60U);
     EXPECT_TRUE(eventsSoFar().empty());
 }

@@ -1,8 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Builds the tree as an image does, in BUILD/image-build, installs it into a
-fresh DESTDIR and checks that against the example recipe and the daemon's
-needs. Usage: check_image.py BUILD SOURCE [meson setup option...]"""
+"""Builds the tree as an image does, in BUILD/image-build, with the options
+the example recipe gives, installs it into a fresh DESTDIR and checks that
+against the recipe and the daemon's needs; configures it once more with the
+options the README gives and a prefix of its own, and checks that nothing
+but the daemon's fixed data directory is installed outside that prefix.
+Usage: check_image.py BUILD SOURCE [meson setup option...]"""
 
 import hashlib, json, os, re, subprocess, sys, tempfile, unittest
 from fnmatch import fnmatch
@@ -25,6 +28,17 @@ def run(*command):
     return done.stdout
 
 
+def readme_options():
+    """The image build's options as the README and the integration guide
+    write them, which must be the same."""
+    lines = {name: re.findall(r"^ +meson setup build (-D.*-Dsimulator=.*)$",
+                              Path(SOURCE, name).read_text(), re.M)
+             for name in ("README.md", "docs/integration.md")}
+    assert lines["README.md"] and lines["README.md"] == lines[
+        "docs/integration.md"], lines
+    return lines["README.md"][0].split()
+
+
 def recipe():
     text = Path(SOURCE, "packaging/yocto/hwtopod_git.bb").read_text()
     text = text.replace("\\\n", " ")
@@ -44,11 +58,11 @@ class ImageBuild(unittest.TestCase):
         # Kept, so that a later run rebuilds only what changed; without
         # optimisation or debug information, which matter not here.
         build = os.path.join(BUILD, "image-build")
+        cls.setup = ["-Doptimization=0", "-Ddebug=false", "-Dfpga_library_dir="
+                     + os.path.join(BUILD, "sim/libfpga"), *sys.argv[3:]]
         run("meson", "setup", *["--reconfigure"] * os.path.exists(build),
-            build, SOURCE, "--prefix=/usr", "-Dtests=disabled",
-            "-Dsimulator=disabled", "-Doptimization=0", "-Ddebug=false",
-            "-Dfpga_library_dir=" + os.path.join(BUILD, "sim/libfpga"),
-            *sys.argv[3:])
+            build, SOURCE, "--prefix=/usr", *recipe()["EXTRA_OEMESON"],
+            *cls.setup)
         run("ninja", "-C", build)
         run("meson", "install", "-C", build, "--no-rebuild", "--destdir", root)
         cls.targets = json.loads(run("meson", "introspect", build, "-a"))
@@ -67,6 +81,9 @@ class ImageBuild(unittest.TestCase):
             path = re.sub("^/lib/", "/usr/lib/", path)
             self.assertTrue(any(fnmatch(path, c) or path.startswith(c + "/")
                                 for c in claims), path + " is not claimed")
+        version = json.loads(run("meson", "introspect", os.path.join(
+            BUILD, "image-build"), "--projectinfo"))["version"]
+        self.assertEqual(values["PV"], [version + "+git"])
         self.assertEqual(values["SYSTEMD_SERVICE:${PN}"],
                          [os.path.basename(self.unit)])
         for dependency in self.targets["dependencies"]:
@@ -77,6 +94,18 @@ class ImageBuild(unittest.TestCase):
             "RDEPENDS:${PN}"]))
         licence = hashlib.md5(Path(SOURCE, "LICENSE").read_bytes())
         self.assertIn("md5=" + licence.hexdigest(), values["LIC_FILES_CHKSUM"][0])
+
+    def test_installs_below_any_prefix(self):
+        # What meson install would put where, read without building.
+        prefix, build = "/opt/hwtopod-prefix", os.path.join(BUILD, "prefix-build")
+        run("meson", "setup", *["--reconfigure"] * os.path.exists(build), build,
+            SOURCE, "--prefix=" + prefix, *readme_options(), *self.setup)
+        places = json.loads(run("meson", "introspect", build, "--installed"))
+        outside = [path for path in places.values()
+                   if not path.startswith((prefix + "/", RULE_DIR + "/"))]
+        self.assertEqual(outside, [])
+        self.assertIn(prefix + "/lib/systemd/system/vpdd.service.d/"
+                      "after-hwtopod.conf", places.values())
 
     def test_daemon_rule_files_and_unit(self):
         self.assertIn("[libfpga.so.0]", self.daemon)

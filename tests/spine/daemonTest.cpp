@@ -59,7 +59,7 @@ TEST(Daemon, PublishesThePlatformWithoutVpdOrFpga)
         service, "/com/halvex/platform/basecfg", "com.halvex.hwtopod.hardware");
     // The facts themselves are those of the simulated machine; here only
     // the revision, which falls back to its default without the VPD service.
-    EXPECT_EQ(hardware.at("HardwareRevision").get<std::uint64_t>(), 1U);
+    EXPECT_EQ(hardware.at("HardwareRevision").content.get<std::uint64_t>(), 1U);
 
     const auto log = daemon.standardError();
     EXPECT_THAT(log, HasSubstr("[INFO] Halvex Intel BHS Platform: Mainstream "

@@ -1,9 +1,10 @@
 #include "collectParts.hpp"
 #include "common/jsonNumber.hpp"
 #include "common/paths.hpp"
+#include "dbus/bus.hpp"
+#include "dbus/client.hpp"
 #include "inspect.hpp"
 
-#include <sdbus-c++/sdbus-c++.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,53 +25,20 @@ namespace
 {
 
 using Json = nlohmann::json;
-using Properties = std::map<std::string, sdbus::Variant>;
-using ManagedObjects =
-    std::map<sdbus::ObjectPath, std::map<std::string, Properties>>;
+using Properties = dbus::AnyProperties;
+using ManagedObjects = dbus::AnyObjects;
 
 const std::vector<std::string> resultFiles = {
     "backplanes_found.json", "risers_found.json", "midplanes_found.json"};
 
-template <typename T>
-Json take(const sdbus::Variant& value)
+// A value of a type without JSON form shows its signature.
+Json toJson(const dbus::AnyValue& value)
 {
-    return Json(value.get<T>());
-}
-
-Json toJson(const sdbus::Variant& value)
-{
-    static const std::map<std::string, Json (*)(const sdbus::Variant&)>
-        readers = {
-            {"s", take<std::string>},
-            {"o", take<std::string>},
-            {"b", take<bool>},
-            {"y", take<std::uint8_t>},
-            {"n", take<std::int16_t>},
-            {"q", take<std::uint16_t>},
-            {"i", take<std::int32_t>},
-            {"u", take<std::uint32_t>},
-            {"x", take<std::int64_t>},
-            {"t", take<std::uint64_t>},
-            {"d", take<double>},
-            {"as", take<std::vector<std::string>>},
-            {"ab", take<std::vector<bool>>},
-            {"ay", take<std::vector<std::uint8_t>>},
-            {"ai", take<std::vector<std::int32_t>>},
-            {"au", take<std::vector<std::uint32_t>>},
-            {"ax", take<std::vector<std::int64_t>>},
-            {"at", take<std::vector<std::uint64_t>>},
-            {"ad", take<std::vector<double>>},
-        };
-    if (value.isEmpty())
+    if (value.signature.empty() || !value.content.is_null())
     {
-        return nullptr;
+        return value.content;
     }
-    auto reader = readers.find(value.peekValueType());
-    if (reader == readers.end())
-    {
-        return "<" + std::string(value.peekValueType()) + ">";
-    }
-    return reader->second(value);
+    return "<" + value.signature + ">";
 }
 
 // Properties of all interfaces of an object, in one map.
@@ -131,19 +99,6 @@ Json i2cLink(const Root& root, const std::string& name)
     return result;
 }
 
-std::optional<pid_t> daemonPid(sdbus::IConnection& connection,
-                               const std::string& service)
-{
-    auto proxy = sdbus::createProxy(connection, "org.freedesktop.DBus",
-                                    "/org/freedesktop/DBus");
-    std::uint32_t pid = 0;
-    proxy->callMethod("GetConnectionUnixProcessID")
-        .onInterface("org.freedesktop.DBus")
-        .withArguments(service)
-        .storeResultsTo(pid);
-    return static_cast<pid_t>(pid);
-}
-
 // Riser number from an object's properties; 0 when it has none.
 unsigned riserSlot(const Json& properties)
 {
@@ -160,21 +115,20 @@ ManagedObjects readObjects(const Options& options, std::optional<pid_t>& pid,
     ManagedObjects objects;
     try
     {
-        auto connection = sdbus::createSystemBusConnection();
         if (!pid)
         {
-            pid = daemonPid(*connection, options.service);
+            pid = static_cast<pid_t>(dbus::callMethodUint32(
+                "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                {options.service}));
         }
-        auto proxy = sdbus::createProxy(*connection, options.service, "/");
-        proxy->callMethod("GetManagedObjects")
-            .onInterface("org.freedesktop.DBus.ObjectManager")
-            .storeResultsTo(objects);
+        objects = dbus::getAnyManagedObjects(options.service, "/");
     }
-    catch (const sdbus::Error& e)
+    catch (const dbus::Error& e)
     {
-        errors.push_back("D-Bus: " + e.getName() + ": " + e.getMessage());
+        errors.push_back("D-Bus: " + e.name() + ": " + e.message());
         failures.push_back(
-            options.service + " is not on the system bus: " + e.getMessage());
+            options.service + " is not on the system bus: " + e.message());
     }
     return objects;
 }

@@ -19,8 +19,9 @@ namespace hwtopod::inspect
 // files; an empty one, with the reason under errors, when it cannot be read.
 nlohmann::json registryMessages(const Root& root, nlohmann::json& errors);
 
-// The daemon's Redfish records: this process, this boot, since it started,
-// each with its text from the registry.
+// The Redfish records of the daemon's service this boot: of every process
+// it has run, the one given included, each with the process that wrote it
+// and its text from the registry.
 nlohmann::json journalEvents(pid_t pid, const nlohmann::json& messages,
                              nlohmann::json& errors);
 

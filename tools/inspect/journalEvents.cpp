@@ -5,12 +5,15 @@
 
 #include <systemd/sd-id128.h>
 #include <systemd/sd-journal.h>
+#include <systemd/sd-login.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -22,26 +25,36 @@ using Json = nlohmann::json;
 namespace
 {
 
-// Realtime microseconds at which a process started; 0 when unknown.
-std::uint64_t processStart(pid_t pid)
+// Field index (counted from 1, as in proc(5)) of /proc/PID/stat; empty when
+// the process or the field is not there.
+std::string statField(pid_t pid, int wanted)
 {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string text;
-    if (!std::getline(stat, text))
+    if (!std::getline(stat, text) || text.rfind(')') == std::string::npos)
     {
-        return 0;
+        return {};
     }
     // Fields after the command name, which is in parentheses.
-    std::istringstream rest(text.substr(text.rfind(')') + 2));
+    std::istringstream rest(text.substr(text.rfind(')') + 1));
     std::string field;
-    std::uint64_t ticks = 0;
     for (int index = 3; rest >> field; ++index)
     {
-        if (index == 22)
+        if (index == wanted)
         {
-            ticks = decimalInteger<std::uint64_t>(field).value_or(0);
-            break;
+            return field;
         }
+    }
+    return {};
+}
+
+// Realtime microseconds at which a process started; 0 when unknown.
+std::uint64_t processStart(pid_t pid)
+{
+    const auto ticks = decimalInteger<std::uint64_t>(statField(pid, 22));
+    if (!ticks)
+    {
+        return 0;
     }
     timespec now{};
     timespec boot{};
@@ -54,7 +67,45 @@ std::uint64_t processStart(pid_t pid)
     const auto hz = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
     const auto bootedAt = toMicro(now) - toMicro(boot);
     // One tick of slack: the start time is rounded down to a tick.
-    return bootedAt + ticks * 1000000ULL / hz - 1000000ULL / hz;
+    return bootedAt + *ticks * 1000000ULL / hz - 1000000ULL / hz;
+}
+
+// Which records are the service's: journal matches, and the time to read
+// from (0: the start of the boot).
+struct ServiceRecords
+{
+    std::string match;
+    std::uint64_t since = 0;
+};
+
+// The service's processes are every process the daemon's unit has run this
+// boot, restarts included: the unit's records, as journalctl -b -u shows
+// them. That holds where the daemon is a service of the system's manager,
+// PID 1, its parent. Elsewhere (the simulator, the tests) there is no unit,
+// and the same executable may have run many times this boot for other
+// machines; there the service is the daemon's executable as run by the
+// daemon's parent, which starts it again as a unit would: every process of
+// that executable since the parent started. When even that is unknown, the
+// daemon's own process since it started.
+ServiceRecords serviceRecords(pid_t pid)
+{
+    const auto parent = decimalInteger<pid_t>(statField(pid, 4));
+    char* unit = nullptr;
+    if (parent == 1 && sd_pid_get_unit(pid, &unit) >= 0)
+    {
+        ServiceRecords records{std::string("_SYSTEMD_UNIT=") + unit};
+        std::free(unit);
+        return records;
+    }
+    std::error_code error;
+    const auto executable = std::filesystem::read_symlink(
+        "/proc/" + std::to_string(pid) + "/exe", error);
+    const auto parentStart = parent ? processStart(*parent) : 0;
+    if (!error && parentStart != 0)
+    {
+        return {"_EXE=" + executable.string(), parentStart};
+    }
+    return {"_PID=" + std::to_string(pid), processStart(pid)};
 }
 
 // One Redfish record as the report shows it, its text from the registry.
@@ -120,8 +171,8 @@ Json journalEvents(pid_t pid, const Json& messages, Json& errors)
         errors.push_back("cannot open the journal");
         return events;
     }
-    const auto pidMatch = "_PID=" + std::to_string(pid);
-    sd_journal_add_match(journal, pidMatch.c_str(), 0);
+    const auto service = serviceRecords(pid);
+    sd_journal_add_match(journal, service.match.c_str(), 0);
     sd_id128_t boot{};
     if (sd_id128_get_boot(&boot) >= 0)
     {
@@ -130,10 +181,9 @@ Json journalEvents(pid_t pid, const Json& messages, Json& errors)
             "_BOOT_ID=" + std::string(sd_id128_to_string(boot, text));
         sd_journal_add_match(journal, bootMatch.c_str(), 0);
     }
-    const auto since = processStart(pid);
-    if (since != 0)
+    if (service.since != 0)
     {
-        sd_journal_seek_realtime_usec(journal, since);
+        sd_journal_seek_realtime_usec(journal, service.since);
     }
     else
     {
@@ -144,7 +194,9 @@ Json journalEvents(pid_t pid, const Json& messages, Json& errors)
         auto fields = recordFields(journal);
         if (fields.contains("REDFISH_MESSAGE_ID"))
         {
-            events.push_back(eventOf(fields, messages));
+            auto event = eventOf(fields, messages);
+            event["pid"] = decimalInteger<pid_t>(fields["_PID"]).value_or(0);
+            events.push_back(std::move(event));
         }
     }
     sd_journal_close(journal);

@@ -3,6 +3,7 @@
 
 #include <cctype>
 #include <charconv>
+#include <set>
 #include <sstream>
 
 namespace hwtopod::inspect
@@ -184,6 +185,18 @@ void renderPresence(std::ostringstream& out, const Json& presence)
     out << "  absent:  " << (absent.empty() ? "-" : absent) << "\n";
 }
 
+// Whether more than one process wrote the records, as after a restart: then
+// each is shown with its process.
+bool severalWriters(const Json& events)
+{
+    std::set<Json> writers;
+    for (const auto& event : events)
+    {
+        writers.insert(event["pid"]);
+    }
+    return writers.size() > 1;
+}
+
 } // namespace
 
 std::string describeEvent(const Json& message,
@@ -232,6 +245,10 @@ std::string render(const Json& document)
     out << "hwtopod on " << text(service["name"]) << ": "
         << (service["onBus"] == true ? "running" : "not on the bus") << ", pid "
         << text(service["pid"]) << "\n";
+    const auto writer =
+        [several = severalWriters(document["events"])](const Json& event) {
+        return several ? "pid " + text(event["pid"]) + "  " : std::string();
+    };
     for (const auto& error : document["errors"])
     {
         out << "  ! " << text(error) << "\n";
@@ -267,8 +284,9 @@ std::string render(const Json& document)
     {
         if (event["problem"] == true)
         {
-            out << "  " << text(event["id"]) << "  " << text(event["severity"])
-                << ": " << text(event["text"]) << "\n";
+            out << "  " << writer(event) << text(event["id"]) << "  "
+                << text(event["severity"]) << ": " << text(event["text"])
+                << "\n";
         }
     }
     section(out, "Other events");
@@ -277,8 +295,8 @@ std::string render(const Json& document)
     {
         if (event["problem"] == false)
         {
-            out << "  " << text(event["id"]) << "  " << text(event["text"])
-                << "\n";
+            out << "  " << writer(event) << text(event["id"]) << "  "
+                << text(event["text"]) << "\n";
             ++others;
         }
     }
