@@ -548,8 +548,8 @@ def split_rows(splits):
          "median %.2f ms, %d" % (median("bus cpu"), median("bus blocks"))),
         ("Split: log lines, result files renamed",
          "median %d, %d" % (median("lines"), median("renames"))),
-        ("Split: %s result files synced and renamed, their directory "
-         "synced, in a row" % " or ".join(str(f) for f in files),
+        ("Split: result files synced and renamed in a row (%s files and "
+         "one sync of their directory)" % " or ".join(str(f) for f in files),
          "median %.2f ms" % median("sync floor")),
     ]
 
