@@ -18,6 +18,16 @@ on a private bus:
     stand-in, votes at the power management stand-in), timed as plain round
     trips on the same bus by bench/hwtopod-bench-floor, each on a connection
     of its own as the daemon makes its client calls, and discovery / floor;
+  - the split of a discovery, from what the kernel and the log already
+    keep, so that nothing is added to the daemon: the discovery worker's
+    time on a CPU, waiting for one, and blocked (on peers, the bus thread,
+    file syncs), from /proc/<pid>/task/<tid>/schedstat before the VPD
+    stand-in starts and after discovery; its blocks and preemptions (the
+    context switches of /proc/<pid>/task/<tid>/status); the bus thread's CPU
+    time; the log lines from "matchVpdd completed" to "Board discovery has
+    ended"; the result files renamed; and, like the floor, what the syncs of
+    as many files of the same size and of their directory take in a row on
+    the same file system;
   - resident memory (VmRSS) after discovery, and after 1,000 objects;
   - CPU time used in 60 s of idling after discovery;
   - GPIO edge to journal record: edges written to the GPIO library stand-in's
@@ -67,6 +77,7 @@ class Daemon:
             self.ready_path = json.load(stream)["objects"][-1]["path"]
         self.vpdd_lines = []
         self.calls = (0, 0)
+        self.split = {}
         results = os.path.join(self.sandbox, "root/var/configuration")
         os.makedirs(results, exist_ok=True)
         self.results = ResultWatch(results)
@@ -142,10 +153,12 @@ class Daemon:
         # The FPGA read-out is over once the fan types are logged.
         self.wait_for("getFpgaFanInfo 1U fan 8")
         votes_before = count_votes(self.votes_file)
+        threads_before = self.thread_stats()
         self.start_vpdd()
         # Logged on the discovery worker after its last result file, so
         # every rename of this discovery is in the watch's queue by now.
         self.wait_for("Board discovery has ended")
+        threads_after = self.thread_stats()
         written = self.results.drain()
         self.sync_vpdd()
         ready = [stamp for stamp, path in self.vpdd_records("published")
@@ -157,7 +170,85 @@ class Daemon:
                  for stamp, _ in self.vpdd_records(kind)
                  if ready[0] <= stamp <= end]
         self.calls = (len(calls), count_votes(self.votes_file) - votes_before)
-        return (end - ready[0]) / 1e6
+        took = (end - ready[0]) / 1e6
+        self.split = self.split_of(took, threads_before, threads_after)
+        self.split["renames"] = len(written)
+        self.split["sync floor"] = self.sync_floor(len(written))
+        return took
+
+    def thread_stats(self):
+        """{thread name: (ns on a CPU, ns waiting for one, voluntary and
+        involuntary context switches)} of the daemon's named threads."""
+        stats = {}
+        tasks = "/proc/%d/task" % self.process.pid
+        for tid in os.listdir(tasks):
+            try:
+                with open(os.path.join(tasks, tid, "comm")) as comm:
+                    name = comm.read().strip()
+                with open(os.path.join(tasks, tid, "schedstat")) as stat:
+                    cpu, waiting = map(int, stat.read().split()[:2])
+                with open(os.path.join(tasks, tid, "status")) as status:
+                    switches = dict(line.split(":\t") for line in status
+                                    if "ctxt_switches" in line)
+            except OSError:
+                continue
+            stats[name] = (cpu, waiting,
+                           int(switches["voluntary_ctxt_switches"]),
+                           int(switches["nonvoluntary_ctxt_switches"]))
+        return stats
+
+    def split_of(self, took, before, after):
+        """The split of a discovery of took ms, from the thread stats before
+        the VPD stand-in started and after discovery had ended. Before the
+        ready signal the worker only merges the other objects' signals, so
+        its figures are those of the discovery, give or take that."""
+        def delta(name):
+            if name not in before or name not in after:
+                raise RuntimeError("no daemon thread named " + name)
+            return [b - a for a, b in zip(before[name], after[name])]
+        worker = delta("discovery")
+        bus = delta("bus")
+        self._poll()
+        start = max(i for i, line in enumerate(self.log)
+                    if "matchVpdd completed" in line)
+        end = max(i for i, line in enumerate(self.log)
+                  if "Board discovery has ended" in line)
+        return {"cpu": worker[0] / 1e6, "runnable": worker[1] / 1e6,
+                "blocked": max(0.0, took - (worker[0] + worker[1]) / 1e6),
+                "blocks": worker[2], "preempted": worker[3],
+                "bus cpu": bus[0] / 1e6, "bus blocks": bus[2],
+                "lines": end - start + 1}
+
+    def sync_floor(self, renames, repeats=5):
+        """Median ms that as many renames of freshly written and synced
+        files, of the result files' sizes now, and one sync of their
+        directory take in a row, in a directory of the sandbox on the same
+        file system."""
+        results = os.path.join(self.sandbox, "root/var/configuration")
+        texts = []
+        for name in RESULTS:
+            try:
+                with open(os.path.join(results, name), "rb") as stream:
+                    texts.append(stream.read())
+            except FileNotFoundError:
+                pass
+        directory = os.path.join(self.sandbox, "sync-floor")
+        os.makedirs(directory, exist_ok=True)
+        times = []
+        for _ in range(repeats):
+            start = time.monotonic_ns()
+            for i in range(renames if texts else 0):
+                path = os.path.join(directory, "%d.json" % (i % len(texts)))
+                with open(path + ".tmp", "wb") as stream:
+                    stream.write(texts[i % len(texts)])
+                    stream.flush()
+                    os.fsync(stream.fileno())
+                os.rename(path + ".tmp", path)
+            fd = os.open(directory, os.O_RDONLY | os.O_DIRECTORY)
+            os.fsync(fd)
+            os.close(fd)
+            times.append((time.monotonic_ns() - start) / 1e6)
+        return statistics.median(times)
 
     def sync_vpdd(self):
         """Waits until every line the VPD stand-in has written so far has
@@ -415,11 +506,13 @@ def discovery_rows(build, address, votes, runs, extra, first):
     daemon after its discovery."""
     times = []
     floors = []
+    splits = []
     for run in range(runs):
         daemon = Daemon(build, address, votes, extra)
         try:
             times.append(daemon.discovery_time())
             floors.append(daemon.floor())
+            splits.append(daemon.split)
             if run == 0:
                 first(daemon)
         finally:
@@ -437,6 +530,27 @@ def discovery_rows(build, address, votes, runs, extra, first):
          "median %.2f ms" % statistics.median(f[2] for f in floors)),
         ("Its ratio discovery / floor", "median %.2f, min %.2f, max %.2f"
          % (statistics.median(ratios), min(ratios), max(ratios))),
+    ] + split_rows(splits)
+
+
+def split_rows(splits):
+    """The medians of the runs' splits."""
+    def median(key):
+        return statistics.median(split[key] for split in splits)
+    files = sorted(set(split["renames"] for split in splits))
+    return [
+        ("Split: discovery worker on a CPU / waiting for one / blocked",
+         "median %.2f / %.2f / %.2f ms"
+         % (median("cpu"), median("runnable"), median("blocked"))),
+        ("Split: its blocks / its preemptions",
+         "median %d / %d" % (median("blocks"), median("preempted"))),
+        ("Split: bus thread on a CPU, its blocks",
+         "median %.2f ms, %d" % (median("bus cpu"), median("bus blocks"))),
+        ("Split: log lines, result files renamed",
+         "median %d, %d" % (median("lines"), median("renames"))),
+        ("Split: result files synced and renamed in a row (%s files and "
+         "one sync of their directory)" % " or ".join(str(f) for f in files),
+         "median %.2f ms" % median("sync floor")),
     ]
 
 

@@ -75,19 +75,21 @@ LogLine::LogLine(LogLevel level)
 {
     // Decided once: the daemon never changes its standard error.
     static const bool journal = stderrIsJournal();
+    // Most lines fit, so the text is allocated once.
+    text.reserve(128);
     if (journal)
     {
         const auto index = static_cast<std::size_t>(level);
-        stream << priorities[index < priorities.size() ? index
-                                                       : priorities.size() - 1];
+        text += priorities[index < priorities.size() ? index
+                                                     : priorities.size() - 1];
     }
-    stream << logPrefix(level) << ' ';
+    text += logPrefix(level);
+    text += ' ';
 }
 
 LogLine::~LogLine()
 {
-    stream << '\n';
-    const std::string text = stream.str();
+    text += '\n';
     // Written straight to the descriptor: a stream would keep a failed
     // write as sticky state and drop every later line of every thread. A
     // failed write costs this line alone; there is nowhere to report it.

@@ -1,8 +1,13 @@
 #pragma once
 
+#include <array>
+#include <charconv>
 #include <cstdint>
 #include <sstream>
+#include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 namespace hwtopod
 {
@@ -17,9 +22,12 @@ enum class LogLevel : std::uint8_t
     disabled = 5,
 };
 
-// One log line on standard error. The text is collected in the stream and
-// written in a single insertion when the object dies, so lines of different
-// threads can only meet at the newline.
+// One log line on standard error. The text is collected in the object and
+// written in a single insertion when it dies, so lines of different threads
+// can only meet at the newline. Text and integers are appended as they are,
+// without a stream: the daemon logs a few hundred lines a discovery, and a
+// stream for each was most of their cost. Other values (floating point,
+// JSON, paths) go through a stream in its default format.
 class LogLine
 {
   public:
@@ -34,29 +42,50 @@ class LogLine
     template <typename T>
     LogLine& operator<<(const T& value)
     {
-        stream << value;
-        return *this;
-    }
-
-    // Small integers print as numbers, not characters.
-    LogLine& operator<<(std::uint8_t value)
-    {
-        stream << static_cast<unsigned>(value);
-        return *this;
-    }
-    LogLine& operator<<(std::int8_t value)
-    {
-        stream << static_cast<int>(value);
-        return *this;
-    }
-    LogLine& operator<<(bool value)
-    {
-        stream << (value ? 1 : 0);
+        // Only text by its own types: a value that merely converts to text
+        // (a JSON value, a path) prints as its stream insertion says.
+        if constexpr (std::is_same_v<T, std::string> ||
+                      std::is_same_v<T, std::string_view> ||
+                      std::is_same_v<std::decay_t<T>, const char*> ||
+                      std::is_same_v<std::decay_t<T>, char*>)
+        {
+            text += std::string_view(value);
+        }
+        else if constexpr (std::is_same_v<T, char>)
+        {
+            text += value;
+        }
+        else if constexpr (std::is_same_v<T, bool>)
+        {
+            // Streams print booleans as numbers unless told otherwise.
+            text += value ? '1' : '0';
+        }
+        else if constexpr (std::is_integral_v<T>)
+        {
+            // Small integers print as numbers, not characters.
+            appendNumber(value);
+        }
+        else
+        {
+            std::ostringstream stream;
+            stream << value;
+            text += std::move(stream).str();
+        }
         return *this;
     }
 
   private:
-    std::ostringstream stream;
+    template <typename T>
+    void appendNumber(T value)
+    {
+        // Room for any integer of up to 64 bits and its sign.
+        std::array<char, 24> digits{};
+        const auto result =
+            std::to_chars(digits.data(), digits.data() + digits.size(), value);
+        text.append(digits.data(), result.ptr);
+    }
+
+    std::string text;
 };
 
 std::string_view logPrefix(LogLevel level);

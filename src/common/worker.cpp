@@ -2,10 +2,16 @@
 
 #include "logging.hpp"
 
+#include <pthread.h>
+
+#include <utility>
+
 namespace hwtopod
 {
 
-Worker::Worker() : thread([this]() { loop(); }) {}
+Worker::Worker(std::string name) :
+    thread([this, name = std::move(name)]() { loop(name); })
+{}
 
 Worker::~Worker()
 {
@@ -29,8 +35,11 @@ void Worker::post(std::function<void()> task)
     wake.notify_one();
 }
 
-void Worker::loop()
+void Worker::loop(const std::string& name)
 {
+    // Named so that a look at the daemon's threads (the benchmark's, a
+    // profiler's) tells which is which.
+    ::pthread_setname_np(::pthread_self(), name.c_str());
     while (true)
     {
         std::function<void()> task;

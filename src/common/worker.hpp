@@ -5,6 +5,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
 
 namespace hwtopod
@@ -16,7 +17,8 @@ namespace hwtopod
 class Worker
 {
   public:
-    Worker();
+    // The thread's name, as ps and /proc show it: at most 15 characters.
+    explicit Worker(std::string name);
     ~Worker();
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
@@ -48,7 +50,7 @@ class Worker
     }
 
   private:
-    void loop();
+    void loop(const std::string& name);
 
     std::mutex mutex;
     std::condition_variable wake;

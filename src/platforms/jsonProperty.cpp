@@ -145,6 +145,11 @@ void Base::publishRecord(
         }
         interface->initialize(std::move(values));
     }
+    if (resultWriter)
+    {
+        resultWriter->save(seams.root, document, file, saveMessage);
+        return;
+    }
     hwtopod::rules::saveFoundHardware(seams.root, document, file, saveMessage);
 }
 

@@ -4,7 +4,9 @@
 #include "common/names.hpp"
 #include "common/serviceManager.hpp"
 #include "dbus/client.hpp"
+#include "rules/rules.hpp"
 
+#include <pthread.h>
 #include <sys/sysinfo.h>
 
 #include <charconv>
@@ -36,7 +38,8 @@ std::optional<std::uint32_t> leadingNumber(const char* text)
 
 Base::Base(Seams seams, const MachineDefinition& machine) :
     seams(std::move(seams)),
-    discoveryWorker(std::make_unique<hwtopod::Worker>()), definition(machine)
+    discoveryWorker(std::make_unique<hwtopod::Worker>("discovery")),
+    definition(machine)
 {
     if (const char* revision = std::getenv("HW_REV_BASE"))
     {
@@ -171,6 +174,17 @@ void Base::forEachCachedObject(
     {
         paths.push_back(entry.first);
     }
+    // Every file of the walk is on storage when it returns: its callers then
+    // say that discovery has ended.
+    const struct Writer
+    {
+        Base& base;
+        ~Writer()
+        {
+            base.resultWriter.reset();
+        }
+    } writer{*this};
+    resultWriter = std::make_unique<hwtopod::rules::FoundHardwareWriter>();
     for (const auto& path : paths)
     {
         // An error ends the probing of this one object, not the walk.
@@ -277,6 +291,7 @@ void Base::serviceRun()
         return;
     }
     ioThread = std::jthread([this](const std::stop_token& stop) {
+        ::pthread_setname_np(::pthread_self(), "bus");
         const std::stop_callback stopIo(stop, [this]() { io.stop(); });
         // The watchdog is fed by this loop because the daemon is of no use
         // without it: every publication and every VPD signal goes through

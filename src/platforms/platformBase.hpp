@@ -32,6 +32,11 @@
 #include <utility>
 #include <vector>
 
+namespace hwtopod::rules
+{
+class FoundHardwareWriter;
+} // namespace hwtopod::rules
+
 namespace Platform
 {
 
@@ -319,6 +324,11 @@ class Base
         const std::shared_ptr<hwtopod::dbus::Interface>& interface,
         nlohmann::json record, nlohmann::json& document, const std::string& key,
         const std::string& file, std::string_view saveMessage);
+    // Writes the result files while forEachCachedObject walks, so that
+    // their syncs overlap the probes' waits on peers; null outside a walk,
+    // when each file is written before publishRecord returns. Touched only
+    // by the thread that walks.
+    std::unique_ptr<hwtopod::rules::FoundHardwareWriter> resultWriter;
 
     // The match callback on InterfacesAdded of the VPD service.
     void onVpdInterfacesAdded(const std::string& path,

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 namespace hwtopod::rules
 {
@@ -70,6 +71,37 @@ std::string foundHardwareText(const nlohmann::json& document)
                          nlohmann::json::error_handler_t::replace);
 }
 
+namespace
+{
+// Writes the new file beside the old one and renames it into place, once it
+// is on storage. Leaves no temporary file behind on failure.
+bool replaceFile(const std::filesystem::path& target, const std::string& text)
+{
+    // A name of our own in the target's directory: rename() then replaces
+    // the file in one step, and two writers never share a temporary file.
+    std::filesystem::path temporary = target;
+    temporary += ".tmp." + std::to_string(::getpid());
+    bool written = writeToStorage(temporary, text);
+    if (written)
+    {
+        std::error_code error;
+        std::filesystem::rename(temporary, target, error);
+        written = !error;
+    }
+    if (!written)
+    {
+        std::error_code ignored;
+        std::filesystem::remove(temporary, ignored);
+    }
+    return written;
+}
+
+void cannotWrite(const std::string& logicalPath)
+{
+    logWarning() << "hwtopod cannot write data at " << logicalPath;
+}
+} // namespace
+
 bool saveFoundHardware(const Root& root, const nlohmann::json& document,
                        const std::string& logicalPath,
                        std::string_view startMessage)
@@ -78,22 +110,11 @@ bool saveFoundHardware(const Root& root, const nlohmann::json& document,
     {
         logInfo() << startMessage;
     }
-    const std::filesystem::path target = root.path(logicalPath);
-    // A name of our own in the target's directory: rename() then replaces
-    // the file in one step, and two writers never share a temporary file.
-    std::filesystem::path temporary = target;
-    temporary += ".tmp." + std::to_string(::getpid());
     bool written = false;
     try
     {
-        const std::string text = foundHardwareText(document);
-        written = writeToStorage(temporary, text);
-        if (written)
-        {
-            std::error_code error;
-            std::filesystem::rename(temporary, target, error);
-            written = !error;
-        }
+        const std::filesystem::path target = root.path(logicalPath);
+        written = replaceFile(target, foundHardwareText(document));
         if (written)
         {
             syncDirectory(target.parent_path());
@@ -105,11 +126,76 @@ bool saveFoundHardware(const Root& root, const nlohmann::json& document,
     }
     if (!written)
     {
-        std::error_code ignored;
-        std::filesystem::remove(temporary, ignored);
-        logWarning() << "hwtopod cannot write data at " << logicalPath;
+        cannotWrite(logicalPath);
     }
     return written;
+}
+
+FoundHardwareWriter::~FoundHardwareWriter()
+{
+    try
+    {
+        finish();
+    }
+    catch (const std::exception& e)
+    {
+        // Only a failed allocation gets here; the files written so far are
+        // whole either way.
+        logCritical() << "Exception in saving found hardware: " << e.what();
+    }
+}
+
+void FoundHardwareWriter::save(const Root& root, const nlohmann::json& document,
+                               const std::string& logicalPath,
+                               std::string_view startMessage)
+{
+    if (!startMessage.empty())
+    {
+        logInfo() << startMessage;
+    }
+    // The text is taken now: the document goes on growing on this thread.
+    std::filesystem::path target;
+    std::string text;
+    try
+    {
+        target = root.path(logicalPath);
+        text = foundHardwareText(document);
+    }
+    catch (const std::exception&)
+    {
+        cannotWrite(logicalPath);
+        return;
+    }
+    writer.post([this, logicalPath, target = std::move(target),
+                 text = std::move(text)]() {
+        bool written = false;
+        try
+        {
+            written = replaceFile(target, text);
+            if (written)
+            {
+                directories.insert(target.parent_path());
+            }
+        }
+        catch (const std::exception&)
+        {
+            written = false;
+        }
+        if (!written)
+        {
+            cannotWrite(logicalPath);
+        }
+    });
+}
+
+void FoundHardwareWriter::finish()
+{
+    writer.run([this]() {
+        for (const auto& directory : std::exchange(directories, {}))
+        {
+            syncDirectory(directory);
+        }
+    });
 }
 
 } // namespace hwtopod::rules

@@ -6,13 +6,16 @@
 
 #include "common/paths.hpp"
 #include "common/types.hpp"
+#include "common/worker.hpp"
 #include "rules/matcher.hpp"
 #include "rules/vpdValue.hpp"
 
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -139,5 +142,36 @@ std::string foundHardwareText(const nlohmann::json& document);
 bool saveFoundHardware(const Root& root, const nlohmann::json& document,
                        const std::string& logicalPath,
                        std::string_view startMessage);
+
+// The found-hardware writes of a whole discovery, made as saveFoundHardware
+// makes them but by a thread of its own, in the order saved, so that the
+// caller goes on to its next board (and its next wait on a peer) while a
+// file is synced. Each new file is on storage before it replaces the old
+// one, so a power cut leaves the old file or the new one, whole. The
+// renames are on storage, by one sync of their directory after the last,
+// once finish() has returned; the destructor finishes too.
+class FoundHardwareWriter
+{
+  public:
+    FoundHardwareWriter() : writer("results") {}
+    ~FoundHardwareWriter();
+    FoundHardwareWriter(const FoundHardwareWriter&) = delete;
+    FoundHardwareWriter& operator=(const FoundHardwareWriter&) = delete;
+    FoundHardwareWriter(FoundHardwareWriter&&) = delete;
+    FoundHardwareWriter& operator=(FoundHardwareWriter&&) = delete;
+
+    // Logs startMessage and takes the document's text at once; the
+    // warning of a failed write comes later, from the writer's thread.
+    void save(const Root& root, const nlohmann::json& document,
+              const std::string& logicalPath, std::string_view startMessage);
+    void finish();
+
+  private:
+    // Directories with a rename not yet synced; the writer's thread alone
+    // touches them.
+    std::set<std::filesystem::path> directories;
+    // Last, so that its thread ends before the members it uses.
+    Worker writer;
+};
 
 } // namespace hwtopod::rules

@@ -19,6 +19,8 @@ out=$(python3 "$bench/run.py" --build "$build" --runs 1 --more-runs 1 \
 echo "$out"
 expect_rows "$out" "Discovery, healthy machine (1 runs) | median" \
     "Its floor: " "Its ratio discovery / floor | median" \
+    "Split: discovery worker on a CPU / waiting for one / blocked | median" \
+    "Split: its blocks" "Split: bus thread" "Split: log lines" "Split: result files" \
     "Resident memory after discovery" "Idle CPU over 1 s" \
     "GPIO edge to journal record, 4 edges" \
     "Discovery with 1000 more VPD objects (1 runs) | median" \

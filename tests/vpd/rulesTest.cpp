@@ -145,6 +145,21 @@ TEST(FoundHardware, FileTextAndFailedWrites)
               "/var/nowhere/backplanes_found.json\n");
     EXPECT_EQ(document, before);
 
+    // Through the writer of a discovery: the last save of a file stands,
+    // and a failed one is reported, once finish() has returned.
+    testing::internal::CaptureStderr();
+    {
+        rules::FoundHardwareWriter writer;
+        writer.save(root, json::object(), file, "");
+        writer.save(root, before, file, "");
+        writer.save(root, document, "/var/nowhere/risers_found.json", "");
+        writer.finish();
+        EXPECT_EQ(json::parse(readFile(sandbox / file)), before);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[WARNING] hwtopod cannot write data at "
+              "/var/nowhere/risers_found.json\n");
+
     // A document of another shape cannot take a record.
     json wrong = {{"risers", 1}};
     EXPECT_THROW(rules::appendFound(wrong, "risers", {{"RiserSlot", 1}}),
