@@ -86,7 +86,10 @@ class ImageBuild(unittest.TestCase):
         self.assertEqual(values["PV"], [version + "+git"])
         self.assertEqual(values["SYSTEMD_SERVICE:${PN}"],
                          [os.path.basename(self.unit)])
+        # Newer meson lists the build's own declared dependencies too.
         for dependency in self.targets["dependencies"]:
+            if dependency.get("type") == "internal":
+                continue
             name = RECIPES.get(dependency["name"], dependency["name"])
             self.assertIn(name, [None] + values["DEPENDS"], dependency)
         # The platform's library, found by name, not by pkg-config.
