@@ -158,8 +158,7 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
     EXPECT_EQ(linkTarget("pcie_slot4_i2c"),
               sandboxPath("sys/devices/platform/i2c/i2c-21"));
     EXPECT_FALSE(std::filesystem::exists(root / "dev/pcie_slot0_i2c"));
-    // A name the bus cannot carry costs the object alone, at its
-    // initialisation; numbers convert as the link and the event take them.
+    // A name the bus cannot carry costs its object alone; numbers convert.
     platform->discovery.vpdObjects["/com/halvex/vpdd/R4"] =
         object(0xE0, 224, 4);
     CaptureStderr();

@@ -34,8 +34,7 @@ using testing::internal::GetCapturedStderr;
 
 constexpr auto dataDir = "usr/share/vantarack-bmc-apps/hwtopod";
 
-// Kelvane1u with discovery replaced by a record of its calls; the first
-// call fails when failFirst is set.
+// Kelvane1u with discovery replaced by a record of its calls.
 class CountingPlatform : public Platform::Kelvane1u
 {
   public:
@@ -59,7 +58,7 @@ class CountingPlatform : public Platform::Kelvane1u
         return threads.size();
     }
 
-    bool failFirst = false;
+    bool failFirst = false; // the first call throws
     std::mutex mutex;
     std::vector<std::thread::id> threads;
     std::vector<hwtopod::VpdCache> cacheAtCall;
