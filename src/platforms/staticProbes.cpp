@@ -7,7 +7,6 @@
 #include "probeHelpers.hpp"
 #include "rules/rules.hpp"
 
-#include <algorithm>
 #include <stdexcept>
 #include <utility>
 

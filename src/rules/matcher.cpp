@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <stdexcept>
 
 namespace hwtopod::rules
 {

@@ -275,8 +275,7 @@ TEST_F(DynamicDiscovery, FpgaReadoutAfterTheBoundChecksRisersWhenItComes)
                 HasSubstr("[WARNING] Board discovery waited 0 seconds for the "
                           "FPGA read-out and goes on without it\n"));
     EXPECT_EQ(platform->discovery.backplanesFound["backplanes"].size(), 1U);
-    // What needs no FPGA data is done now: riser 1 has its links, and riser
-    // 3, whose BUS cannot be read, ends its probe unpublished.
+    // Done now: riser 1's links, and riser 3's probe ends on its string BUS.
     EXPECT_EQ(platform->discovery.risersFound["risers"].size(), 1U);
     EXPECT_TRUE(std::filesystem::is_symlink(root / "dev/pcie_slot1_i2c"));
     EXPECT_THAT(log, HasSubstr("[CRITICAL] Exception in probeCachedVpdd for "
