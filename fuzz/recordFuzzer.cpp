@@ -71,8 +71,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes,
         }
 
         // The probes read numbers of the record as unsigned, byte and
-        // 64-bit values: a value of another kind or out of range throws,
-        // which the probe's guard reports; it never converts out of range.
+        // 64-bit values, as the JSON library converts them: a value of
+        // another kind, or a float the conversion is undefined for, throws,
+        // which the probe's guard reports; no conversion is ever undefined.
         if (record.is_object())
         {
             for (const auto& [key, value] : record.items())

@@ -109,22 +109,4 @@ bool acceptInterfaceElement(std::string_view what, std::string_view value)
                   "_ are allowed, no leading digit)");
 }
 
-bool acceptInterfaceName(std::string_view what, std::string_view value)
-{
-    if (isValidInterfaceName(value))
-    {
-        return true;
-    }
-    return refuse(what, value, "not a valid D-Bus interface name");
-}
-
-bool acceptObjectPath(std::string_view what, std::string_view value)
-{
-    if (isValidObjectPath(value))
-    {
-        return true;
-    }
-    return refuse(what, value, "not a valid D-Bus object path");
-}
-
 } // namespace hwtopod

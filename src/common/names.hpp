@@ -1,10 +1,11 @@
 #pragma once
 
-// Checks for values from VPD and rule files that end up in D-Bus object
-// paths and interface names. Such a value must stay in its place: a board
-// name is one element of a path below its parent, a PSU type or a VPD format
-// is one element of an interface name below its prefix. A value that would
-// leave its place or that D-Bus forbids is refused with one log line.
+// Checks for values from rule files that end up in D-Bus object paths and
+// interface names. Such a value must stay in its place: a PSU name is one
+// element of a path below its parent, a PSU type one element of an
+// interface name below its prefix. A value that would leave its place or
+// that D-Bus forbids is refused with one log line. (A board's names are not
+// checked here: the bus refuses them when its interface is initialised.)
 
 #include <string>
 #include <string_view>
@@ -31,7 +32,5 @@ std::string nonAlnumToUnderscores(std::string text);
 
 bool acceptPathElement(std::string_view what, std::string_view value);
 bool acceptInterfaceElement(std::string_view what, std::string_view value);
-bool acceptInterfaceName(std::string_view what, std::string_view value);
-bool acceptObjectPath(std::string_view what, std::string_view value);
 
 } // namespace hwtopod

@@ -86,9 +86,11 @@ void Highvol::probeCachedVpdd()
 }
 
 // Chosen for a read-out that comes after the walk: every riser found in it
-// gets its checks now, against the FPGA's picture, in the order found, and
-// then the closing check runs, once. A riser whose check fails has been
-// published already; its failure is reported as during the walk.
+// has its links, and gets now, in the order found, what its check holds
+// against the FPGA's picture (location, cables, the connector and
+// not-detected events); then the closing check runs, once. A riser whose
+// check fails here (a cable name that is no string) has been published
+// already; its failure is reported as during the walk.
 void Highvol::fpgaReadoutArrived()
 {
     if (!discovery.riserChecksWaitForFpga || !hwDiscoveryDone())
@@ -97,16 +99,20 @@ void Highvol::fpgaReadoutArrived()
     }
     discovery.riserChecksWaitForFpga = false;
     fpgaPicture();
-    for (const auto& riser : std::exchange(discovery.waitingRisers, {}))
+    for (const auto& check : std::exchange(discovery.waitingRisers, {}))
     {
         try
         {
-            checkRiserConnection(riser.record, riser.name);
+            for (const auto slot : check.slots)
+            {
+                judgeSlot(check, slot);
+            }
+            confirmRiserConnector(check);
         }
         catch (const std::exception& e)
         {
             logCritical() << "Exception in probeCachedVpdd for VPDD path "
-                          << riser.vpdPath << ": " << e.what();
+                          << check.vpdPath << ": " << e.what();
         }
     }
     reportUnconfirmedRisers();
@@ -265,19 +271,18 @@ void Highvol::probeBpVpddDynamic(const std::string& path, std::uint64_t posId)
     const std::string objectPath = "/chassis/bp/" + name;
     logInfo() << "probeBpVpddDynamic set (" << name << ") dbus path to "
               << objectPath;
-    auto interface = addBoardInterface(objectPath, match.interface);
+    auto interface = addDbusInterface(objectPath, match.interface);
     if (!interface)
     {
-        // Published already by an earlier probe of the same board (its link,
-        // event, FRU name and record are there, and are not made twice), or
-        // names the bus cannot take.
+        // Published already by an earlier probe of the same board: its link,
+        // event, FRU name and record are there, and are not made twice.
         return;
     }
-    rules::logLines(match.recordLines);
-    const auto& record = match.record;
-    // An exception from here on (no BackplaneId, a VpdFormat that is no
-    // string) ends the probe and goes to the caller; the interface stays
-    // created and uninitialised.
+    // An exception from here on (a record that cannot be composed, no
+    // BackplaneId, a VpdFormat that is no string, names the bus refuses at
+    // the initialisation) ends the probe and goes to the caller; the
+    // interface stays created and uninitialised.
+    const auto& record = composedRecord(match);
     linkBackplane(record);
     sendBackplanePresence(record);
     const auto id = numberAs<std::uint8_t>(record.at("BackplaneId"));
@@ -333,9 +338,8 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
     const std::string objectPath = "/chassis/riser/" + element;
     logInfo() << "Probe dynamic Riser vpd, set (" << name << ") dbus path to "
               << objectPath;
-    auto interface = addBoardInterface(objectPath, match.interface);
-    rules::logLines(match.recordLines);
-    const auto& record = match.record;
+    auto interface = addDbusInterface(objectPath, match.interface);
+    const auto& record = composedRecord(match);
     const auto slot = claimRiserSlot(record, name);
     if (!slot)
     {
@@ -343,15 +347,22 @@ void Highvol::probeRiserVpddDynamic(const std::string& path,
     }
     if (!interface)
     {
-        // The object is on the bus already (its checks, FRU name and record
-        // were made with it and are not made twice), or the bus cannot take
-        // its interface name.
+        // The object is on the bus already: its checks, FRU name and record
+        // were made with it and are not made twice.
         return;
     }
     // An exception from here on ends the probe and goes to the caller.
     if (discovery.riserChecksWaitForFpga)
     {
-        discovery.waitingRisers.push_back({record, name, path});
+        // Without the FPGA's picture the riser gets now what needs none, so
+        // that it has its links and a record the check cannot read ends the
+        // probe here, as on the ordinary road; the rest waits for the
+        // read-out.
+        if (auto check = linkRiser(record, name, nullptr))
+        {
+            check->vpdPath = path;
+            discovery.waitingRisers.push_back(std::move(*check));
+        }
     }
     else
     {
@@ -397,10 +408,18 @@ std::optional<std::uint64_t> Highvol::claimRiserSlot(
 
 // The location and cable status the FPGA gives for one slot of a riser
 // that the rules know.
-void Highvol::checkSlotStatus(const nlohmann::json& riser,
-                              const std::string& riserName, std::uint64_t slot,
-                              bool riserPresent)
+void Highvol::judgeSlot(const RiserCheck& check, std::uint64_t slot)
 {
+    if (slot > fpgaPicture().riserTopology.size())
+    {
+        // A slot the FPGA has no status for: nothing to hold against it.
+        return;
+    }
+    const bool riserPresent =
+        check.number >= 1 && check.number <= maxFpgaRiser &&
+        fpgaPicture().riserPresence.test(check.number - 1);
+    const auto& riser = check.record;
+    const auto& riserName = check.name;
     const auto& status = fpgaPicture().riserTopology[slot - 1];
     if (status.cageMatch() == 0)
     {
@@ -442,32 +461,37 @@ void Highvol::checkSlotStatus(const nlohmann::json& riser,
 void Highvol::checkRiserConnection(const nlohmann::json& riser,
                                    const std::string& riserName)
 {
+    auto check = linkRiser(
+        riser, riserName, [this](const RiserCheck& linked, std::uint64_t slot) {
+            judgeSlot(linked, slot);
+        });
+    if (check)
+    {
+        confirmRiserConnector(*check);
+    }
+}
+
+std::optional<Highvol::RiserCheck> Highvol::linkRiser(
+    const nlohmann::json& riser, const std::string& riserName,
+    const std::function<void(const RiserCheck&, std::uint64_t)>& judge)
+{
+    RiserCheck check;
+    check.record = riser;
+    check.name = riserName;
     // The probe has seen to it that the number is at most maxRiserSlot.
-    const auto riserNumber = static_cast<unsigned>(
+    check.number = static_cast<unsigned>(
         rules::wrappedUnsigned(riser.at("RiserSlot")).value_or(0));
     if (!riser.contains("PCIeSlot") || !riser.contains("BUS"))
     {
         logError() << "Riser should has PCIeSlot and BUS configured!";
-        return;
+        return std::nullopt;
     }
-    if (!riser.at("PCIeSlot").is_array())
+    const auto& slots = riser.at("PCIeSlot");
+    if (!slots.is_array())
     {
         logError() << "Riser should has PCIeSlot configured!";
-        return;
+        return std::nullopt;
     }
-    const bool riserPresent = riserNumber >= 1 && riserNumber <= maxFpgaRiser &&
-                              fpgaPicture().riserPresence.test(riserNumber - 1);
-    linkRiserCardSlots(riser, riserName, riserPresent);
-    confirmRiserConnector(riser, riserName, riserNumber);
-}
-
-// The I2C links of a riser's PCIe slots, one bus each from BUS + 1, and
-// what the FPGA says of each slot's location and cable.
-void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
-                                 const std::string& riserName,
-                                 bool riserPresent)
-{
-    const auto& slots = riser.at("PCIeSlot");
     for (std::size_t i = 0; i < slots.size(); ++i)
     {
         // Read as an unsigned number, so a position without a slot below 0
@@ -487,43 +511,45 @@ void Highvol::linkRiserCardSlots(const nlohmann::json& riser,
             continue;
         }
         // BUS is read only when a link is made: a riser without slots to
-        // link still reaches its connector steps.
+        // link still reaches its connector steps. It converts as the link's
+        // parameter takes it: -1 is bus 4294967295, and BUS + 1 wraps to 0.
         hwtopod::createI2cLink(
             seams.root, DeviceType::PcieCard, static_cast<unsigned>(*slot),
             numberAs<unsigned>(riser.at("BUS")) + 1 + static_cast<unsigned>(i));
         discovery.vpdRiserSlots.set(*slot - 1);
-        if (*slot > fpgaPicture().riserTopology.size())
+        check.slots.push_back(*slot);
+        if (judge)
         {
-            // A slot the FPGA has no status for: nothing to hold against it.
-            continue;
+            judge(check, *slot);
         }
-        checkSlotStatus(riser, riserName, *slot, riserPresent);
     }
+    if (riser.contains("Connector"))
+    {
+        check.connector =
+            "PWR_" + std::to_string(numberAs<unsigned>(riser.at("Connector")));
+    }
+    return check;
 }
 
 // The presence event of a riser, naming its power connector, and the riser
 // taken off the FPGA's queue, or the event that the FPGA missed it.
-void Highvol::confirmRiserConnector(const nlohmann::json& riser,
-                                    const std::string& riserName,
-                                    unsigned riserNumber)
+void Highvol::confirmRiserConnector(const RiserCheck& check)
 {
     const std::string displayName =
-        "<PCIe Slot " + std::to_string(riserNumber) + " Riser>";
-    if (!riser.contains("Connector"))
+        "<PCIe Slot " + std::to_string(check.number) + " Riser>";
+    if (!check.connector)
     {
-        hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber, "",
+        hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, check.number, "",
                                   false);
         logError() << "Connector of " << displayName
                    << " was not found in setting ";
         return;
     }
-    const std::string connector =
-        "PWR_" + std::to_string(numberAs<unsigned>(riser.at("Connector")));
     logInfo() << "Power Connector of " << displayName
-              << " was found in setting: " << connector;
-    hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, riserNumber,
-                              connector, false);
-    auto queued = discovery.fpgaMatchQueue.find(riserNumber);
+              << " was found in setting: " << *check.connector;
+    hwtopod::sendPresentEvent(DeviceType::SlotRiser, true, check.number,
+                              *check.connector, false);
+    auto queued = discovery.fpgaMatchQueue.find(check.number);
     if (queued != discovery.fpgaMatchQueue.end())
     {
         logInfo() << "FPGA also detected " << displayName;
@@ -536,7 +562,7 @@ void Highvol::confirmRiserConnector(const nlohmann::json& riser,
         logError() << "FPGA didn't detect " << displayName;
         hwtopod::sendConfigMismatchEvent(DeviceType::SlotRiser,
                                          ConfigMismatchKind::NotDetected,
-                                         riserName, "FPGA");
+                                         check.name, "FPGA");
     }
 }
 

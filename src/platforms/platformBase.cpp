@@ -1,7 +1,6 @@
 #include "platformBase.hpp"
 
 #include "common/logging.hpp"
-#include "common/names.hpp"
 #include "common/serviceManager.hpp"
 #include "dbus/client.hpp"
 #include "rules/rules.hpp"
@@ -384,19 +383,19 @@ void Base::waitForHardwareDiscovery()
 std::shared_ptr<hwtopod::dbus::Interface> Base::addDbusInterface(
     const std::string& path, const std::string& interfaceName)
 {
+    // Null only without an object server or for a pair added already. A
+    // path or interface name that the bus cannot carry (a board Name "Front
+    // BP-1", an Interface that is no interface name) is entered and returned
+    // like any other: the bus refuses it only when the interface is
+    // initialised, and initialize() then throws hwtopod::dbus::Error with
+    // the binding's text. So the caller does all it does before the
+    // initialisation (link, events, FRU name, record), and the failure
+    // leaves it at that step as any exception there does; the pair stays
+    // taken, and a second probe of the same board gets null.
     std::shared_ptr<hwtopod::dbus::Interface> interface;
     {
         std::lock_guard lock(stateMutex);
         if (!objectServer)
-        {
-            return nullptr;
-        }
-        // The last line of defence for names made from VPD and rule files:
-        // the callers check the part they put in, this checks the whole. A
-        // name the bus would refuse is not entered, so it can neither fail
-        // later at initialize() nor block the pair for good.
-        if (!hwtopod::acceptObjectPath("object path", path) ||
-            !hwtopod::acceptInterfaceName("interface name", interfaceName))
         {
             return nullptr;
         }

@@ -25,6 +25,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -210,13 +211,19 @@ class Base
         // Set when the boards were walked without the FPGA's read-out: the
         // riser checks wait for it, with what they need.
         bool riserChecksWaitForFpga = false;
-        struct WaitingRiser
+        // What a riser's check holds against the FPGA's picture, read from
+        // its record when it was probed: its number, the slots linked, its
+        // power connector's name (none when the record names none).
+        struct RiserCheck
         {
             nlohmann::json record;
             std::string name;
             std::string vpdPath;
+            unsigned number = 0;
+            std::vector<std::uint64_t> slots;
+            std::optional<std::string> connector;
         };
-        std::vector<WaitingRiser> waitingRisers;
+        std::vector<RiserCheck> waitingRisers;
         // What the CPU check remembers from call to call: CPU 1's values and
         // the vote and event already cast.
         struct CpuCheckState
@@ -303,11 +310,11 @@ class Base
     // throws, to be reported for that object; false when there is no match.
     static bool acceptMatch(const hwtopod::rules::BoardMatch& match);
 
-    // The D-Bus object of a matched board; null ends the probe of that
-    // object: the pair is published already (or there is no object server
-    // yet), or the bus cannot take the names, which one line says.
-    std::shared_ptr<hwtopod::dbus::Interface> addBoardInterface(
-        const std::string& objectPath, const std::string& interfaceName);
+    // The record of a matched board, its composition lines logged; called
+    // once the board's interface is made. A record that could not be
+    // composed throws here, with the JSON library's text.
+    static const nlohmann::json& composedRecord(
+        const hwtopod::rules::BoardMatch& match);
 
     void linkRiserSlots(const nlohmann::json& record) const;
     static void sendRiserPresence(const nlohmann::json& record);

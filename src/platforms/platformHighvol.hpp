@@ -58,16 +58,20 @@ class Highvol : public Base
     void refreshFpgaBlock12();
     void applyPlatformCoolingSettings();
 
+    using RiserCheck = DiscoveryState::RiserCheck;
     void checkRiserConnection(const nlohmann::json& riser,
                               const std::string& riserName);
-    void linkRiserCardSlots(const nlohmann::json& riser,
-                            const std::string& riserName, bool riserPresent);
-    void confirmRiserConnector(const nlohmann::json& riser,
-                               const std::string& riserName,
-                               unsigned riserNumber);
-    void checkSlotStatus(const nlohmann::json& riser,
-                         const std::string& riserName, std::uint64_t slot,
-                         bool riserPresent);
+    // The part of a riser's check that needs no FPGA data: its keys read,
+    // the I2C links of its PCIe slots and their bits in vpdRiserSlots;
+    // judge, when given, is called for each slot right after its link. None
+    // when the record lacks what the check needs; a key of the wrong type
+    // throws.
+    std::optional<RiserCheck> linkRiser(
+        const nlohmann::json& riser, const std::string& riserName,
+        const std::function<void(const RiserCheck&, std::uint64_t)>& judge);
+    // What the FPGA's status says of one slot's location and cable.
+    void judgeSlot(const RiserCheck& check, std::uint64_t slot);
+    void confirmRiserConnector(const RiserCheck& check);
     void reportUnconfirmedRisers();
     void sendBackplanePresence(const nlohmann::json& record);
     std::optional<std::uint64_t> claimRiserSlot(const nlohmann::json& record,

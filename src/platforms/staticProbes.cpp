@@ -7,7 +7,6 @@
 #include "probeHelpers.hpp"
 #include "rules/rules.hpp"
 
-#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -124,21 +123,14 @@ bool Base::acceptMatch(const rules::BoardMatch& match)
     return match.found();
 }
 
-std::shared_ptr<hwtopod::dbus::Interface> Base::addBoardInterface(
-    const std::string& objectPath, const std::string& interfaceName)
+const nlohmann::json& Base::composedRecord(const rules::BoardMatch& match)
 {
-    // The whole path is checked, not the Name alone: a Name with a slash
-    // ("Front/BP 3") is a board one level deeper below its parent, which
-    // the bus takes. What the bus cannot take ends the probe like an object
-    // that exists already, so that no board is in a result file, linked or
-    // announced without being on the bus.
-    if (!hwtopod::acceptObjectPath("board object path", objectPath) ||
-        !hwtopod::acceptInterfaceName("topology entry Interface",
-                                      interfaceName))
+    rules::logLines(match.recordLines);
+    if (!match.compositionFailure.empty())
     {
-        return nullptr;
+        throw std::runtime_error(match.compositionFailure);
     }
-    return addDbusInterface(objectPath, interfaceName);
+    return match.record;
 }
 
 void Base::linkBackplane(const nlohmann::json& record) const
@@ -178,17 +170,16 @@ void Base::probeBpVpddStatic(const std::string& path, std::uint64_t posId)
     {
         return;
     }
-    auto interface = addBoardInterface(
+    auto interface = addDbusInterface(
         "/chassis/bp/" + blanksToUnderscores(match.name), match.interface);
     if (!interface)
     {
         return;
     }
-    rules::logLines(match.recordLines);
-    const auto& record = match.record;
-    // A record that cannot be linked or announced (no BackplaneId, one of
-    // the wrong type) ends the probe here: its interface stays created and
-    // uninitialised, and the exception goes to the caller.
+    // A record that cannot be composed, linked or announced (no
+    // BackplaneId, one of the wrong type) ends the probe here: its interface
+    // stays created and uninitialised, and the exception goes to the caller.
+    const auto& record = composedRecord(match);
     linkBackplane(record);
     if (!record.contains("VirtualBP"))
     {
@@ -207,32 +198,30 @@ void Base::linkRiserSlots(const nlohmann::json& record) const
 {
     if (record.contains("PCIeSlot") && record.contains("BUS"))
     {
-        // BusOffset counts whenever it is a number, 0 and negative ones
-        // too. Bounded far beyond any bus, so that the sums below cannot
-        // overflow; a sum that is no bus number gets no link.
-        constexpr std::int64_t offsetBound = std::int64_t{1} << 40;
-        std::int64_t offset = 1;
+        // BusOffset counts whenever it is a number, 0 and negative ones too.
+        // Bus numbers are unsigned and wrap, as the link's parameter takes
+        // them: a sum below 0 is a bus that does not exist, and its link
+        // fails with its own message.
+        int offset = 1;
         if (record.contains("BusOffset") && record.at("BusOffset").is_number())
         {
-            offset = std::clamp(rules::truncatedSigned(record.at("BusOffset"))
-                                    .value_or(offsetBound),
-                                -offsetBound, offsetBound);
+            offset = numberAs<int>(record.at("BusOffset"));
         }
-        const std::int64_t first =
-            std::int64_t{numberAs<unsigned>(record.at("BUS"))} + offset;
+        const unsigned first = numberAs<unsigned>(record.at("BUS")) +
+                               static_cast<unsigned>(offset);
         const auto& slots = record.at("PCIeSlot");
         if (slots.is_array())
         {
             for (std::size_t i = 0; i < slots.size(); ++i)
             {
                 // 0 or less, or no number: a position without a slot.
-                const auto slot = rules::numberIf<unsigned>(slots[i]);
-                const std::int64_t bus = first + static_cast<std::int64_t>(i);
-                if (slot && *slot > 0 && std::in_range<unsigned>(bus))
+                const auto& slot = slots[i];
+                if (slot.is_number() && slot > 0)
                 {
                     hwtopod::createI2cLink(seams.root,
-                                           hwtopod::DeviceType::PcieCard, *slot,
-                                           static_cast<unsigned>(bus));
+                                           hwtopod::DeviceType::PcieCard,
+                                           numberAs<unsigned>(slot),
+                                           first + static_cast<unsigned>(i));
                 }
             }
         }
@@ -274,14 +263,13 @@ void Base::probeRiserVpddStatic(const std::string& path, std::uint64_t posId)
     {
         return;
     }
-    auto interface = addBoardInterface(
+    auto interface = addDbusInterface(
         "/chassis/riser/" + blanksToUnderscores(match.name), match.interface);
     if (!interface)
     {
         return;
     }
-    rules::logLines(match.recordLines);
-    linkRiserSlots(match.record);
+    linkRiserSlots(composedRecord(match));
     sendRiserPresence(match.record);
     publishRecord(interface, std::move(match.record), discovery.risersFound,
                   "risers", rules::risersFoundFile, "hwtopod start save json ");
@@ -318,15 +306,16 @@ void Base::probeChassisMidplaneBaseOnPdbStatic(const std::string& path,
     {
         return;
     }
-    auto interface = addBoardInterface(
-        "/chassis/midplane/" + blanksToUnderscores(match.name),
-        match.interface);
+    auto interface =
+        addDbusInterface("/chassis/midplane/" + blanksToUnderscores(match.name),
+                         match.interface);
     if (!interface)
     {
         return;
     }
-    rules::logLines(match.recordLines);
-    linkMidplane(match.record);
+    // A record that cannot be composed, or has Bus without Index, ends the
+    // probe with the library's error; the interface stays uninitialised.
+    linkMidplane(composedRecord(match));
     publishRecord(interface, std::move(match.record), discovery.midplanesFound,
                   "midplanes", rules::midplanesFoundFile,
                   "hwtopod start save json");

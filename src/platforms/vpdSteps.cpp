@@ -386,16 +386,30 @@ void Base::waitForVpd()
     }
 
     // See the top of this file: the cache is written on the worker. FRU
-    // names are left alone until a ready signal comes.
+    // names are left alone until a ready signal comes. The signals held
+    // back for the walk are handed on however it ends: a walk that throws
+    // leaves with its exception to the caller after them, and later signals
+    // are handled as they come.
     discoveryWorker->run([this, &objects]() {
-        hwtopod::mergeVpdObjects(discovery.vpdObjects, objects);
-        probeCachedVpdd();
-        discovery.vpdReadoutDone = true;
-        for (const auto& [path, interfaces] :
-             std::exchange(discovery.signalsAfterReadout, {}))
+        auto releaseSignals = [this]() {
+            discovery.vpdReadoutDone = true;
+            for (const auto& [path, interfaces] :
+                 std::exchange(discovery.signalsAfterReadout, {}))
+            {
+                onVpdInterfacesAdded(path, interfaces);
+            }
+        };
+        try
         {
-            onVpdInterfacesAdded(path, interfaces);
+            hwtopod::mergeVpdObjects(discovery.vpdObjects, objects);
+            probeCachedVpdd();
         }
+        catch (...)
+        {
+            releaseSignals();
+            throw;
+        }
+        releaseSignals();
     });
 }
 

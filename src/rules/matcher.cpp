@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <stdexcept>
 
 namespace hwtopod::rules
 {
@@ -132,29 +131,35 @@ const nlohmann::json& backplaneEntries(const nlohmann::json& topology,
 }
 
 // A topology entry that is no object: the exception the probe reports for
-// the rule.
-void refuseNonObject(Board board, const nlohmann::json& element)
+// the rule, the library's own error, as a look-up of Location gives it.
+void refuseNonObject(const nlohmann::json& element)
 {
-    if (element.is_object())
+    if (!element.is_object())
     {
-        return;
+        (void)element.at("Location");
     }
-    if (board == Board::riser)
+}
+
+// The backplane section as the static probe looks it up for a rule whose
+// entry it seeks: keyed by type, a section that cannot be keyed (an array)
+// throws the library's error.
+const nlohmann::json& keyedBackplaneEntries(const nlohmann::json& topology,
+                                            const Selectors& selectors)
+{
+    if (!selectors.backplaneType.empty() && !topology.is_object() &&
+        !topology.is_null())
     {
-        throw std::invalid_argument(
-            "riser topology entry is no object: " + element.dump());
+        (void)topology.at(selectors.backplaneType);
     }
-    // The library's own error, as a look-up of Location gives it.
-    (void)element.at("Location");
+    return backplaneEntries(topology, selectors);
 }
 
 // Name, Interface and the record of a found entry. A Name or Interface that
-// is no string makes the object fail. So does a template that is no object,
-// unless the probe has its own words for that (failedComposition): then the
-// line says it at CRITICAL, and the object has no board.
+// is no string makes the object fail. A record that cannot be composed (a
+// template that is no object) is kept as compositionFailure, which the probe
+// raises once it has made the board's interface.
 void compose(BoardMatch& match, const VpdProperties& vpd,
-             const char* templateKey, const CompositionLog& log,
-             const char* failedComposition = nullptr)
+             const char* templateKey, const CompositionLog& log)
 {
     try
     {
@@ -173,15 +178,7 @@ void compose(BoardMatch& match, const VpdProperties& vpd,
     }
     catch (const std::exception& e)
     {
-        if (failedComposition == nullptr)
-        {
-            match.failure = e.what();
-            return;
-        }
-        match.lines.push_back(
-            {LogLevel::critical, std::string(failedComposition) + e.what()});
-        match.entry = nullptr;
-        match.recordLines.clear();
+        match.compositionFailure = e.what();
     }
 }
 
@@ -373,11 +370,11 @@ Outcome findEntry(const nlohmann::json& entries, const EntryWording& words,
 }
 
 // The walk of the static probes that look a board up by its location.
-template <typename Fits>
+// entries gives the candidates of a rule once its location is known.
+template <typename Entries, typename Fits>
 BoardMatch matchStaticLocated(
-    const StaticWording& words, const nlohmann::json& rules,
-    const nlohmann::json& entries, const VpdProperties& vpd,
-    std::uint64_t posId, Fits&& fits)
+    const StaticWording& words, const nlohmann::json& rules, Entries&& entries,
+    const VpdProperties& vpd, std::uint64_t posId, Fits&& fits)
 {
     auto match = walkRules(rules, posId, &words,
                            [&](const nlohmann::json&, BoardMatch& found) {
@@ -390,7 +387,7 @@ BoardMatch matchStaticLocated(
         found.lines.push_back(
             {LogLevel::info, std::string(words.probe) + " check location: " +
                                  std::to_string(location)});
-        return findEntry(entries, words.entry, found,
+        return findEntry(entries(), words.entry, found,
                          [&](const nlohmann::json& candidate) {
             return fits(candidate, nlohmann::json(location));
         });
@@ -455,7 +452,7 @@ BoardMatch matchDynamicBoard(
                                   : topology;
     auto fits = [&](const nlohmann::json& element, std::uint64_t location,
                     MatchLines& lines) {
-        refuseNonObject(board, element);
+        refuseNonObject(element);
         return board == Board::backplane
                    ? backplaneFits(element, location, posId, selectors)
                    : riserFits(element, location, posId, selectors, lines);
@@ -494,7 +491,10 @@ BoardMatch matchStaticBackplane(
 {
     const nlohmann::json wanted(posId);
     return matchStaticLocated(
-        staticBackplaneWording, rules, backplaneEntries(topology, selectors),
+        staticBackplaneWording, rules,
+        [&]() -> const nlohmann::json& {
+            return keyedBackplaneEntries(topology, selectors);
+        },
         vpd, posId,
         [&](const nlohmann::json& candidate, const nlohmann::json& location) {
         return keyEquals(candidate, "Location", location) &&
@@ -509,9 +509,10 @@ BoardMatch matchStaticRiser(const nlohmann::json& rules,
 {
     const nlohmann::json wanted(posId);
     return matchStaticLocated(
-        staticRiserWording, rules, topology, vpd, posId,
+        staticRiserWording, rules,
+        [&]() -> const nlohmann::json& { return topology; }, vpd, posId,
         [&](const nlohmann::json& candidate, const nlohmann::json& location) {
-        refuseNonObject(Board::riser, candidate);
+        refuseNonObject(candidate);
         return keyEquals(candidate, "Location", location) &&
                (keyEquals(candidate, "PosID", wanted) ||
                 keyEquals(candidate, "PosID", nlohmann::json(0)));
@@ -538,8 +539,7 @@ BoardMatch matchMidplane(const nlohmann::json& rules,
     if (match.found())
     {
         compose(match, vpd, midplaneWording.templateKey,
-                staticProbeLog(midplaneWording.sectionKey, &match.recordLines),
-                midplaneWording.entry.exception);
+                staticProbeLog(midplaneWording.sectionKey, &match.recordLines));
     }
     return match;
 }

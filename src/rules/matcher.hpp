@@ -69,6 +69,10 @@ struct BoardMatch
     // Set when the VPD object itself cannot be probed (a VpdName that is no
     // string); the probe reports it as an error of that object.
     std::string failure;
+    // Set when the record cannot be composed (a template that is no object).
+    // The probe raises it where it composes the record, after it has made
+    // the board's interface.
+    std::string compositionFailure;
 
     bool found() const
     {
@@ -114,41 +118,36 @@ std::string hex16(std::uint64_t value);
 // std::bad_variant_access.
 std::string vpdText(const VpdProperties& vpd, const char* name);
 
-// A JSON number as T: integers and floats alike must lie in T's range, else
-// std::out_of_range; any other JSON type throws nlohmann::json::type_error,
-// as a conversion to the wrong type does.
+// A JSON number as the JSON library converts it to T: an integer wraps
+// modulo 2^N (-1 gives an unsigned T's largest value, 258 as a byte gives
+// 2), a float loses its fraction. A float whose whole part T does not hold,
+// or NaN, where that conversion is undefined, throws std::out_of_range. Any
+// other JSON type converts as the library converts it, or throws
+// nlohmann::json::type_error.
 template <typename T>
 T numberAs(const nlohmann::json& value)
 {
-    static_assert(std::is_integral_v<T> && std::is_unsigned_v<T>);
+    static_assert(std::is_integral_v<T>);
     if (value.is_number_float())
     {
         const double number = value.get<double>();
-        const double limit = std::ldexp(1.0, std::numeric_limits<T>::digits);
-        if (!(number > -1.0 && number < limit))
+        // The bounds are exact as doubles; the comparison refuses NaN.
+        const double above = std::ldexp(1.0, std::numeric_limits<T>::digits);
+        const double below = std::is_signed_v<T> ? -above - 1.0 : -1.0;
+        if (!(number > below && number < above))
         {
             throw std::out_of_range(
                 "number " + value.dump() + " is out of range");
         }
         return static_cast<T>(number);
     }
+    if (value.is_number_unsigned())
+    {
+        return static_cast<T>(value.get<std::uint64_t>());
+    }
     if (value.is_number_integer())
     {
-        if (value.is_number_unsigned())
-        {
-            const auto number = value.get<std::uint64_t>();
-            if (number <= std::numeric_limits<T>::max())
-            {
-                return static_cast<T>(number);
-            }
-        }
-        else if (const auto number = value.get<std::int64_t>();
-                 number >= 0 && static_cast<std::uint64_t>(number) <=
-                                    std::numeric_limits<T>::max())
-        {
-            return static_cast<T>(number);
-        }
-        throw std::out_of_range("number " + value.dump() + " is out of range");
+        return static_cast<T>(value.get<std::int64_t>());
     }
     return value.get<T>();
 }
@@ -174,52 +173,6 @@ inline std::optional<std::uint64_t> wrappedUnsigned(const nlohmann::json& value)
         return static_cast<std::uint64_t>(value.get<std::int64_t>());
     }
     return value.get<std::uint64_t>();
-}
-
-// A JSON number as a signed 64-bit value, a fraction cut off; none for
-// another type, NaN or a number beyond that range.
-inline std::optional<std::int64_t> truncatedSigned(const nlohmann::json& value)
-{
-    if (value.is_number_unsigned())
-    {
-        const auto number = value.get<std::uint64_t>();
-        return std::in_range<std::int64_t>(number)
-                   ? std::optional(static_cast<std::int64_t>(number))
-                   : std::nullopt;
-    }
-    if (value.is_number_integer())
-    {
-        return value.get<std::int64_t>();
-    }
-    if (value.is_number_float())
-    {
-        const double number = std::trunc(value.get<double>());
-        const double limit = std::ldexp(1.0, 63);
-        if (number >= -limit && number < limit)
-        {
-            return static_cast<std::int64_t>(number);
-        }
-    }
-    return std::nullopt;
-}
-
-// value as T when it is a number in T's range, else none: for the places
-// that pass over a value of the wrong type.
-template <typename T>
-std::optional<T> numberIf(const nlohmann::json& value)
-{
-    if (!value.is_number())
-    {
-        return std::nullopt;
-    }
-    try
-    {
-        return numberAs<T>(value);
-    }
-    catch (const std::out_of_range&)
-    {
-        return std::nullopt;
-    }
 }
 
 } // namespace hwtopod::rules

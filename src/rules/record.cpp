@@ -2,7 +2,6 @@
 #include "rules/matcher.hpp"
 #include "rules/rules.hpp"
 
-#include <stdexcept>
 #include <string>
 
 namespace hwtopod::rules
@@ -95,8 +94,8 @@ void fillRecord(nlohmann::json& record, const nlohmann::json& properties,
 {
     if (!record.is_null() && !record.is_object())
     {
-        throw std::runtime_error(std::string("record template is a JSON ") +
-                                 record.type_name() + ", not an object");
+        // A template of another kind: the library's own error.
+        (void)record.at("");
     }
     if (properties.is_object())
     {

@@ -104,7 +104,8 @@ nlohmann::json recordTemplate(const nlohmann::json& rule,
 //     vpd. A property found replaces the string with a JSON value of its
 //     kind; a missing one leaves the string as it is.
 // properties that is not an object places nothing. A record that is neither
-// null nor an object (a template of another kind) throws std::runtime_error.
+// null nor an object (a template of another kind) throws the JSON library's
+// type error.
 void fillRecord(nlohmann::json& record, const nlohmann::json& properties,
                 const VpdProperties& vpd, const CompositionLog& log);
 

@@ -67,6 +67,11 @@ TEST(BoardMatcher, RulesEntriesAndSelectors)
         rules::matchStaticBackplane(bpRules, bpTopology, located(1), 112, e3s);
     EXPECT_EQ(match.lines.back(),
               (MatchLine{LogLevel::warning, "hwtopod cannot find bp "}));
+    // A section that cannot be keyed by type fails the object.
+    EXPECT_EQ(rules::matchStaticBackplane(bpRules, bpTopology["NormalBP"],
+                                          located(1), 112, e3s)
+                  .failure,
+              "[json.exception.type_error.304] cannot use at() with array");
 
     // The second rule's template with a VPD reference; the static walk.
     match = rules::matchStaticBackplane(
@@ -89,12 +94,17 @@ TEST(BoardMatcher, OddDataFindsNoBoardAndNeverThrows)
                                      riserTopology, located(1), 224, selectors);
         EXPECT_FALSE(match.found()) << rulesDocument;
     }
-    // An entry that is no object costs its rule, with the probe's line.
+    // An entry that is no object costs its rule, with the probe's line and
+    // the library's error.
     auto match = rules::matchDynamicBoard(
         rules::Board::riser, json::parse(R"([{"POSID": 224}])"), riserTopology,
         located(1), 224, selectors);
     EXPECT_FALSE(match.found());
-    EXPECT_EQ(match.lines.back().level, LogLevel::critical);
+    EXPECT_EQ(match.lines.back(),
+              (MatchLine{LogLevel::critical,
+                         "Exception when probing dynamic riser vpd: "
+                         "[json.exception.type_error.304] cannot use at() "
+                         "with number"}));
 
     // A name that is no string fails the object, and says why.
     VpdProperties oddName{{"VpdName", std::uint32_t{7}}};
@@ -102,9 +112,11 @@ TEST(BoardMatcher, OddDataFindsNoBoardAndNeverThrows)
                                      bpTopology, oddName, 112, selectors);
     EXPECT_FALSE(match.failure.empty());
 
-    // Numbers out of the target's range are refused, whatever their kind.
-    EXPECT_THROW(rules::numberAs<std::uint8_t>(json(300)), std::out_of_range);
-    EXPECT_THROW(rules::numberAs<unsigned>(json(-1)), std::out_of_range);
+    // Numbers convert as the JSON library converts them; a float it cannot
+    // convert, or another kind, throws.
+    EXPECT_EQ(rules::numberAs<std::uint8_t>(json(258)), 2U);
+    EXPECT_EQ(rules::numberAs<unsigned>(json(-1)), 4294967295U);
+    EXPECT_EQ(rules::numberAs<std::uint8_t>(json(255.9)), 255U);
     EXPECT_THROW(rules::numberAs<std::uint8_t>(json(256.0)), std::out_of_range);
-    EXPECT_EQ(rules::numberAs<std::uint8_t>(json(255)), 255U);
+    EXPECT_THROW(rules::numberAs<unsigned>(json("2")), json::type_error);
 }

@@ -36,7 +36,10 @@ const auto trd = nlohmann::json::parse(R"({
     {"Name": "Riser Two", "Interface": "com.halvex.hwtopod.riser",
      "Location": 2, "PosID": 0,
      "Properties": {"RiserSlot": 2, "PCIeSlot": [3, 0, 4], "BUS": 20,
-                    "BusOffset": -1, "Connector": 7}}
+                    "BusOffset": -1, "Connector": 7}},
+    {"Name": "Riser-Four", "Interface": "com.halvex.hwtopod.riser",
+     "Location": 4, "PosID": 0, "Properties": {"RiserSlot": -1,
+     "PCIeSlot": [5], "BUS": 2, "BusOffset": -5}}
   ],
   "midplanes": [
     {"Name": "Midplane A", "Interface": "com.halvex.hwtopod.midplane",
@@ -155,6 +158,15 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
     EXPECT_EQ(linkTarget("pcie_slot4_i2c"),
               sandboxPath("sys/devices/platform/i2c/i2c-21"));
     EXPECT_FALSE(std::filesystem::exists(root / "dev/pcie_slot0_i2c"));
+    // A name the bus cannot carry costs its object alone; numbers convert.
+    platform->discovery.vpdObjects["/com/halvex/vpdd/R4"] =
+        object(0xE0, 224, 4);
+    CaptureStderr();
+    EXPECT_THROW(platform->probeVpdd("/com/halvex/vpdd/R4"), dbus::Error);
+    EXPECT_THAT(GetCapturedStderr(),
+                HasSubstr("CANNOT FIND THE PATH : "
+                          "/sys/bus/i2c/devices/i2c-4294967293\n"));
+    EXPECT_EQ(platform->discovery.risersFound["risers"].size(), 2U);
 
     // A midplane object is ignored unless the machine enables the probe.
     log = probe(*platform, "/com/halvex/vpdd/PDB", object(0x81, 129, 0));
@@ -181,7 +193,9 @@ TEST_F(StaticDiscovery, BackplanesAndRisersOneByOne)
     const auto events = eventsSoFar();
     EXPECT_EQ(events.count({"TKRMBIO0000I", "links with Backplane 3"}), 1U);
     EXPECT_EQ(events.count({"TKRMBIO0034I", "PWR_7::PCIe Riser::2"}), 1U);
-    EXPECT_EQ(events.size(), 2U);
+    EXPECT_EQ(
+        events.count({"TKRMBIO0000I", "links with PCIe Riser 4294967295"}), 1U);
+    EXPECT_EQ(events.size(), 3U);
 }
 
 TEST_F(StaticDiscovery, MidplaneFromThePowerDistributionBoard)
@@ -189,15 +203,21 @@ TEST_F(StaticDiscovery, MidplaneFromThePowerDistributionBoard)
     auto platform = start(true);
     auto log = probe(*platform, "/com/halvex/vpdd/PDB", object(0x81, 129, 0));
     EXPECT_THAT(log, HasSubstr("[INFO] hwtopod find midplane\n"));
-    // A template that is no object, or an entry that is none, ends the probe
-    // with its own line; nothing leaves it.
-    for (std::uint8_t posId : {130, 131})
-    {
-        EXPECT_THAT(
-            probe(*platform, "/com/halvex/vpdd/PDB_X", object(0x81, posId, 0)),
-            HasSubstr("[CRITICAL] Exception in "
-                      "probeChassisMidplaneBaseOnPdbStatic: "));
-    }
+    // An entry that is no object ends the probe with its own line. A
+    // template that is no object fails the record once the interface is
+    // made, which stays, and the library's error leaves the probe.
+    EXPECT_THAT(
+        probe(*platform, "/com/halvex/vpdd/PDB_X", object(0x81, 131, 0)),
+        HasSubstr("[CRITICAL] Exception in "
+                  "probeChassisMidplaneBaseOnPdbStatic: "));
+    platform->discovery.vpdObjects["/com/halvex/vpdd/PDB_Y"] =
+        object(0x81, 130, 0);
+    EXPECT_THAT([&]() { platform->probeVpdd("/com/halvex/vpdd/PDB_Y"); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    "[json.exception.type_error.304] cannot use at() with "
+                    "array"));
+    EXPECT_FALSE(platform->addDbusInterface("/chassis/midplane/Midplane_B",
+                                            "com.halvex.hwtopod.midplane"));
     EXPECT_EQ(linkTarget("midplane1_i2c"),
               sandboxPath("sys/devices/platform/i2c/i2c-60"));
     EXPECT_EQ(

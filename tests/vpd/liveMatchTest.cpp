@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <mutex>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -45,6 +46,10 @@ class CountingPlatform : public Platform::Kelvane1u
         std::lock_guard lock(mutex);
         threads.push_back(std::this_thread::get_id());
         cacheAtCall.push_back(discovery.vpdObjects);
+        if (failFirst && threads.size() == 1)
+        {
+            throw std::runtime_error("walk failed");
+        }
     }
 
     std::size_t calls()
@@ -53,6 +58,7 @@ class CountingPlatform : public Platform::Kelvane1u
         return threads.size();
     }
 
+    bool failFirst = false; // the first call throws
     std::mutex mutex;
     std::vector<std::thread::id> threads;
     std::vector<hwtopod::VpdCache> cacheAtCall;
@@ -328,6 +334,7 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
         }
     };
     platform = std::make_unique<CountingPlatform>(std::move(seams));
+    platform->failFirst = true;
 
     // While the read-out's answer is held, the signal of an object the
     // answer does not hold reaches the worker: it is kept, after the ready
@@ -344,7 +351,8 @@ TEST_F(VpdDiscovery, RestartReadsTheServiceOnceItIsReady)
     CaptureStderr();
     platform->serviceInit();
     platform->serviceRun();
-    platform->waitForVpd();
+    // The walk fails: the signals held back for it are handled all the same.
+    EXPECT_THROW(platform->waitForVpd(), std::runtime_error);
     lateSignal.join();
     const std::string log = GetCapturedStderr();
 
