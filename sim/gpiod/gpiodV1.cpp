@@ -468,52 +468,26 @@ int gpiod_line_event_wait_bulk(struct gpiod_line_bulk* bulk,
                                struct gpiod_line_bulk* event_bulk)
 {
     auto& m = machine();
-    const long long wait = milliseconds(timeout);
-    int fd = -1;
-    while (true)
-    {
+    return waitForEdges(m, static_cast<int>(milliseconds(timeout)), [&]() {
+        if (event_bulk != nullptr)
         {
-            std::lock_guard lock(m.mutex);
-            drainFifo(m);
-            if (event_bulk != nullptr)
+            gpiod_line_bulk_init(event_bulk);
+        }
+        bool any = false;
+        for (unsigned int i = 0; i < bulk->num_lines; ++i)
+        {
+            auto* line = bulk->lines[i];
+            if (line->forEvents && !m.lines[line->offset].pending.empty())
             {
-                gpiod_line_bulk_init(event_bulk);
-            }
-            bool any = false;
-            for (unsigned int i = 0; i < bulk->num_lines; ++i)
-            {
-                auto* line = bulk->lines[i];
-                if (line->forEvents && !m.lines[line->offset].pending.empty())
+                any = true;
+                if (event_bulk != nullptr)
                 {
-                    any = true;
-                    if (event_bulk != nullptr)
-                    {
-                        gpiod_line_bulk_add(event_bulk, line);
-                    }
+                    gpiod_line_bulk_add(event_bulk, line);
                 }
             }
-            if (any)
-            {
-                return 1;
-            }
-            fd = edgeFifo(m);
         }
-        if (fd < 0)
-        {
-            errno = ENOENT;
-            return -1;
-        }
-        pollfd entry{fd, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, static_cast<int>(wait));
-        if (ready == 0)
-        {
-            return 0;
-        }
-        if (ready < 0 && errno != EINTR)
-        {
-            return -1;
-        }
-    }
+        return any;
+    });
 }
 
 int gpiod_line_event_wait(struct gpiod_line* line,

@@ -375,34 +375,9 @@ int gpiod_line_request_wait_edge_events(struct gpiod_line_request* request,
             ? -1
             : static_cast<int>(std::min<int64_t>(
                   timeout_ns / 1000000, std::numeric_limits<int>::max()));
-    while (true)
-    {
-        int fd = -1;
-        {
-            std::lock_guard lock(m.mutex);
-            drainFifo(m);
-            if (watchesEdges(*request, m))
-            {
-                return 1;
-            }
-            fd = edgeFifo(m);
-        }
-        if (fd < 0)
-        {
-            errno = ENOENT;
-            return -1;
-        }
-        pollfd entry{fd, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, wait);
-        if (ready == 0)
-        {
-            return 0;
-        }
-        if (ready < 0 && errno != EINTR)
-        {
-            return -1;
-        }
-    }
+    return simgpio::waitForEdges(m, wait, [&]() {
+        return watchesEdges(*request, m);
+    });
 }
 
 int gpiod_line_request_read_edge_events(struct gpiod_line_request* request,

@@ -1,8 +1,10 @@
 #include "machine.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -115,6 +117,39 @@ void drainFifo(Machine& m)
     {
         applyEdge(m, m.partial.substr(0, end));
         m.partial.erase(0, end + 1);
+    }
+}
+
+int waitForEdges(Machine& m, int timeoutMs,
+                 const std::function<bool()>& hasEdges)
+{
+    while (true)
+    {
+        int fd = -1;
+        {
+            std::lock_guard lock(m.mutex);
+            drainFifo(m);
+            if (hasEdges())
+            {
+                return 1;
+            }
+            fd = edgeFifo(m);
+        }
+        if (fd < 0)
+        {
+            errno = ENOENT;
+            return -1;
+        }
+        pollfd entry{fd, POLLIN, 0};
+        const int ready = ::poll(&entry, 1, timeoutMs);
+        if (ready == 0)
+        {
+            return 0;
+        }
+        if (ready < 0 && errno != EINTR)
+        {
+            return -1;
+        }
     }
 }
 

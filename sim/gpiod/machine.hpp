@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -66,6 +67,13 @@ int edgeFifo(Machine& m);
 
 // Moves whatever the FIFO holds onto the lines' pending edges.
 void drainFifo(Machine& m);
+
+// Waits until hasEdges, asked with the mutex held after the FIFO is
+// drained, says yes (1), the time-out in milliseconds runs out (0; a
+// negative one never does) or the wait fails (-1, errno set). Called
+// without the mutex.
+int waitForEdges(Machine& m, int timeoutMs,
+                 const std::function<bool()>& hasEdges);
 
 // True when the text names the controller: its name, device node, label or
 // number.
