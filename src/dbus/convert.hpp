@@ -25,35 +25,65 @@ template <typename T>
 constexpr const char* signatureOfType()
 {
     if constexpr (std::is_same_v<T, std::string>)
+    {
         return "s";
+    }
     else if constexpr (std::is_same_v<T, bool>)
+    {
         return "b";
+    }
     else if constexpr (std::is_same_v<T, std::uint8_t>)
+    {
         return "y";
+    }
     else if constexpr (std::is_same_v<T, std::int16_t>)
+    {
         return "n";
+    }
     else if constexpr (std::is_same_v<T, std::uint16_t>)
+    {
         return "q";
+    }
     else if constexpr (std::is_same_v<T, std::int32_t>)
+    {
         return "i";
+    }
     else if constexpr (std::is_same_v<T, std::uint32_t>)
+    {
         return "u";
+    }
     else if constexpr (std::is_same_v<T, std::int64_t>)
+    {
         return "x";
+    }
     else if constexpr (std::is_same_v<T, std::uint64_t>)
+    {
         return "t";
+    }
     else if constexpr (std::is_same_v<T, double>)
+    {
         return "d";
+    }
     else if constexpr (std::is_same_v<T, std::vector<std::string>>)
+    {
         return "as";
+    }
     else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>)
+    {
         return "ay";
+    }
     else if constexpr (std::is_same_v<T, std::vector<std::int64_t>>)
+    {
         return "ax";
+    }
     else if constexpr (std::is_same_v<T, std::vector<std::uint64_t>>)
+    {
         return "at";
+    }
     else
+    {
         static_assert(!sizeof(T), "no D-Bus signature for this type");
+    }
 }
 
 template <typename Variant>

@@ -227,6 +227,10 @@ TEST(Simulator, FaultStandingAtStartAndThermalTripEdges)
     // the GPIO library stand-in to the production monitor.
     EXPECT_THAT(text, HasSubstr("powerFaultDetect: bit VR_FAULT_3_N error"));
     EXPECT_THAT(text, HasSubstr(" Another edge come for CPU1_THERMTRIP"));
+    // The trip's rising edge is read first, as it came, and as a rising one.
+    const auto first = text.find("CPU1_THERMTRIP (#");
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_EQ(text[text.find('\n', first) - 1], '1') << text.substr(first, 60);
     EXPECT_EQ(problems(report), (Events{{"TKRMBPW0131N", "12V_PCIE_PWR1"},
                                         {"TKRMBPU0001N", "1::"}}));
     EXPECT_EQ(events(report).count({"TKRMBPU2001I", "1::"}), 1U);
