@@ -38,6 +38,8 @@ cache=${HWTOPOD_BOOT_CACHE:-/opt/hwtopod/boot-trixie-armhf}
 build=${HWTOPOD_BUILD_DIR:-$top/build-armhf-trixie}
 # Seconds the whole boot test may take under emulation on a loaded machine.
 boot_timeout=${HWTOPOD_BOOT_TIMEOUT:-900}
+# shellcheck source=scripts/debian-mirror.sh
+. "$top/scripts/debian-mirror.sh"
 say() { echo "boot-image: $*" >&2; }
 
 mode=test
@@ -82,12 +84,7 @@ board_dtb=aspeed-ast2600-evb.dtb
 # The Debian mirror the machine's own apt uses (its first one, which is the
 # main archive); the security archive is left out, since one of its indexes
 # failing to fetch would stop mmdebstrap and a test guest needs none of it.
-debian_mirror() {
-    local uri
-    uri=$(sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/*.sources 2>/dev/null | head -1)
-    [ -n "$uri" ] || uri=$(awk '$1 == "deb" { print $2; exit }' /etc/apt/sources.list 2>/dev/null)
-    echo "${HWTOPOD_BOOT_MIRROR:-${uri%% *}}"
-}
+debian_mirror() { echo "${HWTOPOD_BOOT_MIRROR:-$(machine_mirror)}"; }
 # suite_alias SUITE: the other name (stable, testing) the mirror's Release
 # file gives the release.
 suite_alias() {

@@ -13,18 +13,15 @@ set -euo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
 root=${HWTOPOD_DEBIAN13_ROOT:-/opt/hwtopod/debian13}
+# shellcheck source=scripts/debian-mirror.sh
+. "$top/scripts/debian-mirror.sh"
 say() { echo "debian13: $*" >&2; }
 
 # The mirror this machine's own sources name, as the boot system does.
-debian_mirror() {
-    local uri
-    uri=$(sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/*.sources 2>/dev/null | head -1)
-    [ -n "$uri" ] || uri=$(awk '$1 == "deb" { print $2; exit }' /etc/apt/sources.list 2>/dev/null)
-    echo "${HWTOPOD_DEBIAN_MIRROR:-${uri%% *}}"
-}
+debian_mirror() { echo "${HWTOPOD_DEBIAN_MIRROR:-$(machine_mirror)}"; }
 
 # What a fresh Debian 13 machine has before the project's own script runs:
-# apt and sudo-free root. Everything else is install-deps.sh's to add.
+# apt, run as root. Everything else is install-deps.sh's to add.
 base_packages=(ca-certificates)
 stamp="trixie ${base_packages[*]}"
 if [ "$(cat "$root/.hwtopod-stamp" 2>/dev/null)" != "$stamp" ]; then

@@ -56,8 +56,9 @@ struct Machine
     std::uint64_t edges = 0;
 };
 
-// The process's one controller, its line file read on first use. Every
-// function below is called with its mutex held.
+// The process's one controller, its line file read on first use. The
+// functions below but waitForEdges and isThisChip are called with its mutex
+// held.
 Machine& machine();
 void load(Machine& m);
 
